@@ -1,0 +1,69 @@
+// The allocator shim: the malloc family of the process over tbbmalloc, with one hook.
+//
+// libtbbamalloc.so interposes malloc, calloc, realloc, free and their relatives. Beyond forwarding it does
+// three things: it reports every allocation and free to one callback on the calling thread, it keeps the new
+// mode and the new handler, and it knows which threads are inside one of its entry points, so that fork and
+// teardown can wait for them. There is no bookkeeping of blocks here.
+//
+// Every function may be called from any thread and before any constructor has run.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// block          start of the block
+// requested_size bytes the caller asked for; 0 in a free event, because nothing knows it then
+// allocated_size bytes of the block's slot as the allocator reports them
+// is_allocation  true behind a successful allocation, false before the block goes back
+using tbbk_mem_tracker_callback = void (*)(void* block, std::uint64_t requested_size,
+                                           std::uint64_t allocated_size, bool is_allocation);
+
+// Called with the size that could not be had; non-zero means "memory was freed, try again".
+using tbbk_new_handler = int (*)(std::size_t size);
+
+extern "C" {
+
+// Installs the one hook, or removes it with null. Each allocator call reads the hook once, so a call already
+// under way still reports to the hook that it read; tbbk_quiesce_begin waits for those.
+void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept;
+
+// The hook now installed, or null.
+tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept;
+
+// Whether the process's `malloc` really is the shim's. False means that no event will ever arrive: the shim
+// is not a direct dependency of the executable and not preloaded, so another malloc stands before it in the
+// search order. Takes the loader's lock: never call it from the hook.
+bool tbbk_process_malloc_is_shim() noexcept;
+
+// Keeps all other threads out of the shim's entry points: raises a gate at which they wait, then waits until
+// no other thread is inside one, its hook call included. The calling thread itself may go on allocating.
+// timeout_ms  longest time to wait for threads to leave
+// Returns true when no other thread is inside; false when the time ran out, the gate then stays up all the
+// same. Every call must be followed by tbbk_quiesce_end on the same thread. Calls nest.
+bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept;
+void tbbk_quiesce_end() noexcept;
+
+// Registers the fork handlers that put the gate around fork; the shim's constructor does it too. A library
+// that registers fork handlers of its own calls this first, so that the gate closes behind its prepare
+// handler and opens before its child handler. Calls after the first do nothing.
+void tbbk_guard_forks() noexcept;
+
+// The stack address where the frame of the innermost running allocator entry point of this thread ends (its
+// canonical frame address), while the hook runs; null outside the hook. The word below it is the entry
+// point's return address, so a stack walk that drops every frame below it begins with the caller of malloc.
+const void* tbbk_entry_frame() noexcept;
+
+// How many entry points of the shim this thread is inside of (0 outside).
+unsigned tbbk_entry_depth() noexcept;
+
+// Usable size in bytes of a block from this allocator or of a foreign one; 0 for null.
+std::size_t _msize(void* block) noexcept;
+
+// Mode 1: a failing malloc calls the new handler and tries again while that returns non-zero. Mode 0 (at
+// load): it returns null. Gives the old mode; any other argument changes nothing and gives -1.
+int _set_new_mode(int mode) noexcept;
+
+// Sets the handler of mode 1, null for none; gives the old one. (The C++ library's own new handler is not
+// touched: operator new calls malloc first and runs its own loop after that.)
+tbbk_new_handler _set_new_handler(tbbk_new_handler handler) noexcept;
+}
