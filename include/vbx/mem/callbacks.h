@@ -1,0 +1,21 @@
+// Event callbacks: functions called on every allocation and free of the process, on the thread that makes it.
+#pragma once
+
+#include <vbx/mem/export.h>
+
+#include <cstdint>
+
+// block           start of the block; still the caller's during a free event
+// requested_size  bytes asked for; 0 in a free event and where the allocator does not say
+// allocated_size  bytes of the slot
+// is_allocation   true behind an allocation, false before a free
+using MEM_EVENT_CALLBACK = void (*)(void* block, std::uint64_t requested_size, std::uint64_t allocated_size,
+                                    bool is_allocation);
+
+// Adds a callback behind those already in the table; one that is already there is not added twice. The table
+// holds 16 callbacks, of which the library uses at most 5; one more ends the process with an internal error.
+VBX_MEM_API void mem_add_callback_function(MEM_EVENT_CALLBACK callback);
+
+// Removes a callback; the order of the others stays. An event already under way on another thread may still
+// call it once.
+VBX_MEM_API void mem_remove_callback_function(MEM_EVENT_CALLBACK callback);

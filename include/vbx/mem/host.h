@@ -1,0 +1,59 @@
+// The services that a host lends the library (configuration, paths, messages), and the library's queries that
+// go through them. The library works without any: configuration then comes from the configuration library, if
+// that is in the process, or from the environment; paths are empty; messages go to standard output.
+//
+// A host fills the slots at its own start-up, from one thread. Each setter stores its pointer; null takes the
+// slot back to the default.
+#pragma once
+
+#include <vbx/mem/export.h>
+
+#include <cstdarg>
+#include <string>
+
+// A variable-argument list as a message callback receives it: `va_list` in its parameter form.
+using MEM_MESSAGE_ARGUMENTS = std::va_list;
+
+using MEM_MESSAGE_CALLBACK = bool (*)(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args);
+using MEM_CFG_IS_ON_CALLBACK = bool (*)(const char* name, bool default_value);
+using MEM_CFG_GET_VALUE_CALLBACK = void (*)(const char* name, std::string* value);
+using MEM_CFG_GET_INT_VALUE_CALLBACK = void (*)(const char* name, int* value, int default_value);
+using MEM_STRING_CALLBACK = std::string (*)();
+using MEM_BOOL_CALLBACK = bool (*)();
+using MEM_TEXT_CALLBACK = const char* (*)();
+
+VBX_MEM_API void mem_set_msg_local_vdebug_callback(MEM_MESSAGE_CALLBACK callback);
+VBX_MEM_API void mem_set_msg_local_vinfo_callback(MEM_MESSAGE_CALLBACK callback);
+VBX_MEM_API void mem_set_cfg_is_on_callback(MEM_CFG_IS_ON_CALLBACK callback);
+VBX_MEM_API void mem_set_cfg_get_value_callback(MEM_CFG_GET_VALUE_CALLBACK callback);
+VBX_MEM_API void mem_set_cfg_get_int_value_callback(MEM_CFG_GET_INT_VALUE_CALLBACK callback);
+VBX_MEM_API void mem_set_gen_get_tarvane_path_callback(MEM_STRING_CALLBACK callback);
+VBX_MEM_API void mem_set_gen_get_db_dir_path_string_callback(MEM_STRING_CALLBACK callback);
+VBX_MEM_API void mem_set_gen_get_is_ui_process_callback(MEM_BOOL_CALLBACK callback);
+VBX_MEM_API void mem_set_gen_get_module_filename_callback(MEM_STRING_CALLBACK callback);
+VBX_MEM_API void mem_set_gen_get_project_output_directory_callback(MEM_TEXT_CALLBACK callback);
+
+// Configuration. `name` is the key; without a slot and without a configuration library it is the name of an
+// environment variable.
+// is_on: "on" and "1" are true, "off" and "0" false, in any case of letters; anything else is default_value.
+VBX_MEM_API bool mem_cfg_is_on(const char* name, bool default_value);
+// The whole value; empty when there is none.
+VBX_MEM_API std::string mem_cfg_get_value(const char* name);
+// The number at the beginning of the value. default_value is handed to a host's callback and used nowhere
+// else: a missing value is 0.
+VBX_MEM_API int mem_cfg_get_int_value(const char* name, int default_value);
+
+// Paths and process; with an empty slot "" or false. The last never gives null.
+VBX_MEM_API std::string mem_gen_get_tarvane_path();
+VBX_MEM_API std::string mem_gen_get_db_dir_path_string();
+VBX_MEM_API std::string mem_gen_get_module_filename();
+VBX_MEM_API bool mem_gen_get_is_ui_process();
+VBX_MEM_API const char* mem_gen_get_project_output_directory();
+
+// Messages. With an empty slot: "TAG: ", the formatted text and a newline on standard output, result true.
+VBX_MEM_API bool mem_msg_local_vdebug(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args);
+VBX_MEM_API bool mem_msg_local_vinfo(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args);
+
+// For hosts: the library neither reads nor writes it.
+class MSG_INTERFACE;
+VBX_MEM_API extern MSG_INTERFACE* msg_interface;

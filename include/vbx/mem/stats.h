@@ -1,0 +1,73 @@
+// Process-wide counters: bytes and blocks that are live, their high-water marks, and local regions.
+//
+//     current  ......................./\......  what is live now
+//     peak     ________________________________  the highest current so far
+//     local_peak       [region.......]           the highest current since the region began
+//
+// The counters run while the granularity mask has MEM_GRANULARITY_PER_BIN or MEM_GRANULARITY_CHECK_LEAKS_FAST.
+// They are alive before the tracker starts and after its teardown.
+#pragma once
+
+#include <vbx/mem/export.h>
+
+#include <atomic>
+#include <cstdint>
+
+// One number that many threads change: plain loads and stores, atomic additions, no ordering.
+template <class T>
+class KTL_RELAXED_ATOMIC_BASE {
+  public:
+    constexpr KTL_RELAXED_ATOMIC_BASE() = default;
+    constexpr explicit KTL_RELAXED_ATOMIC_BASE(T value) : m_value(value) {}
+    KTL_RELAXED_ATOMIC_BASE(const KTL_RELAXED_ATOMIC_BASE& other) : m_value(other.load()) {}
+    KTL_RELAXED_ATOMIC_BASE& operator=(const KTL_RELAXED_ATOMIC_BASE& other) {
+        store(other.load());
+        return *this;
+    }
+    virtual ~KTL_RELAXED_ATOMIC_BASE() = default;
+
+    T load() const { return m_value.load(std::memory_order_relaxed); }
+    void store(T value) { m_value.store(value, std::memory_order_relaxed); }
+    // Gives the value after the addition.
+    T add(T delta) { return m_value.fetch_add(delta, std::memory_order_relaxed) + delta; }
+    T subtract(T delta) { return m_value.fetch_sub(delta, std::memory_order_relaxed) - delta; }
+    // Makes the value at least `floor`; it never falls.
+    void raise_to(T floor) {
+        T seen = load();
+        while (floor > seen && !m_value.compare_exchange_weak(seen, floor, std::memory_order_relaxed)) {
+        }
+    }
+
+  private:
+    std::atomic<T> m_value{0};
+};
+
+template <class T>
+class KTL_RELAXED_ATOMIC : public KTL_RELAXED_ATOMIC_BASE<T> {
+  public:
+    using KTL_RELAXED_ATOMIC_BASE<T>::KTL_RELAXED_ATOMIC_BASE;
+};
+
+struct MEM_BASE_STATS {
+    KTL_RELAXED_ATOMIC<long long> bytes;
+    KTL_RELAXED_ATOMIC<long long> blocks;
+};
+
+struct MEM_STATS {
+    MEM_BASE_STATS current;
+    MEM_BASE_STATS peak;
+    MEM_BASE_STATS local_peak;
+
+    // Counts one block of `size` bytes and raises both pairs of peaks. Lock-free.
+    void add_block(std::uint64_t size);
+    // Takes one block of `size` bytes from `current`, which may fall below 0. Lock-free.
+    void remove_block(std::uint64_t size);
+};
+
+// The queries read each field by itself: the figures of one call are not one instant. Lock-free.
+VBX_MEM_API MEM_STATS mem_get_stats();
+VBX_MEM_API MEM_BASE_STATS mem_get_global_current();
+VBX_MEM_API MEM_BASE_STATS mem_get_global_peak();
+VBX_MEM_API MEM_BASE_STATS mem_get_local_peak();
+// Live bytes; a current figure below 0 turns into a very large number.
+VBX_MEM_API std::uint64_t mem_get_current_bytes();

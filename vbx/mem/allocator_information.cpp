@@ -1,0 +1,41 @@
+#include "vbx/mem/allocator_information.h"
+
+#include "vbx/mem/base/library_lock.h"
+#include "vbx/mem/host/messages.h"
+#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+
+#include <vbx/mem/host.h>
+
+namespace {
+
+constinit bool lines_are_late = false;
+
+void print_lines() {
+    mem_print_stdout("Debug: MEM: Native allocator:          '%s'\n", "TBBmalloc");
+    mem_print_stdout("Debug: MEM: Allocator used by Tarvane: '%s'\n", "TBBmalloc");
+}
+
+struct ALLOCATOR_INFORMATION {
+    bool debug_messages_are_on = mem_cfg_is_on("debug_msg", false);
+
+    ~ALLOCATOR_INFORMATION() {
+        if (!debug_messages_are_on)
+            return;
+        if (mem_tracker_objects_exist.load(std::memory_order_relaxed))
+            lines_are_late = true;
+        else
+            print_lines();
+    }
+};
+
+} // namespace
+
+void mem_keep_allocator_information() {
+    const MEM_LIBRARY_GUARD guard;
+    static ALLOCATOR_INFORMATION information;
+}
+
+void mem_print_kept_allocator_information() {
+    if (lines_are_late)
+        print_lines();
+}

@@ -1,0 +1,58 @@
+// The lock of nearly everything in the tracker: held for a few field updates, without owner, recursion or time
+// limit. A thread that finds it taken yields the processor.
+#pragma once
+
+#include "vbx/mem/base/annotations.h"
+#include "vbx/mem/base/lock_rank.h"
+#include "vbx/platform/os/thread.h"
+
+#include <atomic>
+#include <cstdint>
+
+class MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
+  public:
+    constexpr explicit MEM_SPIN_LOCK(MEM_LOCK_RANK rank) : m_rank(rank) {}
+    MEM_SPIN_LOCK(const MEM_SPIN_LOCK&) = delete;
+    MEM_SPIN_LOCK& operator=(const MEM_SPIN_LOCK&) = delete;
+
+    void acquire() MEM_ACQUIRE() {
+        mem_rank_acquire(m_rank);
+        while (m_word.exchange(1, std::memory_order_acquire) != 0)
+            os_yield();
+    }
+    void release() MEM_RELEASE() {
+        m_word.store(0, std::memory_order_release);
+        mem_rank_release(m_rank);
+    }
+    // Frees the lock whoever held it: for a forked child, whose other threads are gone.
+    void reset() { m_word.store(0, std::memory_order_relaxed); }
+
+  private:
+    std::atomic<std::uint64_t> m_word{0};
+    MEM_LOCK_RANK m_rank;
+};
+
+class MEM_SCOPED_CAPABILITY MEM_SPIN_GUARD {
+  public:
+    explicit MEM_SPIN_GUARD(MEM_SPIN_LOCK& lock) MEM_ACQUIRE(lock) : m_lock(lock) { m_lock.acquire(); }
+    ~MEM_SPIN_GUARD() MEM_RELEASE() { m_lock.release(); }
+    MEM_SPIN_GUARD(const MEM_SPIN_GUARD&) = delete;
+    MEM_SPIN_GUARD& operator=(const MEM_SPIN_GUARD&) = delete;
+
+  private:
+    MEM_SPIN_LOCK& m_lock;
+};
+
+// The other way round: gives a held lock up for a scope, also when the scope ends by an exception.
+class MEM_SPIN_UNGUARD {
+  public:
+    explicit MEM_SPIN_UNGUARD(MEM_SPIN_LOCK& lock) MEM_NO_THREAD_SAFETY_ANALYSIS : m_lock(lock) {
+        m_lock.release();
+    }
+    ~MEM_SPIN_UNGUARD() MEM_NO_THREAD_SAFETY_ANALYSIS { m_lock.acquire(); }
+    MEM_SPIN_UNGUARD(const MEM_SPIN_UNGUARD&) = delete;
+    MEM_SPIN_UNGUARD& operator=(const MEM_SPIN_UNGUARD&) = delete;
+
+  private:
+    MEM_SPIN_LOCK& m_lock;
+};

@@ -1,0 +1,75 @@
+// The gate between event threads and the rare operations that must see the tracker standing still.
+//
+// Event threads are mice: any number of them is inside at once. The operations are cats: a cat is inside alone.
+//
+//     mouse 1   |--inside--|            waits..........|--inside--|
+//     mouse 2        |--inside---|      waits..........|--inside-|
+//     cat              approaching.......|--inside-----|
+//
+// A cat announces itself first. From then on no new mouse gets in while those inside finish, so cats come
+// before mice, and mice starve while cats keep coming. Cats have no order among themselves.
+//
+// A mouse must never ask to enter as a cat: it would wait for itself.
+#pragma once
+
+#include "vbx/mem/base/annotations.h"
+#include "vbx/mem/base/spin_lock.h"
+
+#include <cstdint>
+
+enum class MEM_GATE_ROLE : int { mouse = 0, cat = 1 };
+
+class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
+  public:
+    MEM_TRACKER_GATE() = default;
+    MEM_TRACKER_GATE(const MEM_TRACKER_GATE&) = delete;
+    MEM_TRACKER_GATE& operator=(const MEM_TRACKER_GATE&) = delete;
+
+    // Returns when the caller is inside. Use the two guards below: they carry the lock annotations.
+    void enter(MEM_GATE_ROLE role);
+    void leave(MEM_GATE_ROLE role);
+    // Enters as a cat unless that takes longer than timeout_ms. The end of the process can't wait for ever.
+    bool enter_as_cat_within(unsigned timeout_ms) MEM_TRY_ACQUIRE(true);
+    // Empties the gate whoever was inside: for a forked child, whose other threads are gone.
+    void reset();
+
+  private:
+    void enter_mouse();
+    void announce_cat();
+    void end_announcement();
+    bool cat_approaches();
+    bool try_enter_mouse();
+    bool try_enter_cat();
+
+    std::int32_t cats MEM_GUARDED_BY(m_gate_lock) = 0;
+    std::int32_t mice MEM_GUARDED_BY(m_gate_lock) = 0;
+    std::int32_t catsApproaching MEM_GUARDED_BY(m_approach_lock) = 0;
+    MEM_SPIN_LOCK m_gate_lock{MEM_LOCK_RANK::innermost};
+    MEM_SPIN_LOCK m_approach_lock{MEM_LOCK_RANK::innermost};
+};
+
+class MEM_SCOPED_CAPABILITY MEM_GATE_MOUSE {
+  public:
+    explicit MEM_GATE_MOUSE(MEM_TRACKER_GATE& gate) MEM_ACQUIRE_SHARED(gate) : m_gate(gate) {
+        m_gate.enter(MEM_GATE_ROLE::mouse);
+    }
+    ~MEM_GATE_MOUSE() MEM_RELEASE_GENERIC() { m_gate.leave(MEM_GATE_ROLE::mouse); }
+    MEM_GATE_MOUSE(const MEM_GATE_MOUSE&) = delete;
+    MEM_GATE_MOUSE& operator=(const MEM_GATE_MOUSE&) = delete;
+
+  private:
+    MEM_TRACKER_GATE& m_gate;
+};
+
+class MEM_SCOPED_CAPABILITY MEM_GATE_CAT {
+  public:
+    explicit MEM_GATE_CAT(MEM_TRACKER_GATE& gate) MEM_ACQUIRE(gate) : m_gate(gate) {
+        m_gate.enter(MEM_GATE_ROLE::cat);
+    }
+    ~MEM_GATE_CAT() MEM_RELEASE() { m_gate.leave(MEM_GATE_ROLE::cat); }
+    MEM_GATE_CAT(const MEM_GATE_CAT&) = delete;
+    MEM_GATE_CAT& operator=(const MEM_GATE_CAT&) = delete;
+
+  private:
+    MEM_TRACKER_GATE& m_gate;
+};

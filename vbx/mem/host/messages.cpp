@@ -1,0 +1,79 @@
+#include "vbx/mem/host/messages.h"
+
+#include "vbx/mem/host/host_slots.h"
+#include "vbx/mem/host/preload_seam.h"
+#include "vbx/platform/os/process.h"
+#include "vbx/platform/os/thread.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include <unistd.h>
+
+// Messages can come from inside an event, in the middle of anything that the host does. Printing is a
+// cancellation point, which an allocation must not be. (errno is kept by the allocator shim.)
+
+namespace {
+
+// Three writes, so lines of several threads can mix.
+bool print_message(const char* tag, const char* format, std::va_list args) {
+    const OS_NO_CANCELLATION no_cancellation;
+    std::fprintf(stdout, "%s: ", tag);
+    std::vfprintf(stdout, format, args);
+    std::fprintf(stdout, "\n");
+    return true;
+}
+
+bool send_message(MEM_MESSAGE_CALLBACK callback, const char* tag, const char* format, std::va_list args) {
+    return callback != nullptr ? callback(tag, format, args) : print_message(tag, format, args);
+}
+
+} // namespace
+
+bool mem_msg_local_vdebug(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args) {
+    return send_message(mem_load_slot(mem_host_slots.debug_message), tag, format, args);
+}
+
+bool mem_msg_local_vinfo(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args) {
+    return send_message(mem_load_slot(mem_host_slots.info_message), tag, format, args);
+}
+
+bool mem_msg_debug(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    const bool result = mem_msg_local_vdebug("MEM", format, args);
+    va_end(args);
+    return result;
+}
+
+void mem_print_stdout(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    if (mem_preload_print != nullptr) {
+        mem_preload_print(format, args);
+    } else {
+        const OS_NO_CANCELLATION no_cancellation;
+        std::vfprintf(stdout, format, args);
+    }
+    va_end(args);
+}
+
+void mem_warn(const char* format, ...) {
+    constexpr char PREFIX[] = "MEM: ";
+    constexpr std::size_t PREFIX_LENGTH = sizeof PREFIX - 1;
+    char line[512];
+    std::memcpy(line, PREFIX, PREFIX_LENGTH);
+    // One place is kept for the newline.
+    constexpr std::size_t ROOM = sizeof line - PREFIX_LENGTH - 1;
+    std::va_list args;
+    va_start(args, format);
+    const int wanted = std::vsnprintf(line + PREFIX_LENGTH, ROOM, format, args);
+    va_end(args);
+    if (wanted < 0)
+        return;
+    std::size_t length = PREFIX_LENGTH + std::min(static_cast<std::size_t>(wanted), ROOM - 1);
+    line[length++] = '\n';
+    os_write(STDERR_FILENO, line, length);
+}

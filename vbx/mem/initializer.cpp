@@ -1,0 +1,74 @@
+#include <vbx/mem/initializer.h>
+
+#include "vbx/mem/allocator_information.h"
+#include "vbx/mem/base/library_lock.h"
+#include "vbx/mem/fork_policy.h"
+#include "vbx/mem/host/messages.h"
+#include "vbx/mem/tracker.h"
+
+#include <vbx/mem/control.h>
+
+#include <atomic>
+#include <cstdlib>
+
+unsigned int MEM_INITIALIZER::s_init_counter = 0;
+
+namespace {
+
+// The switch of the load and unload lines is read twice in the life of a process: at the first construction and
+// at the first destruction of any initialiser. Whatever the variable holds turns the lines on.
+class PRINT_SWITCH {
+  public:
+    bool is_on() {
+        if (!m_was_read) {
+            m_was_read = true;
+            m_is_on = std::getenv("MEM_PRINT_LIB_LOAD") != nullptr;
+        }
+        return m_is_on;
+    }
+
+  private:
+    bool m_was_read = false;
+    bool m_is_on = false;
+};
+
+constinit PRINT_SWITCH load_lines;
+constinit PRINT_SWITCH unload_lines;
+
+void start_library() {
+    if (!mem_library_lock.exists())
+        mem_library_lock.create();
+    mem_install_fork_policy();
+    // The thread wrapper and the reserves for the end of memory join here, around the next step.
+    mem_keep_allocator_information();
+    mem_tbb_tracker_start(mem_get_tracking_granularity_from_env());
+}
+
+const char* printable(const char* module_name) { return module_name != nullptr ? module_name : "(null)"; }
+
+} // namespace
+
+MEM_INITIALIZER::MEM_INITIALIZER(const char* module_name) : m_module_name(module_name) {
+    // Libraries can be loaded on several threads at once, and no lock is held here.
+    if (std::atomic_ref(s_init_counter).fetch_add(1) == 0)
+        start_library();
+    if (load_lines.is_on())
+        mem_print_stdout("Loading: %s\n", printable(m_module_name));
+}
+
+MEM_INITIALIZER::~MEM_INITIALIZER() {
+    const bool prints_line = unload_lines.is_on();
+    const MEM_LIBRARY_GUARD guard;
+    if (prints_line)
+        mem_print_stdout("Unloading: %s\n", printable(m_module_name));
+    if (std::atomic_ref(s_init_counter).fetch_sub(1) == 1) {
+        mem_tbb_tracker_teardown();
+        mem_print_kept_allocator_information();
+        mem_library_lock.destroy();
+    }
+}
+
+MEM_INITIALIZER& MEM_INITIALIZER::operator=(const MEM_INITIALIZER& other) {
+    m_module_name = other.m_module_name;
+    return *this;
+}

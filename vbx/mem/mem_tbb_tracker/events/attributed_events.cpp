@@ -1,0 +1,143 @@
+#include "vbx/mem/mem_tbb_tracker/events/attributed_events.h"
+
+#include "vbx/mem/base/tracker_gate.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
+#include "vbx/mem/mem_tbb_tracker/events/gate.h"
+#include "vbx/mem/mem_tbb_tracker/records/address_map.h"
+#include "vbx/mem/mem_tbb_tracker/records/module_map.h"
+#include "vbx/mem/mem_tbb_tracker/records/site_table.h"
+#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/platform/os/thread.h"
+
+#include <cstring>
+#include <new>
+
+namespace {
+
+// From this size on the allocator's blocks don't belong to a thread, and who frees them doesn't matter.
+constexpr std::uint64_t LARGEST_MISMATCHED_SIZE = 8128;
+
+struct NEW_BLOCK {
+    std::uint32_t mask;
+    void* block;
+    std::uint64_t requested_size;
+    std::uint64_t size;
+};
+
+void charge_site(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) MEM_REQUIRES(mem_site_lock) {
+    if ((event.mask & MEM_COUNTS_SITES) != 0)
+        mem_charge(site, event.size, event.requested_size);
+}
+
+void charge_module(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
+    if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) == 0)
+        return;
+    const MEM_SPIN_GUARD guard(mem_module_lock);
+    MEMORY_TRACKER_BASE& module_record = mem_tbb_module_map->find_or_create(mem_module_name_of(site));
+    mem_charge(module_record, event.size, event.requested_size);
+    mem_store_module_tracker(site, &module_record);
+}
+
+MEM_ADDRESS_TRACKER& attribute_and_charge_site(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) {
+    const MEM_SPIN_GUARD guard(mem_site_lock);
+    MEM_ADDRESS_TRACKER& site = mem_attribute_allocation(stack);
+    charge_site(event, site);
+    return site;
+}
+
+// False when the map could not take the block.
+bool record_live_block(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
+    const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
+    try {
+        mem_tbb_address_map->insert(event.block, {&site, keeps_thread ? os_thread_id() : 0});
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+MEM_ADDRESS_TRACKER& charge_catch_all(const NEW_BLOCK& event) {
+    const MEM_SPIN_GUARD guard(mem_site_lock);
+    MEM_ADDRESS_TRACKER& site = mem_tbb_site_table->catch_all();
+    charge_site(event, site);
+    return site;
+}
+
+MEM_ADDRESS_TRACKER& move_charge_to_catch_all(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
+    {
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        if ((event.mask & MEM_COUNTS_SITES) != 0)
+            mem_undo_charge(site, event.size, event.requested_size);
+    }
+    return charge_catch_all(event);
+}
+
+MEM_ADDRESS_TRACKER& charge_and_record(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) {
+    MEM_ADDRESS_TRACKER* site;
+    try {
+        site = &attribute_and_charge_site(event, stack);
+    } catch (const std::bad_alloc&) {
+        return charge_catch_all(event);
+    }
+    return record_live_block(event, *site) ? *site : move_charge_to_catch_all(event, *site);
+}
+
+// What a free needs of its site once the site lock is released.
+struct CREDITED_SITE {
+    MEMORY_TRACKER_BASE* module_tracker;
+    char module_name[MEM_MAX_MODULE_NAME + 1];
+};
+
+CREDITED_SITE credit_site(std::uint32_t mask, MEM_ADDRESS_TRACKER* known_site, std::uint64_t size,
+                          bool is_mismatched) {
+    const MEM_SPIN_GUARD guard(mem_site_lock);
+    MEM_ADDRESS_TRACKER& site = known_site != nullptr ? *known_site : mem_tbb_site_table->catch_all();
+    if ((mask & MEM_COUNTS_SITES) != 0) {
+        mem_credit(site, size);
+        if (is_mismatched)
+            site.cumulative_mismatched_bytes += static_cast<std::int64_t>(size);
+    }
+    CREDITED_SITE credited{mem_load_module_tracker(site), {}};
+    if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0 && credited.module_tracker == nullptr)
+        std::strcpy(credited.module_name, mem_module_name_of(site));
+    return credited;
+}
+
+void credit_module(const CREDITED_SITE& site, std::uint64_t size) {
+    const MEM_SPIN_GUARD guard(mem_module_lock);
+    MEMORY_TRACKER_BASE& module_record = site.module_tracker != nullptr
+                                             ? *site.module_tracker
+                                             : mem_tbb_module_map->find_or_create(site.module_name);
+    mem_credit(module_record, size);
+}
+
+} // namespace
+
+void mem_attribute_new_block(std::uint32_t mask, void* block, std::uint64_t requested_size,
+                             std::uint64_t size) noexcept {
+    // The longest step comes first, with nothing held.
+    const MEM_CAPTURED_STACK stack = mem_capture_stack();
+    const NEW_BLOCK event{mask, block, requested_size, size};
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    try {
+        charge_module(event, charge_and_record(event, stack));
+    } catch (const std::bad_alloc&) {
+        // Not even the catch-all record or the module record can be had; the block leaves no trace.
+    }
+}
+
+void mem_credit_freed_block(std::uint32_t mask, void* block, std::uint64_t size) noexcept {
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    MEM_BLOCK_RECORD record;
+    // The entry is unlocked again before the site lock is taken.
+    const bool is_known = mem_tbb_address_map->take(block, record);
+    const bool is_mismatched = is_known && (mask & MEM_GRANULARITY_PER_FILELINE) != 0 &&
+                               size <= LARGEST_MISMATCHED_SIZE && record.thread_id != os_thread_id();
+    try {
+        const CREDITED_SITE site = credit_site(mask, record.address_tracker_ptr, size, is_mismatched);
+        if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
+            credit_module(site, size);
+    } catch (const std::bad_alloc&) {
+        // A record that a reset has removed can't be made again; there is nothing to credit.
+    }
+}

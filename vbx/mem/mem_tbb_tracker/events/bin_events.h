@@ -1,0 +1,10 @@
+// The charging of blocks to profile bins and tags. It runs outside the gate and rests on the concurrent maps
+// and on the modes of the two tables.
+#pragma once
+
+#include <cstdint>
+
+void mem_charge_bin_and_tag(void* block, std::uint64_t size) noexcept;
+void mem_credit_bin_and_tag(void* block, std::uint64_t size) noexcept;
+// Copies the current figures of both tables into their peak figures.
+void mem_snapshot_bin_and_tag_peaks();

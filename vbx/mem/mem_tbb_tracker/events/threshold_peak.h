@@ -1,0 +1,38 @@
+// The threshold peak: what every site, bin and tag held when the process as a whole stood at its highest.
+//
+//     total
+//       |              x recorded: a higher step of T
+//     2T+........................................
+//       |         x recorded          o not recorded: the step is known
+//      T+........................................
+//       |   x x recorded: doubled since the last one
+//       +-----------------------------------------  frees
+//
+// The search runs in stretches. A host ends one with mem_tbb_tracking_flush_peak, which keeps the figures of
+// the best stretch so far; the shutdown decides between those and the last stretch's own.
+//
+// The words of the search have no lock: two frees can record one step, and the second just walks again.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+constexpr std::int64_t MEM_FIRST_PEAK_BYTES = 1024;
+
+// mem_tracked_total_bytes at the last recorded peak of this stretch.
+inline constinit std::atomic<std::int64_t> mem_threshold_peak_bytes{0};
+// The total at which a peak is recorded at any rate: twice the last one.
+inline constinit std::atomic<std::int64_t> mem_next_peak_bytes{MEM_FIRST_PEAK_BYTES};
+// The highest peak kept by a flush.
+inline constinit std::atomic<std::int64_t> mem_flushed_peak_bytes{0};
+
+// Called by a free, outside the gate and before its block leaves the total. When the total has doubled since
+// the last peak or has entered a higher step of the grid: enters the gate as a cat, copies the current figures
+// of every site into its peak figures and gives true. Otherwise a few loads and two divisions.
+bool mem_tbb_check_threshold_peak() noexcept;
+
+// Puts the figures in place that the reports are to show. Called by the shutdown, inside the gate as a cat.
+void mem_tbb_apply_final_peak();
+
+// Frees what the flushes have kept.
+void mem_destroy_peak_snapshot();

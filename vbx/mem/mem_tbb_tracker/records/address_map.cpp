@@ -1,0 +1,25 @@
+#include "vbx/mem/mem_tbb_tracker/records/address_map.h"
+
+#include "vbx/mem/base/check.h"
+#include "vbx/mem/base/lock_rank.h"
+
+MEM_ADDRESS_MAP::MEM_ADDRESS_MAP() : m_entries(tbb::memory_pool_allocator<ENTRY>(m_pool)) {}
+
+void MEM_ADDRESS_MAP::insert(const void* block, const MEM_BLOCK_RECORD& record) {
+    const MEM_RANK_SCOPE accessor_rank(MEM_LOCK_RANK::accessor);
+    ENTRIES::accessor entry;
+    m_entries.insert(entry, block);
+    entry->second = record;
+}
+
+bool MEM_ADDRESS_MAP::take(const void* block, MEM_BLOCK_RECORD& record) {
+    const MEM_RANK_SCOPE accessor_rank(MEM_LOCK_RANK::accessor);
+    ENTRIES::accessor entry;
+    if (!m_entries.find(entry, block))
+        return false;
+    record = entry->second;
+    MEM_ADDRESS_TRACKER* const address_tracker_ptr = record.address_tracker_ptr;
+    MEM_CHECK(address_tracker_ptr != nullptr);
+    m_entries.erase(entry);
+    return true;
+}

@@ -1,0 +1,149 @@
+#include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+
+#include <bit>
+
+namespace {
+
+constexpr std::uint64_t ONE_HOLDER = std::uint64_t{1} << 32;
+
+struct PLACE {
+    std::size_t segment;
+    std::size_t offset;
+};
+
+std::size_t segment_length(std::size_t segment) { return std::size_t{1} << segment; }
+
+PLACE place_of(std::uint32_t id) {
+    const std::uint64_t position = std::uint64_t{id} + 1;
+    const auto segment = static_cast<std::size_t>(std::bit_width(position) - 1);
+    return {segment, position - segment_length(segment)};
+}
+
+} // namespace
+
+class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
+  public:
+    explicit SHARED_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE_SHARED(table) : m_table(table) {
+        m_table.enter_shared();
+    }
+    ~SHARED_SCOPE() MEM_RELEASE_GENERIC() { m_table.leave_shared(); }
+    SHARED_SCOPE(const SHARED_SCOPE&) = delete;
+    SHARED_SCOPE& operator=(const SHARED_SCOPE&) = delete;
+
+  private:
+    MEM_PB_STATS_TABLE& m_table;
+};
+
+class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::EXCLUSIVE_SCOPE {
+  public:
+    explicit EXCLUSIVE_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE(table) : m_table(table) {
+        m_table.enter_exclusive();
+    }
+    ~EXCLUSIVE_SCOPE() MEM_RELEASE() { m_table.leave_exclusive(); }
+    EXCLUSIVE_SCOPE(const EXCLUSIVE_SCOPE&) = delete;
+    EXCLUSIVE_SCOPE& operator=(const EXCLUSIVE_SCOPE&) = delete;
+
+  private:
+    MEM_PB_STATS_TABLE& m_table;
+};
+
+MEM_PB_STATS_TABLE::~MEM_PB_STATS_TABLE() {
+    for (auto& segment : m_segments)
+        delete[] segment.load(std::memory_order_relaxed);
+}
+
+void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
+    for (;;) {
+        while (waiters.load(std::memory_order_relaxed) != 0)
+            os_yield();
+        if (users.fetch_add(1, std::memory_order_acquire) < ONE_HOLDER)
+            return;
+        users.fetch_sub(1, std::memory_order_relaxed);
+        os_yield();
+    }
+}
+
+void MEM_PB_STATS_TABLE::leave_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
+    users.fetch_sub(1, std::memory_order_release);
+}
+
+void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
+    mem_rank_acquire(MEM_LOCK_RANK::leaf);
+    for (;;) {
+        waiters.fetch_add(1, std::memory_order_relaxed);
+        const bool was_free = users.fetch_add(ONE_HOLDER, std::memory_order_acquire) == 0;
+        if (!was_free)
+            users.fetch_sub(ONE_HOLDER, std::memory_order_relaxed);
+        waiters.fetch_sub(1, std::memory_order_relaxed);
+        if (was_free)
+            return;
+        os_yield();
+    }
+}
+
+void MEM_PB_STATS_TABLE::leave_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
+    users.fetch_sub(ONE_HOLDER, std::memory_order_release);
+    mem_rank_release(MEM_LOCK_RANK::leaf);
+}
+
+MEM_PB_STATS* MEM_PB_STATS_TABLE::find(std::uint32_t id) const {
+    if (id >= m_size.load(std::memory_order_acquire))
+        return nullptr;
+    const PLACE place = place_of(id);
+    return m_segments[place.segment].load(std::memory_order_acquire) + place.offset;
+}
+
+void MEM_PB_STATS_TABLE::grow_to_hold(std::uint32_t id) {
+    const MEM_SPIN_GUARD guard(grow_lock);
+    for (std::size_t segment = 0; segment <= place_of(id).segment; ++segment)
+        if (m_segments[segment].load(std::memory_order_relaxed) == nullptr)
+            m_segments[segment].store(new MEM_PB_STATS[segment_length(segment)], std::memory_order_release);
+    if (m_size.load(std::memory_order_relaxed) <= id)
+        m_size.store(std::size_t{id} + 1, std::memory_order_release);
+}
+
+template <class CHANGE>
+void MEM_PB_STATS_TABLE::for_each(CHANGE change) {
+    const std::size_t size = m_size.load(std::memory_order_acquire);
+    for (std::size_t id = 0; id < size; ++id)
+        change(*find(static_cast<std::uint32_t>(id)));
+}
+
+void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
+    const SHARED_SCOPE shared(*this);
+    if (find(id) == nullptr)
+        grow_to_hold(id);
+    MEM_PB_STATS& stats = *find(id);
+    const auto bytes = static_cast<long long>(size);
+    stats.max_bytes.raise_to(stats.current_bytes.add(bytes));
+    stats.cumulative_bytes.add(bytes);
+}
+
+void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
+    const SHARED_SCOPE shared(*this);
+    if (MEM_PB_STATS* const stats = find(id))
+        stats->current_bytes.subtract(static_cast<long long>(size));
+}
+
+void MEM_PB_STATS_TABLE::snapshot_peak() {
+    const EXCLUSIVE_SCOPE exclusive(*this);
+    for_each([](MEM_PB_STATS& stats) { stats.peak_bytes.store(stats.current_bytes.load()); });
+}
+
+void MEM_PB_STATS_TABLE::save_peak() {
+    const EXCLUSIVE_SCOPE exclusive(*this);
+    for_each([](MEM_PB_STATS& stats) { stats.saved_peak_bytes = stats.peak_bytes.load(); });
+}
+
+void MEM_PB_STATS_TABLE::restore_peak() {
+    const EXCLUSIVE_SCOPE exclusive(*this);
+    for_each([](MEM_PB_STATS& stats) { stats.peak_bytes.store(stats.saved_peak_bytes); });
+}
+
+std::size_t MEM_PB_STATS_TABLE::size() { return m_size.load(std::memory_order_acquire); }
+
+MEM_PB_STATS MEM_PB_STATS_TABLE::entry(std::uint32_t id) {
+    const EXCLUSIVE_SCOPE exclusive(*this);
+    const MEM_PB_STATS* const stats = find(id);
+    return stats != nullptr ? *stats : MEM_PB_STATS{};
+}

@@ -1,0 +1,72 @@
+// The byte figures of every profile bin or tag, indexed by id.
+//
+// Events charge the table in its shared mode, many at once; a peak copy needs it still and takes its exclusive
+// mode. The same shape as the gate's mice and cats, for one table.
+#pragma once
+
+#include "vbx/mem/base/spin_lock.h"
+
+#include <vbx/mem/stats.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+struct MEM_PB_STATS {
+    KTL_RELAXED_ATOMIC<long long> current_bytes;    // charged and still live
+    KTL_RELAXED_ATOMIC<long long> max_bytes;        // highest current_bytes at a charge
+    KTL_RELAXED_ATOMIC<long long> cumulative_bytes; // ever charged
+    KTL_RELAXED_ATOMIC<long long> peak_bytes;       // current_bytes at the last recorded threshold peak
+    std::int64_t saved_peak_bytes = 0;              // peak_bytes at the last flush that found a new peak
+};
+
+class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
+  public:
+    MEM_PB_STATS_TABLE() = default;
+    ~MEM_PB_STATS_TABLE();
+    MEM_PB_STATS_TABLE(const MEM_PB_STATS_TABLE&) = delete;
+    MEM_PB_STATS_TABLE& operator=(const MEM_PB_STATS_TABLE&) = delete;
+
+    // Charges an id; the table grows to hold it. Throws std::bad_alloc, with nothing charged.
+    void add(std::uint32_t id, std::uint64_t size);
+    // Credits an id. One that the table doesn't hold was taken out by a reset while blocks of it were live;
+    // there is nothing left to subtract from then, and nothing happens.
+    void subtract(std::uint32_t id, std::uint64_t size);
+
+    void snapshot_peak(); // peak = current
+    void save_peak();     // saved peak = peak
+    void restore_peak();  // peak = saved peak
+
+    std::size_t size();
+    // Copy of one entry; all 0 for an id that the table doesn't hold.
+    MEM_PB_STATS entry(std::uint32_t id);
+
+  private:
+    void enter_shared() MEM_ACQUIRE_SHARED(this);
+    void leave_shared() MEM_RELEASE_GENERIC(this);
+    void enter_exclusive() MEM_ACQUIRE(this);
+    void leave_exclusive() MEM_RELEASE(this);
+    class SHARED_SCOPE;
+    class EXCLUSIVE_SCOPE;
+
+    MEM_PB_STATS* find(std::uint32_t id) const MEM_REQUIRES_SHARED(this);
+    void grow_to_hold(std::uint32_t id) MEM_REQUIRES_SHARED(this);
+    template <class CHANGE>
+    void for_each(CHANGE change) MEM_REQUIRES(this);
+
+    // Entries never move, so that shared users can index while another one grows the table: segment s holds the
+    // ids 2^s - 1 to 2^(s+1) - 2 and comes into being with the first of them.
+    static constexpr std::size_t SEGMENT_COUNT = 33;
+    std::array<std::atomic<MEM_PB_STATS*>, SEGMENT_COUNT> m_segments{};
+    // Highest id ever charged plus one.
+    std::atomic<std::size_t> m_size{0};
+    // Low half: users in shared mode; high half: holders of the exclusive mode.
+    std::atomic<std::uint64_t> users{0};
+    // Threads that want the exclusive mode.
+    std::atomic<std::uint32_t> waiters{0};
+    MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
+};
+
+// From tracker start to teardown.
+inline constinit MEM_PB_STATS_TABLE* pbin_stats = nullptr;
+inline constinit MEM_PB_STATS_TABLE* ptag_stats = nullptr;

@@ -1,0 +1,67 @@
+#include "vbx/mem/mem_tbb_tracker/records/site_table.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+std::size_t MEM_ADDRESS_HASH::operator()(std::uint64_t address) const {
+    std::uint64_t hash = 0xcbf29ce484222325;
+    for (int byte = 0; byte < 8; ++byte) {
+        hash ^= (address >> (8 * byte)) & 0xFF;
+        hash *= 0x100000001b3;
+    }
+    return hash;
+}
+
+MEM_ADDRESS_TRACKER* MEM_SITE_TABLE::find(std::uint64_t address) {
+    const auto found = m_records.find(address);
+    return found == m_records.end() ? nullptr : &found->second;
+}
+
+MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::insert(const MEM_ADDRESS_TRACKER& record) {
+    return m_records.try_emplace(record.address, record).first->second;
+}
+
+MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() { return m_records[0]; }
+
+void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
+    const auto bytes = static_cast<std::int64_t>(size);
+    tracker.current_blocks += 1;
+    tracker.cumulative_blocks += 1;
+    tracker.max_blocks = std::max(tracker.max_blocks, tracker.current_blocks);
+    tracker.current_bytes += bytes;
+    tracker.cumulative_bytes += bytes;
+    tracker.cumulative_requested_bytes += static_cast<std::int64_t>(requested_size);
+    tracker.max_bytes = std::max(tracker.max_bytes, tracker.current_bytes);
+}
+
+void mem_credit(MEMORY_TRACKER_BASE& tracker, std::uint64_t size) {
+    tracker.current_blocks -= 1;
+    tracker.current_bytes -= static_cast<std::int64_t>(size);
+}
+
+void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
+    mem_credit(tracker, size);
+    tracker.cumulative_blocks -= 1;
+    tracker.cumulative_bytes -= static_cast<std::int64_t>(size);
+    tracker.cumulative_requested_bytes -= static_cast<std::int64_t>(requested_size);
+}
+
+void mem_copy_site(MEM_ADDRESS_TRACKER& to, MEM_ADDRESS_TRACKER& from) {
+    static_cast<MEMORY_TRACKER_BASE&>(to) = from;
+    to.address = from.address;
+    to.line = from.line;
+    std::memcpy(to.module_name, from.module_name, sizeof to.module_name);
+    std::memcpy(to.file_name, from.file_name, sizeof to.file_name);
+    std::memcpy(to.function_name, from.function_name, sizeof to.function_name);
+    to.module_tracker = mem_load_module_tracker(from);
+    to.filtered = from.filtered;
+}
+
+MEMORY_TRACKER_BASE* mem_load_module_tracker(MEM_ADDRESS_TRACKER& site) {
+    return std::atomic_ref(site.module_tracker).load(std::memory_order_acquire);
+}
+
+void mem_store_module_tracker(MEM_ADDRESS_TRACKER& site, MEMORY_TRACKER_BASE* module_record) {
+    std::atomic_ref(site.module_tracker).store(module_record, std::memory_order_release);
+}

@@ -1,0 +1,64 @@
+// The allocation sites: code address -> record, with the catch-all record under key 0.
+//
+//     0x0            catch-all              charged with what nothing else explains
+//     0x55..4f21     parser, token.cpp:40   charged
+//     0x7f..9a07     stdc++, no line        filtered: looked at once, never charged
+//
+// One entry for every frame address that attribution ever looked at. Entries never move and are never removed
+// one by one: a pointer to a record holds until the whole table is cleared, which only a cat of the gate does.
+#pragma once
+
+#include "vbx/mem/base/spin_lock.h"
+
+#include <vbx/mem/trackers.h>
+
+#include <cstdint>
+#include <unordered_map>
+
+// Guards the table and every field of every record but module_tracker.
+inline constinit MEM_SPIN_LOCK mem_site_lock{MEM_LOCK_RANK::leaf};
+
+// 64-bit FNV-1a over the bytes of the address, lowest first.
+struct MEM_ADDRESS_HASH {
+    std::size_t operator()(std::uint64_t address) const;
+};
+
+class MEM_SITE_TABLE {
+  public:
+    // Null when the address was never looked at.
+    MEM_ADDRESS_TRACKER* find(std::uint64_t address) MEM_REQUIRES(mem_site_lock);
+    // Gives the record that then stands in the table: `record`, or the one that another thread had inserted
+    // before. Throws std::bad_alloc.
+    MEM_ADDRESS_TRACKER& insert(const MEM_ADDRESS_TRACKER& record) MEM_REQUIRES(mem_site_lock);
+    // The record under key 0, made if it is missing. Throws std::bad_alloc.
+    MEM_ADDRESS_TRACKER& catch_all() MEM_REQUIRES(mem_site_lock);
+    std::size_t size() const MEM_REQUIRES(mem_site_lock) { return m_records.size(); }
+
+    // Calls visit(MEM_ADDRESS_TRACKER&) for every entry, in no order.
+    template <class VISIT>
+    void for_each(VISIT visit) MEM_REQUIRES(mem_site_lock) {
+        for (auto& [address, record] : m_records)
+            visit(record);
+    }
+
+  private:
+    std::unordered_map<std::uint64_t, MEM_ADDRESS_TRACKER, MEM_ADDRESS_HASH> m_records;
+};
+
+// From tracker start to teardown.
+inline constinit MEM_SITE_TABLE* mem_tbb_site_table MEM_PT_GUARDED_BY(mem_site_lock) = nullptr;
+
+// The four counters and three maxima that one block moves, the same for sites and modules.
+void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size);
+void mem_credit(MEMORY_TRACKER_BASE& tracker, std::uint64_t size);
+// Takes back a charge of a moment ago; the maxima stay.
+void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size);
+
+// Copies a record out. All fields are of one moment, but for module_tracker, which other threads set under
+// another lock.
+void mem_copy_site(MEM_ADDRESS_TRACKER& to, MEM_ADDRESS_TRACKER& from) MEM_REQUIRES(mem_site_lock);
+
+// module_tracker is written under the module lock and read under the site lock: one machine word, null or a
+// valid record.
+MEMORY_TRACKER_BASE* mem_load_module_tracker(MEM_ADDRESS_TRACKER& site);
+void mem_store_module_tracker(MEM_ADDRESS_TRACKER& site, MEMORY_TRACKER_BASE* module_record);

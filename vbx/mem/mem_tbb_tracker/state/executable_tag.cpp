@@ -1,0 +1,25 @@
+#include "vbx/mem/mem_tbb_tracker/state/executable_tag.h"
+
+#include "vbx/mem/base/check.h"
+#include "vbx/mem/base/thread_state.h"
+
+#include <vbx/mem/reports.h>
+
+void mem_create_executable_tag() { mem_tbb_exe_string = new std::string("tvx"); }
+
+void mem_destroy_executable_tag() {
+    delete mem_tbb_exe_string;
+    mem_tbb_exe_string = nullptr;
+}
+
+void mem_set_tbb_exe_string(const char* exe_string) {
+    MEM_CHECK(exe_string != nullptr);
+    MEM_CHECK(mem_tbb_exe_string != nullptr);
+    const MEM_BLOCK_SCOPE own_heap_use;
+    *mem_tbb_exe_string = exe_string;
+}
+
+std::string mem_report_file_name(const char* prefix) {
+    MEM_CHECK(mem_tbb_exe_string != nullptr);
+    return prefix + *mem_tbb_exe_string + ".log";
+}

@@ -1,0 +1,24 @@
+// The static objects of the library that come up with it, all of them, in the order that they need.
+
+#include "vbx/mem/mem_tbb_tracker/state/counters.h"
+#include "vbx/platform/os/process.h"
+
+#include <vbx/mem/initializer.h>
+
+namespace {
+
+// The first of the process: the loader initialises this library before all others. At process end its destructor
+// runs behind those of all modules that depend on the library.
+MEM_INITIALIZER own_initializer("MEM");
+
+// What the tracker counted since its hook went on is set back to 0; the process begins here.
+struct COUNTERS_FROM_ZERO {
+    COUNTERS_FROM_ZERO() {
+        mem_global_stats_room.construct();
+        mem_event_totals_room.construct();
+        os_other_initialisers_begin();
+    }
+};
+COUNTERS_FROM_ZERO counters_from_zero;
+
+} // namespace

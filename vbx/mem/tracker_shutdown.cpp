@@ -1,0 +1,160 @@
+// The end of tracking: the reports in their order, then the teardown.
+
+#include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/host/messages.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
+#include "vbx/mem/mem_tbb_tracker/events/callback_table.h"
+#include "vbx/mem/mem_tbb_tracker/events/gate.h"
+#include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
+#include "vbx/mem/mem_tbb_tracker/records/address_map.h"
+#include "vbx/mem/mem_tbb_tracker/records/block_shards.h"
+#include "vbx/mem/mem_tbb_tracker/records/module_map.h"
+#include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/mem_tbb_tracker/records/site_table.h"
+#include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
+#include "vbx/mem/mem_tbb_tracker/reports/report_files.h"
+#include "vbx/mem/mem_tbb_tracker/state/executable_tag.h"
+#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/tracker.h"
+#include "vbx/platform/tbbamalloc/tbbamalloc.h"
+
+#include <vbx/mem/reports.h>
+
+#include <exception>
+
+namespace {
+
+// How long the end of the process waits for other threads' events. An event takes microseconds, or some
+// milliseconds when it opens a module's symbols; one that takes longer is stuck behind the host.
+constexpr unsigned EVENTS_TIMEOUT_MS = 2000;
+
+// Set in the child of a fork: the reports are the parent's.
+constinit std::atomic<bool> is_abandoned{false};
+
+// Waits until no other thread is inside an event. With the hook off, none begins.
+bool events_in_flight_have_ended() {
+    const bool ended = tbbk_quiesce_begin(EVENTS_TIMEOUT_MS);
+    tbbk_quiesce_end();
+    return ended;
+}
+
+void clear_tracking_flags() {
+    const std::uint32_t mask = mem_current_mask();
+    if ((mask & MEM_GRANULARITY_PER_BIN) != 0)
+        mem_set_tbb_memory_tracking_enabled(false);
+    if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
+        mem_bin_tag_tracking_flag = false;
+}
+
+void write_site_reports() {
+    std::ofstream fileline = mem_open_report(mem_report_file_name("mem_tbb_fileline."));
+    mem_dump_tbb_fileline_tracking(fileline);
+    std::ofstream subsystem = mem_open_report(mem_report_file_name("mem_tbb_subsystem."));
+    mem_dump_tbb_subsystem_tracking(subsystem);
+}
+
+void write_leak_report() {
+    const std::uint32_t mask = mem_current_mask();
+    if ((mask & MEM_GRANULARITY_CHECK_LEAKS) != 0)
+        mem_write_full_leak_report();
+    else if ((mask & MEM_GRANULARITY_CHECK_LEAKS_FAST) != 0)
+        mem_write_fast_leak_report();
+}
+
+// Everything that needs a tracker that stands still.
+void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
+    mem_tbb_apply_final_peak();
+    if (mem_report_flags.fileline)
+        write_site_reports();
+    // The label's, auxiliary, module and bin-tag reports stand here, in this order, once their timelines exist.
+    write_leak_report();
+    mem_disable_tracking(MEM_GRANULARITY_ALL);
+    mem_clear_report_flags();
+}
+
+// This runs inside static destructors, where an exception would end the process in another way than its own.
+void write_reports_or_say_why_not() MEM_REQUIRES(*mem_tbb_gate) {
+    try {
+        write_reports();
+    } catch (const std::exception& failure) {
+        mem_warn("reports are missing: %s", failure.what());
+    }
+}
+
+// True when no event can be using the tracker's objects any more.
+bool shut_down() {
+    // The allocation log is closed here, before all else, once it exists.
+    clear_tracking_flags();
+    tbbk_set_mem_tracker_callback(nullptr);
+    // exit() was called from inside an event of this thread. It may hold the gate and any lock, so whatever
+    // follows could wait for itself.
+    if (mem_thread_state.in_tracker_byte != 0)
+        return false;
+    const bool ended = events_in_flight_have_ended();
+    if (!mem_tbb_gate->enter_as_cat_within(EVENTS_TIMEOUT_MS)) {
+        mem_warn("no reports: an allocation on another thread does not end");
+        return false;
+    }
+    write_reports_or_say_why_not();
+    mem_tbb_gate->leave(MEM_GATE_ROLE::cat);
+    return ended;
+}
+
+bool tracker_is_there() {
+    return mem_tbb_tracker_is_inited() && mem_tracker_objects_exist.load(std::memory_order_acquire) &&
+           !is_abandoned.load(std::memory_order_relaxed);
+}
+
+void destroy_objects() {
+    delete mem_tbb_gate;
+    delete ptag_stats;
+    delete pbin_stats;
+    delete mem_tbb_block_shards;
+    delete mem_tbb_address_map;
+    {
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        delete mem_tbb_site_table;
+    }
+    {
+        const MEM_SPIN_GUARD guard(mem_module_lock);
+        delete mem_tbb_module_map;
+    }
+    mem_destroy_executable_tag();
+    mem_destroy_peak_snapshot();
+}
+
+} // namespace
+
+void mem_shutdown_tbb_tracking() {
+    if (tracker_is_there())
+        shut_down();
+}
+
+void mem_tbb_tracker_teardown() {
+    if (!tracker_is_there())
+        return;
+    const bool is_unused = shut_down();
+    // From here on a late event does nothing, also one that reads the hook again because callbacks of the host
+    // are left in the table.
+    mem_tracker_objects_exist.store(false, std::memory_order_release);
+    // The objects go only when nobody can be inside them; leaking them at process end costs nothing.
+    if (is_unused && events_in_flight_have_ended())
+        destroy_objects();
+}
+
+void mem_abandon_tracker_after_fork() {
+    is_abandoned.store(true, std::memory_order_relaxed);
+    mem_drop_tracking_after_fork();
+    mem_tracker_objects_exist.store(false, std::memory_order_relaxed);
+    mem_clear_report_flags();
+    mem_memory_tracking_flag = false;
+    mem_bin_tag_tracking_flag = false;
+    mem_reset_state_locks();
+    mem_reset_symbol_lock();
+    mem_site_lock.reset();
+    mem_module_lock.reset();
+    if (mem_tbb_gate != nullptr)
+        mem_tbb_gate->reset();
+}

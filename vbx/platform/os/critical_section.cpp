@@ -1,0 +1,22 @@
+#include "vbx/platform/os/critical_section.h"
+
+#include <new>
+
+#include <immintrin.h>
+
+namespace {
+constexpr int SPIN_COUNT = 4000;
+}
+
+void OS_CRITICAL_SECTION::enter() {
+    for (int spin = 0; spin < SPIN_COUNT; ++spin) {
+        if (pthread_mutex_trylock(&m_mutex) == 0)
+            return;
+        _mm_pause();
+    }
+    pthread_mutex_lock(&m_mutex);
+}
+
+void OS_CRITICAL_SECTION::leave() { pthread_mutex_unlock(&m_mutex); }
+
+void OS_CRITICAL_SECTION::reset_after_fork() { new (this) OS_CRITICAL_SECTION; }

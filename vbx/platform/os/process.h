@@ -1,0 +1,16 @@
+// Facts about the process.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+// Path of the running executable; empty when the kernel doesn't tell.
+std::string os_executable_path();
+
+// Whether the process is still before the first initialiser of any library but the one that asks. Other modules
+// can be found and resolved then, but nothing in them has been constructed.
+bool os_is_before_other_initialisers();
+void os_other_initialisers_begin();
+
+// Writes a whole text to a descriptor, without stdio, whatever it takes; errors are dropped, errno is kept.
+void os_write(int descriptor, const char* text, std::size_t length);

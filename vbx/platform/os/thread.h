@@ -1,0 +1,29 @@
+// Services of the kernel for the calling thread.
+#pragma once
+
+#include <cstdint>
+
+#include <sched.h>
+
+// Lets another thread have the processor.
+inline void os_yield() { sched_yield(); }
+
+// Id of the calling thread: unique among live threads, reused after a thread has ended. A system call the first
+// time on each thread, a load afterwards.
+std::uint32_t os_thread_id();
+
+// In a forked child: the one thread there has another id than the one it is a copy of.
+void os_forget_thread_id();
+
+// Keeps the calling thread from being cancelled for a scope. Reading files and printing are points where a
+// pending cancellation strikes; allocating memory is none, so inside an event it must not.
+class OS_NO_CANCELLATION {
+  public:
+    OS_NO_CANCELLATION();
+    ~OS_NO_CANCELLATION();
+    OS_NO_CANCELLATION(const OS_NO_CANCELLATION&) = delete;
+    OS_NO_CANCELLATION& operator=(const OS_NO_CANCELLATION&) = delete;
+
+  private:
+    int m_old_state;
+};

@@ -1,0 +1,115 @@
+// The stack as libgcc sees it: the truth about every frame with unwind information, at about 2 us for 14 frames.
+//
+// libgcc finds the tables of a frame through the loader's lock-free lookup. It takes no lock and allocates
+// nothing, unless the process has registered unwind tables of generated code: then it holds a lock of its own
+// while it sorts them, and allocates inside. An event that comes from there must not unwind, or its thread
+// waits for itself; see allocated_by_libgcc.
+
+#include "vbx/platform/tbbamalloc/tbbamalloc.h"
+#include "vbx/platform/vbx_err/vbx_err.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <unwind.h>
+
+namespace {
+
+using BACKTRACE_FUNCTION = _Unwind_Reason_Code (*)(_Unwind_Trace_Fn, void*);
+
+struct ADDRESS_RANGE {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+};
+
+struct CAPTURE {
+    std::uint64_t* frames;
+    std::int32_t max_frames;
+    std::int32_t skip_frames;
+    std::int32_t count;
+    // Frames whose stack lies below belong to the allocator and to the tracker.
+    std::uintptr_t floor;
+};
+
+_Unwind_Reason_Code store_frame(_Unwind_Context* context, void* argument) {
+    CAPTURE& capture = *static_cast<CAPTURE*>(argument);
+    if (_Unwind_GetCFA(context) < capture.floor)
+        return _URC_NO_REASON;
+    if (capture.skip_frames > 0) {
+        --capture.skip_frames;
+        return _URC_NO_REASON;
+    }
+    if (capture.count == capture.max_frames)
+        return _URC_END_OF_STACK;
+    int is_interrupted = 0;
+    std::uint64_t address = _Unwind_GetIPInfo(context, &is_interrupted);
+    if (address == 0)
+        return _URC_END_OF_STACK;
+    // A frame that a signal interrupted stands at the instruction itself, not behind a call. One more makes it
+    // look like a return address, which is what every reader of a frame takes it for.
+    if (is_interrupted != 0)
+        ++address;
+    capture.frames[capture.count++] = address;
+    return capture.count == capture.max_frames ? _URC_END_OF_STACK : _URC_NO_REASON;
+}
+
+class LIBGCC_UNWINDER final : public ERR_UNWINDER {
+  public:
+    // False when the process has no libgcc.
+    bool prepare();
+
+    const char* describe() const override { return "libgcc"; }
+    std::int32_t capture_stack(std::uint64_t* frames, std::int32_t max_frames, std::int32_t skip_frames,
+                               std::uint64_t reserved) override;
+
+  private:
+    bool allocated_by_libgcc(const void* entry_frame) const;
+
+    BACKTRACE_FUNCTION m_backtrace = nullptr;
+    ADDRESS_RANGE m_libgcc;
+};
+
+bool LIBGCC_UNWINDER::prepare() {
+    if (m_backtrace != nullptr)
+        return true;
+    // Other libraries export functions of the same name, with locks and caches of their own, and may stand
+    // first in the search order; so ask libgcc itself. This library depends on it: it is always there.
+    void* const libgcc = dlopen("libgcc_s.so.1", RTLD_NOW | RTLD_NOLOAD);
+    if (libgcc == nullptr)
+        return false;
+    void* const backtrace = dlsym(libgcc, "_Unwind_Backtrace");
+    dl_find_object found;
+    if (backtrace == nullptr || _dl_find_object(backtrace, &found) != 0)
+        return false;
+    m_libgcc = {reinterpret_cast<std::uintptr_t>(found.dlfo_map_start),
+                reinterpret_cast<std::uintptr_t>(found.dlfo_map_end)};
+    m_backtrace = reinterpret_cast<BACKTRACE_FUNCTION>(backtrace);
+    return true;
+}
+
+bool LIBGCC_UNWINDER::allocated_by_libgcc(const void* entry_frame) const {
+    if (entry_frame == nullptr)
+        return false;
+    const std::uintptr_t caller = static_cast<const std::uintptr_t*>(entry_frame)[-1];
+    return caller >= m_libgcc.begin && caller < m_libgcc.end;
+}
+
+std::int32_t LIBGCC_UNWINDER::capture_stack(std::uint64_t* frames, std::int32_t max_frames,
+                                            std::int32_t skip_frames, std::uint64_t) {
+    const void* const entry_frame = tbbk_entry_frame();
+    if (max_frames <= 0 || allocated_by_libgcc(entry_frame))
+        return 0;
+    CAPTURE capture{frames, max_frames, skip_frames, 0, reinterpret_cast<std::uintptr_t>(entry_frame)};
+    // Outside the hook there is no entry frame; the walk then begins behind this function.
+    if (entry_frame == nullptr)
+        capture.floor = reinterpret_cast<std::uintptr_t>(__builtin_dwarf_cfa());
+    m_backtrace(store_frame, &capture);
+    return capture.count;
+}
+
+constinit LIBGCC_UNWINDER libgcc_unwinder;
+
+} // namespace
+
+ERR_UNWINDER* ERR_UNWINDER::get_default_unwinder() {
+    return libgcc_unwinder.prepare() ? &libgcc_unwinder : nullptr;
+}
