@@ -1,0 +1,23 @@
+#include "vbx/platform/tbbamalloc/hook.h"
+
+#include "vbx/platform/tbbamalloc/gate.h"
+
+constinit std::atomic<tbbk_mem_tracker_callback> tbbk_hook = nullptr;
+__thread const void* tbbk_frame = nullptr;
+
+void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
+    tbbk_hook.exchange(callback);
+}
+
+tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept {
+    return tbbk_hook_now();
+}
+
+const void* tbbk_entry_frame() noexcept {
+    return tbbk_frame;
+}
+
+unsigned tbbk_entry_depth() noexcept {
+    const TBBK_SLOT* const slot = tbbk_own_slot;
+    return slot == nullptr ? 0 : slot->depth.load(std::memory_order_relaxed);
+}
