@@ -19,7 +19,7 @@ constexpr bool is_power_of_two(std::size_t value) noexcept {
             if (at_least > tbbk_largest_request || size > tbbk_largest_request - at_least)
                 return nullptr;
             // The heap takes no zero here; malloc(0) and its relatives give a block of their own.
-            return scalable_aligned_malloc(size == 0 ? 1 : size, at_least);
+            return tbbk_heap.obtain_aligned(size == 0 ? 1 : size, at_least);
         },
         [](void*) {});
 }

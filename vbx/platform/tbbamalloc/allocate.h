@@ -2,6 +2,7 @@
 #pragma once
 
 #include "vbx/platform/tbbamalloc/gate.h"
+#include "vbx/platform/tbbamalloc/heap.h"
 #include "vbx/platform/tbbamalloc/hook.h"
 #include "vbx/platform/tbbamalloc/new_handler.h"
 
@@ -31,6 +32,6 @@ template <class OBTAIN, class FINISH>
 // malloc for the entry points.
 [[gnu::always_inline]] inline void* tbbk_allocate_plain(const void* frame, std::size_t size) noexcept {
     return tbbk_allocate(
-        frame, size, [size] { return size <= tbbk_largest_request ? scalable_malloc(size) : nullptr; },
+        frame, size, [size] { return size <= tbbk_largest_request ? tbbk_heap.obtain(size) : nullptr; },
         [](void*) {});
 }

@@ -5,6 +5,7 @@
 // behind those of everyone else, which may wait for threads that allocate; the two others run in order, so
 // it is open again before any other handler allocates.
 #include "vbx/platform/tbbamalloc/gate.h"
+#include "vbx/platform/tbbamalloc/heap.h"
 #include "vbx/platform/tbbamalloc/quiesce.h"
 #include "vbx/platform/tbbamalloc/start.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
@@ -30,7 +31,11 @@ void after_fork_in_parent() {
 }
 
 void after_fork_in_child() {
-    tbbk_quiesce_keep_only(tbbk_slot_own());
+    if (tbbk_quiesce_keep_only(tbbk_slot_own())) {
+        tbbk_set_mem_tracker_callback(nullptr);
+        tbbk_heap_abandon();
+        tbbk_thread_end_forget_heap();
+    }
     tbbk_quiesce_end();
     tbbk_forks_under_way.store(0);
 }

@@ -1,12 +1,15 @@
 #include "vbx/platform/tbbamalloc/hook.h"
 
 #include "vbx/platform/tbbamalloc/gate.h"
+#include "vbx/platform/tbbamalloc/heap.h"
 
 constinit std::atomic<tbbk_mem_tracker_callback> tbbk_hook = nullptr;
 __thread const void* tbbk_frame = nullptr;
 
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
-    tbbk_hook.exchange(callback);
+    // With a hook the entry points ask tbbmalloc for the sizes of blocks, which would then be the C
+    // library's.
+    tbbk_hook.exchange(tbbk_heap_is_abandoned() ? nullptr : callback);
 }
 
 tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept {

@@ -20,7 +20,7 @@ namespace {
             if (const std::size_t allocated = tbbk_own_size(block))
                 tbbk_report(hook, frame, block, 0, allocated, false);
         }
-        __TBB_malloc_safer_free(block, __libc_free);
+        tbbk_heap.give_back(block);
     }
     errno = saved_errno;
 }
@@ -54,7 +54,7 @@ namespace {
         return old_size == 0 ? __libc_realloc(block, size)
                              : move_with_events(hook, frame, block, old_size, size);
     }
-    return __TBB_malloc_safer_realloc(block, size, reinterpret_cast<void*>(&__libc_realloc));
+    return tbbk_heap.resize(block, size);
 }
 
 [[gnu::always_inline]] inline void* reallocate(const void* frame, void* block, std::size_t size) noexcept {
@@ -98,7 +98,7 @@ void* calloc(std::size_t count, std::size_t size) noexcept {
     // Zeroed behind the event: the caller's zeros are safe from a callback that fills blocks.
     return tbbk_allocate(
         TBBK_FRAME, total,
-        [total] { return total <= tbbk_largest_request ? scalable_malloc(total) : nullptr; },
+        [total] { return total <= tbbk_largest_request ? tbbk_heap.obtain(total) : nullptr; },
         [total](void* block) { tbbk_zero_block(block, total); });
 }
 

@@ -26,6 +26,7 @@ void leave_clean_up(void* value) {
 } // namespace
 
 void tbbk_thread_end_start() noexcept {
+    // Numbers are given out from the lowest free one on, so this early the three are neighbours.
     if (pthread_key_create(&key_before, enter_clean_up) != 0)
         return;
     // The first block makes tbbmalloc create its key.
@@ -43,4 +44,12 @@ void tbbk_thread_end_arm(TBBK_SLOT& slot) noexcept {
     // Behind first: a thread must never enter without being sure to leave.
     if (pthread_setspecific(key_behind, &slot) == 0)
         pthread_setspecific(key_before, &slot);
+}
+
+void tbbk_thread_end_forget_heap() noexcept {
+    if (!are_keys_there.load(std::memory_order_acquire))
+        return;
+    // Only between neighbours is it sure that the key is tbbmalloc's and not the host's.
+    if (key_behind == key_before + 2)
+        pthread_setspecific(key_before + 1, nullptr);
 }

@@ -14,3 +14,7 @@ void tbbk_thread_end_start() noexcept;
 // Makes sure that the destructors run for the calling thread. Each pass over a thread's keys takes the
 // arming with it; a thread that allocates after that acquires a slot anew and is armed again.
 void tbbk_thread_end_arm(TBBK_SLOT& slot) noexcept;
+
+// Keeps tbbmalloc from cleaning up behind the calling thread, which would take its locks: at the thread's end
+// and at that of the process.
+void tbbk_thread_end_forget_heap() noexcept;

@@ -159,7 +159,8 @@ bool tbbk_slots_keep_only(TBBK_SLOT& own) noexcept {
     for (TBBK_SLOT* slot = tbbk_slot_next(nullptr); slot != nullptr; slot = tbbk_slot_next(slot)) {
         if (slot == &own)
             continue;
-        was_one_inside = was_one_inside || slot->depth.load(std::memory_order_relaxed) != 0;
+        const bool is_inside = slot->depth.load(std::memory_order_relaxed) != 0;
+        was_one_inside = was_one_inside || (is_inside && slot->parked.load(std::memory_order_relaxed) == 0);
         slot->raises = 0;
         slot->parked.store(0, std::memory_order_relaxed);
         tbbk_slot_release(*slot);
