@@ -1,6 +1,7 @@
 // The entry points that take an alignment.
 #include "vbx/platform/tbbamalloc/allocate.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 namespace {

@@ -21,7 +21,7 @@ template <class OBTAIN, class FINISH>
         TBBK_ENTRY entry;
         if (void* const block = obtain()) {
             if (const tbbk_mem_tracker_callback hook = tbbk_hook_now())
-                tbbk_report_new(hook, frame, block, requested);
+                tbbk_report_allocation(hook, frame, block, requested);
             finish(block);
             return block;
         }

@@ -1,10 +1,7 @@
-// The hook and the two ways to call it.
+// The hook and the two events that it is told.
 #pragma once
 
-#include "vbx/platform/tbbamalloc/heap_functions.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
-
-#include <errno.h>
 
 #include <atomic>
 
@@ -22,20 +19,10 @@ inline tbbk_mem_tracker_callback tbbk_hook_now() noexcept {
     return tbbk_hook.load(std::memory_order_acquire);
 }
 
-// Calls the hook for one event. Keeps errno, which belongs to the caller of malloc or free.
-[[gnu::always_inline]] inline void tbbk_report(tbbk_mem_tracker_callback hook, const void* frame, void* block,
-                                               std::size_t requested, std::size_t allocated,
-                                               bool is_allocation) noexcept {
-    const int saved_errno = errno;
-    const void* const outer_frame = tbbk_frame;
-    tbbk_frame = frame;
-    hook(block, requested, allocated, is_allocation);
-    tbbk_frame = outer_frame;
-    errno = saved_errno;
-}
-
-// Reports a block that has just been obtained.
-[[gnu::always_inline]] inline void tbbk_report_new(tbbk_mem_tracker_callback hook, const void* frame,
-                                                   void* block, std::size_t requested) noexcept {
-    tbbk_report(hook, frame, block, requested, scalable_msize(block), true);
-}
+// One event each, with `frame` as the entry frame. Out of line, so that a call without a hook keeps few
+// registers. Both keep errno, which belongs to the caller of malloc or free.
+// requested, allocated  bytes
+void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                            std::size_t requested) noexcept;
+void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                      std::size_t allocated) noexcept;

@@ -3,6 +3,7 @@
 #include "vbx/platform/tbbamalloc/foreign_block.h"
 #include "vbx/platform/tbbamalloc/zero_block.h"
 
+#include <errno.h>
 #include <string.h>
 
 namespace {
@@ -18,7 +19,7 @@ namespace {
             // Before the block goes back: afterwards another thread can be given the address, and its event
             // would overtake this one.
             if (const std::size_t allocated = tbbk_own_size(block))
-                tbbk_report(hook, frame, block, 0, allocated, false);
+                tbbk_report_free(hook, frame, block, allocated);
         }
         tbbk_heap.give_back(block);
     }
@@ -36,9 +37,9 @@ namespace {
     void* const moved = scalable_malloc(size);
     if (moved == nullptr)
         return nullptr;
-    tbbk_report_new(hook, frame, moved, size);
+    tbbk_report_allocation(hook, frame, moved, size);
     memcpy(moved, block, size < old_size ? size : old_size);
-    tbbk_report(hook, frame, block, 0, old_size, false);
+    tbbk_report_free(hook, frame, block, old_size);
     scalable_free(block);
     return moved;
 }
