@@ -21,6 +21,7 @@ using tbbk_mem_tracker_callback = void (*)(void* block, std::uint64_t requested_
 // Called with the size that could not be had; non-zero means "memory was freed, try again".
 using tbbk_new_handler = int (*)(std::size_t size);
 
+#pragma GCC visibility push(default)
 extern "C" {
 
 // Installs the one hook, or removes it with null. Each allocator call reads the hook once, so a call already
@@ -67,3 +68,4 @@ int _set_new_mode(int mode) noexcept;
 // touched: operator new calls malloc first and runs its own loop after that.)
 tbbk_new_handler _set_new_handler(tbbk_new_handler handler) noexcept;
 }
+#pragma GCC visibility pop

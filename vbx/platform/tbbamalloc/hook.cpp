@@ -1,0 +1,52 @@
+#include "vbx/platform/tbbamalloc/hook.h"
+
+#include "vbx/platform/tbbamalloc/gate.h"
+#include "vbx/platform/tbbamalloc/heap.h"
+
+#include <errno.h>
+
+constinit std::atomic<tbbk_mem_tracker_callback> tbbk_hook = nullptr;
+__thread const void* tbbk_frame = nullptr;
+
+namespace {
+
+inline void report(tbbk_mem_tracker_callback hook, const void* frame, void* block, std::size_t requested,
+                   std::size_t allocated, bool is_allocation) noexcept {
+    const int saved_errno = errno;
+    const void* const outer_frame = tbbk_frame;
+    tbbk_frame = frame;
+    hook(block, requested, allocated, is_allocation);
+    tbbk_frame = outer_frame;
+    errno = saved_errno;
+}
+
+} // namespace
+
+void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                            std::size_t requested) noexcept {
+    report(hook, frame, block, requested, scalable_msize(block), true);
+}
+
+void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                      std::size_t allocated) noexcept {
+    report(hook, frame, block, 0, allocated, false);
+}
+
+void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
+    // With a hook the entry points ask tbbmalloc for the sizes of blocks, which would then be the C
+    // library's.
+    tbbk_hook.exchange(tbbk_heap_is_abandoned() ? nullptr : callback);
+}
+
+tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept {
+    return tbbk_hook_now();
+}
+
+const void* tbbk_entry_frame() noexcept {
+    return tbbk_frame;
+}
+
+unsigned tbbk_entry_depth() noexcept {
+    const TBBK_SLOT* const slot = tbbk_own_slot;
+    return slot == nullptr ? 0 : slot->depth.load(std::memory_order_relaxed);
+}

@@ -1,0 +1,28 @@
+// The hook and the two events that it is told.
+#pragma once
+
+#include "vbx/platform/tbbamalloc/tbbamalloc.h"
+
+#include <atomic>
+
+extern std::atomic<tbbk_mem_tracker_callback> tbbk_hook __attribute__((visibility("hidden")));
+
+// See tbbk_entry_frame.
+extern __thread const void* tbbk_frame __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
+// The canonical frame address of the function that this is expanded in. An entry point hands it to inlined
+// helpers only, so that the value is that of the exported function at every optimisation level.
+#define TBBK_FRAME __builtin_dwarf_cfa()
+
+// To be read inside a TBBK_ENTRY, once a call: what was read must not be called behind a quiesce.
+inline tbbk_mem_tracker_callback tbbk_hook_now() noexcept {
+    return tbbk_hook.load(std::memory_order_acquire);
+}
+
+// One event each, with `frame` as the entry frame. Out of line, so that a call without a hook keeps few
+// registers. Both keep errno, which belongs to the caller of malloc or free.
+// requested, allocated  bytes
+void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                            std::size_t requested) noexcept;
+void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                      std::size_t allocated) noexcept;
