@@ -90,9 +90,13 @@ bool open_by_link(const SYM_ELF_FILE& module, const SYM_BUILD_ID& id, SYM_ELF_FI
     }
     std::memcpy(&checksum, link.data.get() + checksum_at, sizeof(checksum));
 
-    const std::string folder = folder_of(module.path());
-    for (const std::string& candidate :
-         {folder + '/' + name, folder + "/.debug/" + name, debug_directory + folder + '/' + name}) {
+    // A library is loaded by one of its names; packages place debug files by the real one.
+    std::vector<std::string> candidates;
+    for (const std::string& folder : {folder_of(module.path()), folder_of(module.real_path())}) {
+        candidates.insert(candidates.end(), {folder + '/' + name, folder + "/.debug/" + name,
+                                             debug_directory + folder + '/' + name});
+    }
+    for (const std::string& candidate : candidates) {
         if (candidate == module.path() || !file.open(candidate.c_str())) {
             continue;
         }

@@ -19,9 +19,12 @@ constexpr std::uint64_t most_expansion = 64;
 constexpr std::uint64_t largest_expanded_section = std::uint64_t{1} << 31;
 
 struct CHOSEN_SECTION {
-    const Elf64_Shdr* source;
     std::string name;
-    std::uint64_t offset; // in the image
+    std::uint64_t size;
+    std::uint64_t flags;
+    const Elf64_Shdr* source;  // in the file, or null
+    std::string_view contents; // when it comes from elsewhere
+    std::uint64_t offset = 0;  // in the image
 };
 
 constexpr std::uint64_t align(std::uint64_t value) {
@@ -61,16 +64,24 @@ bool is_worth_loading(const SYM_ELF_FILE& file, const Elf64_Shdr& section, std::
            size / most_expansion <= section.sh_size;
 }
 
-std::vector<CHOSEN_SECTION> choose_sections(const SYM_ELF_FILE& file) {
+std::vector<CHOSEN_SECTION> choose_sections(const SYM_ELF_FILE& file, SYM_SECTION_NAMES names,
+                                            std::span<const SYM_EXTRA_SECTION> extra) {
     std::vector<CHOSEN_SECTION> chosen;
     for (const std::string_view wanted : wanted_sections) {
         for (const char* prefix : {".debug_", ".zdebug_"}) {
             std::string name = std::string(prefix).append(wanted);
-            const Elf64_Shdr* section = file.find_section(name);
+            const Elf64_Shdr* section =
+                file.find_section(names == SYM_SECTION_NAMES::split ? name + ".dwo" : name);
             if (section != nullptr && is_worth_loading(file, *section, name)) {
-                chosen.push_back({section, std::move(name), 0});
+                chosen.push_back(
+                    {std::move(name), section->sh_size, section->sh_flags & SHF_COMPRESSED, section, {}});
                 break;
             }
+        }
+    }
+    for (const SYM_EXTRA_SECTION& section : extra) {
+        if (!section.contents.empty()) {
+            chosen.push_back({section.name, section.contents.size(), 0, nullptr, section.contents});
         }
     }
     return chosen;
@@ -98,7 +109,7 @@ bool build_image(const SYM_ELF_FILE& file, std::vector<CHOSEN_SECTION>& chosen, 
     std::uint64_t end = sizeof(Elf64_Ehdr);
     for (CHOSEN_SECTION& section : chosen) {
         section.offset = align(end);
-        end = section.offset + section.source->sh_size;
+        end = section.offset + section.size;
     }
     std::string names(1, '\0');
     std::vector<Elf64_Shdr> table(1);
@@ -106,9 +117,9 @@ bool build_image(const SYM_ELF_FILE& file, std::vector<CHOSEN_SECTION>& chosen, 
         Elf64_Shdr entry{};
         entry.sh_name = static_cast<Elf64_Word>(names.size());
         entry.sh_type = SHT_PROGBITS;
-        entry.sh_flags = section.source->sh_flags & SHF_COMPRESSED;
+        entry.sh_flags = section.flags;
         entry.sh_offset = section.offset;
-        entry.sh_size = section.source->sh_size;
+        entry.sh_size = section.size;
         entry.sh_addralign = 1;
         table.push_back(entry);
         names.append(section.name).push_back('\0');
@@ -124,8 +135,10 @@ bool build_image(const SYM_ELF_FILE& file, std::vector<CHOSEN_SECTION>& chosen, 
     image.size = table_offset + table.size() * sizeof(Elf64_Shdr);
     image.data = std::make_unique_for_overwrite<char[]>(image.size);
     for (const CHOSEN_SECTION& section : chosen) {
-        if (!file.read(section.source->sh_offset, image.data.get() + section.offset,
-                       section.source->sh_size)) {
+        char* const to = image.data.get() + section.offset;
+        if (section.source == nullptr) {
+            std::memcpy(to, section.contents.data(), section.size);
+        } else if (!file.read(section.source->sh_offset, to, section.size)) {
             return false;
         }
     }
@@ -153,8 +166,9 @@ SYM_DWARF_IMAGE::~SYM_DWARF_IMAGE() {
     }
 }
 
-bool SYM_DWARF_IMAGE::load(const SYM_ELF_FILE& file) {
-    std::vector<CHOSEN_SECTION> chosen = choose_sections(file);
+bool SYM_DWARF_IMAGE::load(const SYM_ELF_FILE& file, SYM_SECTION_NAMES names,
+                           std::span<const SYM_EXTRA_SECTION> extra) {
+    std::vector<CHOSEN_SECTION> chosen = choose_sections(file, names, extra);
     if (chosen.empty() || !chosen.front().name.ends_with("info") || !build_image(file, chosen, m_image)) {
         return false;
     }
@@ -169,4 +183,21 @@ bool SYM_DWARF_IMAGE::load(const SYM_ELF_FILE& file) {
     }
     dwarf_new_oom_handler(m_dwarf, throw_out_of_memory);
     return true;
+}
+
+std::string_view SYM_DWARF_IMAGE::section(std::string_view name) const {
+    std::size_t names = 0;
+    if (elf_getshdrstrndx(m_elf, &names) != 0) {
+        return {};
+    }
+    for (Elf_Scn* section = elf_nextscn(m_elf, nullptr); section != nullptr;
+         section = elf_nextscn(m_elf, section)) {
+        const Elf64_Shdr* header = elf64_getshdr(section);
+        const char* found = header == nullptr ? nullptr : elf_strptr(m_elf, names, header->sh_name);
+        const Elf_Data* data = found == nullptr || name != found ? nullptr : elf_getdata(section, nullptr);
+        if (data != nullptr && data->d_buf != nullptr) {
+            return {static_cast<const char*>(data->d_buf), data->d_size};
+        }
+    }
+    return {};
 }

@@ -11,6 +11,17 @@
 #include <elfutils/libdw.h>
 
 #include <memory>
+#include <span>
+#include <string_view>
+
+// How the sections of a file are called: split files carry ".dwo" behind each name.
+enum class SYM_SECTION_NAMES { plain, split };
+
+// A section to be added to an image from elsewhere.
+struct SYM_EXTRA_SECTION {
+    const char* name;
+    std::string_view contents;
+};
 
 class SYM_DWARF_IMAGE {
   public:
@@ -21,7 +32,11 @@ class SYM_DWARF_IMAGE {
 
     // False when the file has no debug information or it can't be read. May throw std::bad_alloc, as may
     // every call into libdw with this handle.
-    bool load(const SYM_ELF_FILE& file);
+    bool load(const SYM_ELF_FILE& file, SYM_SECTION_NAMES names = SYM_SECTION_NAMES::plain,
+              std::span<const SYM_EXTRA_SECTION> extra = {});
+
+    // Contents of a section, expanded; empty when it isn't there. Valid as long as this object.
+    std::string_view section(std::string_view name) const;
 
     Dwarf* dwarf() const { return m_dwarf; }
 

@@ -1,6 +1,7 @@
 #include "vbx/platform/debug_symbols/elf_file.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -181,5 +182,28 @@ SYM_BUILD_ID SYM_ELF_FILE::build_id() const {
             }
         }
     }
+    // A file without section headers still has its notes. Of a debug file the program headers say nothing:
+    // they are the module's, with offsets that don't hold in it.
+    if (m_sections.empty()) {
+        for (const Elf64_Phdr& part : m_program_headers) {
+            std::vector<char> notes;
+            if (part.p_type == PT_NOTE && part.p_filesz <= largest_note_section) {
+                notes.resize(part.p_filesz);
+                if (read(part.p_offset, notes.data(), notes.size())) {
+                    SYM_BUILD_ID id = sym_find_build_id(notes.data(), notes.size());
+                    if (!id.empty()) {
+                        return id;
+                    }
+                }
+            }
+        }
+    }
     return {};
+}
+
+std::string SYM_ELF_FILE::real_path() const {
+    const std::string link = "/proc/self/fd/" + std::to_string(m_descriptor);
+    char path[PATH_MAX];
+    const ssize_t size = readlink(link.c_str(), path, sizeof(path));
+    return size > 0 && path[0] == '/' ? std::string(path, static_cast<std::size_t>(size)) : m_path;
 }

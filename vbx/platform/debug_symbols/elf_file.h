@@ -60,6 +60,9 @@ class SYM_ELF_FILE {
     std::uint64_t size() const { return m_size; }
     const std::string& path() const { return m_path; }
 
+    // The path with symbolic links resolved; path() where that can't be told.
+    std::string real_path() const;
+
   private:
     bool read_headers();
     bool has_contents(const Elf64_Shdr& section) const;

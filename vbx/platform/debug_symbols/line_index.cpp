@@ -1,5 +1,7 @@
 #include "vbx/platform/debug_symbols/line_index.h"
 
+#include "vbx/platform/debug_symbols/debug_file_finder.h"
+
 #include <dwarf.h>
 
 namespace {
@@ -23,6 +25,10 @@ bool SYM_LINE_INDEX::load(const SYM_ELF_FILE& file) {
     if (!m_image.load(file)) {
         return false;
     }
+    SYM_ELF_FILE shared_file;
+    if (sym_open_shared_debug_file(file, shared_file) && m_shared_image.load(shared_file)) {
+        dwarf_setalt(m_image.dwarf(), m_shared_image.dwarf());
+    }
     // The units that libdw lists are found by walking them: compilers need not write an address table.
     Dwarf_CU* unit = nullptr;
     Dwarf_CU* next = nullptr;
@@ -41,7 +47,7 @@ bool SYM_LINE_INDEX::load(const SYM_ELF_FILE& file) {
             }
         }
         if (has_code) {
-            m_units.push_back({die, nullptr});
+            m_units.push_back({die, nullptr, nullptr});
         }
     }
     m_ranges.seal();
@@ -57,18 +63,30 @@ bool SYM_LINE_INDEX::find(std::uint64_t address, std::string& file_name, std::ui
     return find_call_line(unit, address, file_name, line) || find_own_line(unit, address, file_name, line);
 }
 
+void SYM_LINE_INDEX::load_subprograms(UNIT& unit) const {
+    auto subprograms = std::make_unique<SYM_SUBPROGRAM_INDEX>();
+    auto split = std::make_unique<SYM_SPLIT_UNIT>();
+    if (split->load(m_image, unit.die)) {
+        subprograms->load(split->die(), split->list_base());
+        unit.split = std::move(split);
+    } else {
+        subprograms->load(unit.die, 0);
+    }
+    unit.subprograms = std::move(subprograms);
+}
+
 bool SYM_LINE_INDEX::find_call_line(UNIT& unit, std::uint64_t address, std::string& file_name,
                                     std::uint32_t& line) {
     if (unit.subprograms == nullptr) {
-        auto subprograms = std::make_unique<SYM_SUBPROGRAM_INDEX>();
-        subprograms->load(unit.die);
-        unit.subprograms = std::move(subprograms);
+        load_subprograms(unit);
     }
+    Dwarf_Die file_table =
+        unit.split != nullptr && unit.split->has_file_table() ? unit.split->die() : unit.die;
     SYM_CALL_SITE site{};
     Dwarf_Files* files = nullptr;
     std::size_t count = 0;
     if (!unit.subprograms->find_outermost_call(address, site) ||
-        dwarf_getsrcfiles(&unit.die, &files, &count) != 0 || site.file >= count) {
+        dwarf_getsrcfiles(&file_table, &files, &count) != 0 || site.file >= count) {
         return false;
     }
     const char* name = dwarf_filesrc(files, site.file, nullptr, nullptr);

@@ -3,6 +3,7 @@
 
 #include "vbx/platform/debug_symbols/dwarf_image.h"
 #include "vbx/platform/debug_symbols/interval_index.h"
+#include "vbx/platform/debug_symbols/split_unit.h"
 #include "vbx/platform/debug_symbols/subprogram_index.h"
 
 #include <memory>
@@ -22,12 +23,16 @@ class SYM_LINE_INDEX {
   private:
     struct UNIT {
         Dwarf_Die die;
-        std::unique_ptr<SYM_SUBPROGRAM_INDEX> subprograms; // made at the first query in the unit
+        // Made at the first query in the unit.
+        std::unique_ptr<SYM_SPLIT_UNIT> split; // null unless the unit is split
+        std::unique_ptr<SYM_SUBPROGRAM_INDEX> subprograms;
     };
 
+    void load_subprograms(UNIT& unit) const;
     bool find_call_line(UNIT& unit, std::uint64_t address, std::string& file_name, std::uint32_t& line);
     bool find_own_line(UNIT& unit, std::uint64_t address, std::string& file_name, std::uint32_t& line);
 
+    SYM_DWARF_IMAGE m_shared_image; // of debug information that several modules share; goes after m_image
     SYM_DWARF_IMAGE m_image;
     std::vector<UNIT> m_units;
     SYM_INTERVAL_INDEX m_ranges; // payload: index of the unit

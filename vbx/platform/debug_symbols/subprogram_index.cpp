@@ -56,9 +56,24 @@ bool read_number(Dwarf_Die& die, unsigned attribute, Dwarf_Word& value) {
     return dwarf_formudata(dwarf_attr(&die, attribute, &buffer), &value) == 0;
 }
 
+bool has_attribute(Dwarf_Die& die, unsigned attribute) {
+    Dwarf_Attribute buffer;
+    return dwarf_attr(&die, attribute, &buffer) != nullptr;
+}
+
+// What to add to the ranges of a scope: a start and an end are addresses, a list counts from the unit's base.
+std::uint64_t base_of(Dwarf_Die& die, std::uint64_t list_base) {
+    return list_base != 0 && has_attribute(die, DW_AT_ranges) ? list_base : 0;
+}
+
+bool has_address(Dwarf_Die& die, std::uint64_t address, std::uint64_t list_base) {
+    return dwarf_haspc(&die, address - base_of(die, list_base)) == 1;
+}
+
 enum class SEARCH { not_here, found };
 
-SEARCH find_call(const Dwarf_Die& scope, std::uint64_t address, int level, SYM_CALL_SITE& site) {
+SEARCH find_call(const Dwarf_Die& scope, std::uint64_t address, std::uint64_t list_base, int level,
+                 SYM_CALL_SITE& site) {
     SEARCH result = SEARCH::not_here;
     if (level > deepest_level) {
         return result;
@@ -66,7 +81,7 @@ SEARCH find_call(const Dwarf_Die& scope, std::uint64_t address, int level, SYM_C
     for_each_child(scope, [&](Dwarf_Die& child) {
         const int tag = dwarf_tag(&child);
         if (tag == DW_TAG_inlined_subroutine) {
-            if (dwarf_haspc(&child, address) == 1) {
+            if (has_address(child, address, list_base)) {
                 if (read_number(child, DW_AT_call_line, site.line) && site.line != 0 &&
                     read_number(child, DW_AT_call_file, site.file)) {
                     result = SEARCH::found;
@@ -75,11 +90,10 @@ SEARCH find_call(const Dwarf_Die& scope, std::uint64_t address, int level, SYM_C
             }
         } else if (tag != DW_TAG_subprogram && is_code_scope(tag)) {
             // A block without addresses of its own can still hold inlined code.
-            Dwarf_Attribute buffer;
-            const bool has_addresses = dwarf_attr(&child, DW_AT_low_pc, &buffer) != nullptr ||
-                                       dwarf_attr(&child, DW_AT_ranges, &buffer) != nullptr;
-            if (!has_addresses || dwarf_haspc(&child, address) == 1) {
-                result = find_call(child, address, level + 1, site);
+            const bool has_addresses =
+                has_attribute(child, DW_AT_low_pc) || has_attribute(child, DW_AT_ranges);
+            if (!has_addresses || has_address(child, address, list_base)) {
+                result = find_call(child, address, list_base, level + 1, site);
                 return result == SEARCH::not_here && !has_addresses;
             }
         }
@@ -90,8 +104,9 @@ SEARCH find_call(const Dwarf_Die& scope, std::uint64_t address, int level, SYM_C
 
 } // namespace
 
-void SYM_SUBPROGRAM_INDEX::load(const Dwarf_Die& unit) {
+void SYM_SUBPROGRAM_INDEX::load(const Dwarf_Die& unit, std::uint64_t list_base) {
     m_unit = unit;
+    m_list_base = list_base;
     collect(DEPTH::outer_scopes);
 }
 
@@ -122,13 +137,14 @@ void SYM_SUBPROGRAM_INDEX::collect_children(Dwarf_Die parent, DEPTH depth, int l
 void SYM_SUBPROGRAM_INDEX::add(Dwarf_Die& subprogram) {
     const auto index = static_cast<std::uint32_t>(m_subprograms.size());
     bool has_code = false;
+    const std::uint64_t shift = base_of(subprogram, m_list_base);
     Dwarf_Addr base = 0;
     Dwarf_Addr start = 0;
     Dwarf_Addr end = 0;
     for (ptrdiff_t at = 0; (at = dwarf_ranges(&subprogram, at, &base, &start, &end)) > 0;) {
         // Code that the linker threw away is left at address 0.
-        if (start != 0 && start < end) {
-            m_ranges.add(start, end, index);
+        if (start + shift != 0 && start < end) {
+            m_ranges.add(start + shift, end + shift, index);
             has_code = true;
         }
     }
@@ -149,5 +165,5 @@ const Dwarf_Die* SYM_SUBPROGRAM_INDEX::find(std::uint64_t address) {
 
 bool SYM_SUBPROGRAM_INDEX::find_outermost_call(std::uint64_t address, SYM_CALL_SITE& site) {
     const Dwarf_Die* subprogram = find(address);
-    return subprogram != nullptr && find_call(*subprogram, address, 0, site) == SEARCH::found;
+    return subprogram != nullptr && find_call(*subprogram, address, m_list_base, 0, site) == SEARCH::found;
 }

@@ -15,8 +15,9 @@ struct SYM_CALL_SITE {
 
 class SYM_SUBPROGRAM_INDEX {
   public:
-    // Collects the functions of the unit.
-    void load(const Dwarf_Die& unit);
+    // Collects the functions of the unit. list_base is added to every list of address ranges; 0 but for split
+    // units.
+    void load(const Dwarf_Die& unit, std::uint64_t list_base);
 
     // When the address lies in code inlined into its function: the outermost of the calls, the one that
     // stands in the function itself. False when it lies in the function's own code or nowhere.
@@ -33,6 +34,7 @@ class SYM_SUBPROGRAM_INDEX {
     void add(Dwarf_Die& subprogram);
 
     Dwarf_Die m_unit{};
+    std::uint64_t m_list_base = 0;
     std::vector<Dwarf_Die> m_subprograms;
     SYM_INTERVAL_INDEX m_ranges; // payload: index of the subprogram
     DEPTH m_depth = DEPTH::outer_scopes;
