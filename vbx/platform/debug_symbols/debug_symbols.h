@@ -9,7 +9,8 @@
 // than the loaded module or not ELF at all just answer "no information".
 //
 // Not thread-safe: the caller holds one lock around the queries for an address. Returned texts stay valid
-// until the next call of this service.
+// until the next call of this service. The address asked for has to be in use as a return address, so that
+// its module can't be unloaded meanwhile. Any query may throw std::bad_alloc; the service stays usable.
 #pragma once
 
 #include <cstddef>
@@ -55,6 +56,11 @@ void sym_undecorate_name(const char* name, char* out, std::size_t length);
 
 // Module that holds the address; false when unknown.
 bool sym_get_module_info(std::uint64_t address, SYM_MODULE& module);
+
+// Whether the modules of the C and C++ runtime answer line queries. They don't by default: what they say
+// hangs on the debug packages that are installed, and a site in them helps nobody. For tests.
+enum class SYM_RUNTIME_LINES { withheld, served };
+void sym_serve_runtime_lines(SYM_RUNTIME_LINES lines);
 
 // Frees every index and the module list. The next query starts afresh.
 void sym_release();

@@ -1,0 +1,71 @@
+// Describes the code of a module through the service, one line an address:
+//   describe PROGRAM-OR-LIBRARY STEP      the library is loaded first; "self" stands for this program
+// Output: "0xADDRESS|function|file|line", the address as the symbol file counts.
+#include "vbx/platform/debug_symbols/debug_symbols.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+#include <link.h>
+
+namespace {
+
+struct CODE_RANGE {
+    const char* name;
+    std::uint64_t base;
+    std::uint64_t start;
+    std::uint64_t end;
+};
+
+int find_code(dl_phdr_info* info, std::size_t, void* opaque) {
+    auto& range = *static_cast<CODE_RANGE*>(opaque);
+    if (std::strcmp(info->dlpi_name, range.name) != 0) {
+        return 0;
+    }
+    for (int index = 0; index < info->dlpi_phnum; ++index) {
+        const auto& header = info->dlpi_phdr[index];
+        if (header.p_type == PT_LOAD && (header.p_flags & PF_X) != 0) {
+            range.base = info->dlpi_addr;
+            range.start = info->dlpi_addr + header.p_vaddr;
+            range.end = range.start + header.p_memsz;
+        }
+    }
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        return 2;
+    }
+    CODE_RANGE range{std::strcmp(argv[1], "self") == 0 ? "" : argv[1], 0, 0, 0};
+    if (*range.name != '\0' && dlopen(range.name, RTLD_NOW | RTLD_LOCAL) == nullptr) {
+        std::fprintf(stderr, "%s\n", dlerror());
+        return 3;
+    }
+    dl_iterate_phdr(find_code, &range);
+    const std::uint64_t step = std::strtoull(argv[2], nullptr, 10);
+    for (std::uint64_t code = range.start; code < range.end; code += step) {
+        const std::uint64_t address = code + 1; // as a return address
+        SYM_LINE line;
+        SYM_STATUS status = sym_get_line_from_addr(address, line);
+        if (status == SYM_STATUS::module_not_listed) {
+            sym_refresh_module_list();
+            status = sym_get_line_from_addr(address, line);
+        }
+        const bool has_line = status == SYM_STATUS::found;
+        std::printf("0x%lx|", static_cast<unsigned long>(code - range.base));
+        char file[4096] = "";
+        if (has_line) {
+            std::snprintf(file, sizeof(file), "%s", line.file_name);
+        }
+        SYM_SYMBOL symbol;
+        const bool has_symbol = sym_from_addr(address, symbol);
+        std::printf("%s|%s|%u\n", has_symbol ? symbol.name : "", file, has_line ? line.line : 0);
+    }
+    sym_release();
+    return 0;
+}

@@ -1,0 +1,80 @@
+#include "vbx/platform/debug_symbols/demangle.h"
+
+#include <libiberty/demangle.h>
+
+#include <algorithm>
+#include <csetjmp>
+#include <cstring>
+
+namespace {
+
+// The demangler keeps its working set on the stack, about 64 bytes a character, and recurses with the depth
+// of the name; we run on stacks of the host's choice.
+constexpr std::size_t longest_decorated_name = 1024;
+
+struct DEMANGLE_SINK {
+    char* out;
+    std::size_t room; // without the terminating NUL
+    std::size_t used;
+    std::jmp_buf full;
+};
+
+// Substitutions let a short name expand without bound. What does not fit is not wanted, so the printing ends
+// here; the demangler owns nothing at this point, its working set lies on the stack.
+void take_text(const char* text, std::size_t size, void* opaque) {
+    auto& sink = *static_cast<DEMANGLE_SINK*>(opaque);
+    const std::size_t taken = std::min(size, sink.room - sink.used);
+    std::memcpy(sink.out + sink.used, text, taken);
+    sink.used += taken;
+    if (taken < size) {
+        std::longjmp(sink.full, 1);
+    }
+}
+
+bool print_demangled(const char* name, DEMANGLE_SINK& sink) {
+    if (setjmp(sink.full) != 0) {
+        return true;
+    }
+    return cplus_demangle_v3_callback(name, DMGL_PARAMS | DMGL_ANSI | DMGL_RET_DROP, take_text, &sink) != 0;
+}
+
+void copy_cut(const char* name, std::size_t size, char* out, std::size_t length) {
+    const std::size_t taken = std::min(size, length - 1);
+    std::memcpy(out, name, taken);
+    out[taken] = '\0';
+}
+
+} // namespace
+
+void sym_demangle(const char* name, char* out, std::size_t length) {
+    if (length == 0) {
+        return;
+    }
+    const std::size_t size = std::strlen(name);
+    // Only the C++ prefix: the demangler would also take plain identifiers for types.
+    if (std::strncmp(name, "_Z", 2) == 0 && size <= longest_decorated_name) {
+        DEMANGLE_SINK sink{out, length - 1, 0, {}};
+        if (print_demangled(name, sink)) {
+            out[sink.used] = '\0';
+            return;
+        }
+    }
+    copy_cut(name, size, out, length);
+}
+
+void sym_demangle_symbol(const char* name, char* out, std::size_t length) {
+    const char* version = std::strchr(name, '@');
+    if (version == nullptr || version == name) {
+        sym_demangle(name, out, length);
+        return;
+    }
+    const std::size_t size = static_cast<std::size_t>(version - name);
+    char plain[longest_decorated_name + 1];
+    if (size < sizeof(plain)) {
+        std::memcpy(plain, name, size);
+        plain[size] = '\0';
+        sym_demangle(plain, out, length);
+    } else if (length > 0) {
+        copy_cut(name, size, out, length);
+    }
+}

@@ -1,0 +1,115 @@
+#include "vbx/platform/debug_symbols/line_index.h"
+
+#include "vbx/platform/debug_symbols/debug_file_finder.h"
+
+#include <dwarf.h>
+
+namespace {
+
+// Names in the debug information may be relative to the folder the compiler ran in.
+void set_file_name(Dwarf_Die& unit, const char* name, std::string& out) {
+    out.clear();
+    if (*name != '/') {
+        Dwarf_Attribute buffer;
+        const char* folder = dwarf_formstring(dwarf_attr(&unit, DW_AT_comp_dir, &buffer));
+        if (folder != nullptr && *folder != '\0') {
+            out.append(folder).push_back('/');
+        }
+    }
+    out.append(name);
+}
+
+} // namespace
+
+bool SYM_LINE_INDEX::load(const SYM_ELF_FILE& file) {
+    if (!m_image.load(file)) {
+        return false;
+    }
+    SYM_ELF_FILE shared_file;
+    if (sym_open_shared_debug_file(file, shared_file) && m_shared_image.load(shared_file)) {
+        dwarf_setalt(m_image.dwarf(), m_shared_image.dwarf());
+    }
+    // The units that libdw lists are found by walking them: compilers need not write an address table.
+    Dwarf_CU* unit = nullptr;
+    Dwarf_CU* next = nullptr;
+    Dwarf_Die die;
+    while (dwarf_get_units(m_image.dwarf(), unit, &next, nullptr, nullptr, &die, nullptr) == 0) {
+        unit = next;
+        Dwarf_Addr base = 0;
+        Dwarf_Addr start = 0;
+        Dwarf_Addr end = 0;
+        bool has_code = false;
+        for (ptrdiff_t at = 0; (at = dwarf_ranges(&die, at, &base, &start, &end)) > 0;) {
+            // Code that the linker threw away is left at address 0.
+            if (start != 0 && start < end) {
+                m_ranges.add(start, end, static_cast<std::uint32_t>(m_units.size()));
+                has_code = true;
+            }
+        }
+        if (has_code) {
+            m_units.push_back({die, nullptr, nullptr});
+        }
+    }
+    m_ranges.seal();
+    return !m_ranges.empty();
+}
+
+bool SYM_LINE_INDEX::find(std::uint64_t address, std::string& file_name, std::uint32_t& line) {
+    const auto* interval = m_ranges.find(address);
+    if (interval == nullptr) {
+        return false;
+    }
+    UNIT& unit = m_units[interval->payload];
+    return find_call_line(unit, address, file_name, line) || find_own_line(unit, address, file_name, line);
+}
+
+void SYM_LINE_INDEX::load_subprograms(UNIT& unit) const {
+    auto subprograms = std::make_unique<SYM_SUBPROGRAM_INDEX>();
+    auto split = std::make_unique<SYM_SPLIT_UNIT>();
+    if (split->load(m_image, unit.die)) {
+        subprograms->load(split->die(), split->list_base());
+        unit.split = std::move(split);
+    } else {
+        subprograms->load(unit.die, 0);
+    }
+    unit.subprograms = std::move(subprograms);
+}
+
+bool SYM_LINE_INDEX::find_call_line(UNIT& unit, std::uint64_t address, std::string& file_name,
+                                    std::uint32_t& line) {
+    if (unit.subprograms == nullptr) {
+        load_subprograms(unit);
+    }
+    Dwarf_Die file_table =
+        unit.split != nullptr && unit.split->has_file_table() ? unit.split->die() : unit.die;
+    SYM_CALL_SITE site{};
+    Dwarf_Files* files = nullptr;
+    std::size_t count = 0;
+    if (!unit.subprograms->find_outermost_call(address, site) ||
+        dwarf_getsrcfiles(&file_table, &files, &count) != 0 || site.file >= count) {
+        return false;
+    }
+    const char* name = dwarf_filesrc(files, site.file, nullptr, nullptr);
+    if (name == nullptr) {
+        return false;
+    }
+    set_file_name(unit.die, name, file_name);
+    line = static_cast<std::uint32_t>(site.line);
+    return true;
+}
+
+bool SYM_LINE_INDEX::find_own_line(UNIT& unit, std::uint64_t address, std::string& file_name,
+                                   std::uint32_t& line) {
+    Dwarf_Line* entry = dwarf_getsrc_die(&unit.die, address);
+    int number = 0;
+    if (entry == nullptr || dwarf_lineno(entry, &number) != 0 || number < 0) {
+        return false;
+    }
+    const char* name = dwarf_linesrc(entry, nullptr, nullptr);
+    if (name == nullptr) {
+        return false;
+    }
+    set_file_name(unit.die, name, file_name);
+    line = static_cast<std::uint32_t>(number);
+    return true;
+}

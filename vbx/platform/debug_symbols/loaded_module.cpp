@@ -1,0 +1,124 @@
+#include "vbx/platform/debug_symbols/loaded_module.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace {
+
+// The first page of the first segment is mapped as long as the module is; nothing beyond it is relied upon
+// before the program headers in it have been read.
+constexpr std::size_t header_page = 4096;
+
+const char* image_at(const SYM_LOADED_MODULE& module, std::uint64_t offset) {
+    return reinterpret_cast<const char*>(module.map_start + offset);
+}
+
+void* code_pointer(std::uint64_t address) {
+    return reinterpret_cast<void*>(address);
+}
+
+// Notes may lie on any page, so they are read only inside a readable segment as the program headers give it.
+bool is_readable_in(const std::vector<Elf64_Phdr>& headers, const Elf64_Phdr& part) {
+    for (const Elf64_Phdr& segment : headers) {
+        if (segment.p_type == PT_LOAD && (segment.p_flags & PF_R) != 0 && part.p_vaddr >= segment.p_vaddr &&
+            part.p_vaddr - segment.p_vaddr <= segment.p_filesz &&
+            part.p_filesz <= segment.p_filesz - (part.p_vaddr - segment.p_vaddr)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string executable_path() {
+    char path[PATH_MAX];
+    const ssize_t size = readlink("/proc/self/exe", path, sizeof(path));
+    return size > 0 ? std::string(path, static_cast<std::size_t>(size)) : std::string();
+}
+
+} // namespace
+
+bool sym_find_loaded_module(std::uint64_t address, SYM_LOADED_MODULE& module) {
+    dl_find_object object;
+    if (_dl_find_object(code_pointer(address), &object) != 0) {
+        return false;
+    }
+    module.map_start = reinterpret_cast<std::uint64_t>(object.dlfo_map_start);
+    module.map_end = reinterpret_cast<std::uint64_t>(object.dlfo_map_end);
+    module.loader_entry = object.dlfo_link_map;
+    module.base = object.dlfo_link_map->l_addr;
+    module.loader_name = object.dlfo_link_map->l_name;
+    return true;
+}
+
+bool sym_is_module_at(const SYM_LOADED_MODULE& module, std::uint64_t address) {
+    dl_find_object object;
+    return _dl_find_object(code_pointer(address), &object) == 0 &&
+           object.dlfo_link_map == module.loader_entry &&
+           reinterpret_cast<std::uint64_t>(object.dlfo_map_start) == module.map_start &&
+           object.dlfo_link_map->l_addr == module.base && module.loader_name == object.dlfo_link_map->l_name;
+}
+
+bool sym_may_be_loaded(const SYM_LOADED_MODULE& module) {
+    dl_find_object object;
+    return _dl_find_object(code_pointer(module.map_start), &object) == 0 &&
+           object.dlfo_link_map == module.loader_entry &&
+           reinterpret_cast<std::uint64_t>(object.dlfo_map_start) == module.map_start &&
+           reinterpret_cast<std::uint64_t>(object.dlfo_map_end) == module.map_end;
+}
+
+std::string sym_loaded_module_path(const SYM_LOADED_MODULE& module) {
+    if (module.loader_name.empty()) {
+        return executable_path();
+    }
+    if (module.loader_name.find('/') == std::string::npos) {
+        return {}; // the kernel's vdso
+    }
+    if (module.loader_name.front() == '/') {
+        return module.loader_name;
+    }
+    // The host may change its directory before the file is opened.
+    char directory[PATH_MAX];
+    if (getcwd(directory, sizeof(directory)) == nullptr || directory[0] != '/') {
+        return module.loader_name;
+    }
+    return std::string(directory) + '/' + module.loader_name;
+}
+
+bool sym_read_image_identity(const SYM_LOADED_MODULE& module, SYM_IMAGE_IDENTITY& identity) {
+    Elf64_Ehdr header;
+    std::memcpy(&header, image_at(module, 0), sizeof(header));
+    if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_phentsize != sizeof(Elf64_Phdr) ||
+        header.e_phoff > header_page ||
+        header.e_phnum > (header_page - header.e_phoff) / sizeof(Elf64_Phdr)) {
+        return false;
+    }
+    identity.program_headers.resize(header.e_phnum);
+    if (header.e_phnum > 0) {
+        std::memcpy(identity.program_headers.data(), image_at(module, header.e_phoff),
+                    header.e_phnum * sizeof(Elf64_Phdr));
+    }
+    for (const Elf64_Phdr& part : identity.program_headers) {
+        if (part.p_type == PT_NOTE && is_readable_in(identity.program_headers, part)) {
+            const auto* notes = reinterpret_cast<const char*>(module.base + part.p_vaddr);
+            identity.build_id = sym_find_build_id(notes, part.p_filesz);
+            if (!identity.build_id.empty()) {
+                break;
+            }
+        }
+    }
+    return true;
+}
+
+bool sym_is_file_of_image(const SYM_ELF_FILE& file, const SYM_IMAGE_IDENTITY& identity) {
+    const SYM_BUILD_ID build_id = file.build_id();
+    if (!build_id.empty() && !identity.build_id.empty()) {
+        return build_id == identity.build_id;
+    }
+    const auto& headers = file.program_headers();
+    return headers.size() == identity.program_headers.size() &&
+           std::memcmp(headers.data(), identity.program_headers.data(),
+                       headers.size() * sizeof(Elf64_Phdr)) == 0;
+}

@@ -1,0 +1,82 @@
+#include "vbx/platform/debug_symbols/module_list.h"
+
+#include "vbx/platform/debug_symbols/debug_file_finder.h"
+#include "vbx/platform/debug_symbols/short_name.h"
+
+#include <algorithm>
+
+SYM_MODULE_ENTRY::SYM_MODULE_ENTRY(SYM_LOADED_MODULE loaded)
+    : m_loaded(std::move(loaded)), m_path(sym_loaded_module_path(m_loaded)),
+      m_short_name(sym_short_module_name(m_path.empty() ? m_loaded.loader_name : m_path)) {}
+
+bool SYM_MODULE_ENTRY::open_file(SYM_ELF_FILE& file) const {
+    SYM_IMAGE_IDENTITY identity;
+    return !m_path.empty() && sym_read_image_identity(m_loaded, identity) && file.open(m_path.c_str()) &&
+           sym_is_file_of_image(file, identity);
+}
+
+const SYM_FUNCTION_INDEX* SYM_MODULE_ENTRY::functions() {
+    if (m_functions_state == STATE::unread) {
+        SYM_ELF_FILE file;
+        SYM_ELF_FILE debug_file;
+        auto index = std::make_unique<SYM_FUNCTION_INDEX>();
+        if (open_file(file)) {
+            // A full symbol table stands in the module, or was moved to the debug file; what is left then is
+            // the table of exported symbols.
+            const bool has_full_table = file.find_section(".symtab") != nullptr;
+            const bool loaded = (!has_full_table && sym_open_debug_file(file, debug_file) &&
+                                 debug_file.find_section(".symtab") != nullptr && index->load(debug_file)) ||
+                                index->load(file);
+            if (loaded && file.is_intact()) {
+                m_functions = std::move(index);
+            }
+        }
+        m_functions_state = STATE::read;
+    }
+    return m_functions.get();
+}
+
+SYM_LINE_INDEX* SYM_MODULE_ENTRY::lines() {
+    if (m_lines_state == STATE::unread) {
+        SYM_ELF_FILE file;
+        SYM_ELF_FILE debug_file;
+        auto index = std::make_unique<SYM_LINE_INDEX>();
+        if (open_file(file)) {
+            const bool loaded =
+                index->load(file) || (sym_open_debug_file(file, debug_file) && index->load(debug_file));
+            if (loaded && file.is_intact()) {
+                m_lines = std::move(index);
+            }
+        }
+        m_lines_state = STATE::read;
+    }
+    return m_lines.get();
+}
+
+SYM_MODULE_ENTRY* SYM_MODULE_LIST::find(std::uint64_t address) const {
+    const auto after = std::upper_bound(
+        m_entries.begin(), m_entries.end(), address,
+        [](std::uint64_t value, const auto& entry) { return value < entry->loaded().map_start; });
+    if (after == m_entries.begin()) {
+        return nullptr;
+    }
+    SYM_MODULE_ENTRY* entry = (after - 1)->get();
+    return address < entry->loaded().map_end && sym_is_module_at(entry->loaded(), address) ? entry : nullptr;
+}
+
+void SYM_MODULE_LIST::refresh(std::uint64_t address) {
+    std::erase_if(m_entries, [](const auto& entry) { return !sym_may_be_loaded(entry->loaded()); });
+    SYM_LOADED_MODULE loaded;
+    if (find(address) != nullptr || !sym_find_loaded_module(address, loaded)) {
+        return;
+    }
+    // What still overlaps the newcomer stood there before it.
+    std::erase_if(m_entries, [&](const auto& entry) {
+        return entry->loaded().map_start < loaded.map_end && loaded.map_start < entry->loaded().map_end;
+    });
+    auto entry = std::make_unique<SYM_MODULE_ENTRY>(std::move(loaded));
+    const auto place = std::find_if(m_entries.begin(), m_entries.end(), [&](const auto& other) {
+        return other->loaded().map_start > entry->loaded().map_start;
+    });
+    m_entries.insert(place, std::move(entry));
+}
