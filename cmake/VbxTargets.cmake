@@ -1,9 +1,17 @@
-# The two kinds of target that the folders below vbx/ define.
+# The kinds of target that the folders below vbx/ define.
 
-# A static PIC archive that ends up inside libvbx_mem.so (or a test).
+# A static PIC archive that ends up inside libvbx_mem.so (or a test); its symbols stay inside.
 #   vbx_add_archive(NAME SOURCES... )
 function(vbx_add_archive name)
   add_library(${name} STATIC ${ARGN})
+  target_link_libraries(${name} PUBLIC vbx_library_flags)
+endfunction()
+
+# Objects that are part of a library of the product as if they were its own sources, its exports among them. Only
+# direct links carry them.
+#   vbx_add_objects(NAME SOURCES... )
+function(vbx_add_objects name)
+  add_library(${name} OBJECT ${ARGN})
   target_link_libraries(${name} PUBLIC vbx_library_flags)
 endfunction()
 

@@ -1,8 +1,8 @@
 // The two lines that name the allocators, behind the reports at process end, when "debug_msg" is on.
 #pragma once
 
-// Reads the key, once in the life of the process. The lines come with the destruction of a static object that is
-// made here; being made inside the construction of the library's own initialiser, it goes after that.
+// Reads the key, once in the life of the process. The lines come with the destruction of a static object that
+// is made here; being made inside the construction of the library's own initialiser, it goes after that.
 void mem_keep_allocator_information();
 
 // Prints the lines if their static object has gone before the reports could be written. That is so in a

@@ -1,10 +1,10 @@
 // The smaller controls of tracking.
 
-#include <vbx/mem/control.h>
-
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 #include "vbx/mem/tracker.h"
+
+#include <vbx/mem/control.h>
 
 #include <utility>
 
@@ -15,14 +15,18 @@ void mem_set_tbb_track_alloc_dealloc(bool on) {
         mem_disable_tracking(MEM_GRANULARITY_PER_BIN);
 }
 
-bool mem_get_tbb_track_alloc_dealloc() { return mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN); }
+bool mem_get_tbb_track_alloc_dealloc() {
+    return mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN);
+}
 
 void mem_set_tbb_memory_tracking_enabled(bool on) {
     mem_tbb_tracker_start(MEM_GRANULARITY_PER_BIN);
     mem_memory_tracking_flag = on;
 }
 
-bool mem_get_tbb_memory_tracking_enabled() { return mem_memory_tracking_flag; }
+bool mem_get_tbb_memory_tracking_enabled() {
+    return mem_memory_tracking_flag;
+}
 
 MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT::MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT()
     : m_was_on(mem_get_tbb_track_alloc_dealloc()) {
@@ -33,6 +37,10 @@ MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT::~MEM_TBB_NO_TRACK_ALLOC_DEALLOC
     mem_set_tbb_track_alloc_dealloc(m_was_on);
 }
 
-int mem_block_thread_tracking() { return std::exchange(mem_thread_state.block_byte, std::uint8_t{1}); }
+int mem_block_thread_tracking() {
+    return std::exchange(mem_thread_state.block_byte, std::uint8_t{1});
+}
 
-int mem_unblock_thread_tracking() { return std::exchange(mem_thread_state.block_byte, std::uint8_t{0}); }
+int mem_unblock_thread_tracking() {
+    return std::exchange(mem_thread_state.block_byte, std::uint8_t{0});
+}

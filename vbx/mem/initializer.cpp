@@ -1,5 +1,3 @@
-#include <vbx/mem/initializer.h>
-
 #include "vbx/mem/allocator_information.h"
 #include "vbx/mem/base/library_lock.h"
 #include "vbx/mem/fork_policy.h"
@@ -7,6 +5,7 @@
 #include "vbx/mem/tracker.h"
 
 #include <vbx/mem/control.h>
+#include <vbx/mem/initializer.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -15,8 +14,8 @@ unsigned int MEM_INITIALIZER::s_init_counter = 0;
 
 namespace {
 
-// The switch of the load and unload lines is read twice in the life of a process: at the first construction and
-// at the first destruction of any initialiser. Whatever the variable holds turns the lines on.
+// The switch of the load and unload lines is read twice in the life of a process: at the first construction
+// and at the first destruction of any initialiser. Whatever the variable holds turns the lines on.
 class PRINT_SWITCH {
   public:
     bool is_on() {
@@ -44,7 +43,9 @@ void start_library() {
     mem_tbb_tracker_start(mem_get_tracking_granularity_from_env());
 }
 
-const char* printable(const char* module_name) { return module_name != nullptr ? module_name : "(null)"; }
+const char* printable(const char* module_name) {
+    return module_name != nullptr ? module_name : "(null)";
+}
 
 } // namespace
 

@@ -7,8 +7,8 @@
 
 namespace {
 
-// The first of the process: the loader initialises this library before all others. At process end its destructor
-// runs behind those of all modules that depend on the library.
+// The first of the process: the loader initialises this library before all others. At process end its
+// destructor runs behind those of all modules that depend on the library.
 MEM_INITIALIZER own_initializer("MEM");
 
 // What the tracker counted since its hook went on is set back to 0; the process begins here.

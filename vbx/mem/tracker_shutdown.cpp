@@ -68,7 +68,8 @@ void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
     mem_tbb_apply_final_peak();
     if (mem_report_flags.fileline)
         write_site_reports();
-    // The label's, auxiliary, module and bin-tag reports stand here, in this order, once their timelines exist.
+    // The label's, auxiliary, module and bin-tag reports stand here, in this order, once their timelines
+    // exist.
     write_leak_report();
     mem_disable_tracking(MEM_GRANULARITY_ALL);
     mem_clear_report_flags();
@@ -136,8 +137,8 @@ void mem_tbb_tracker_teardown() {
     if (!tracker_is_there())
         return;
     const bool is_unused = shut_down();
-    // From here on a late event does nothing, also one that reads the hook again because callbacks of the host
-    // are left in the table.
+    // From here on a late event does nothing, also one that reads the hook again because callbacks of the
+    // host are left in the table.
     mem_tracker_objects_exist.store(false, std::memory_order_release);
     // The objects go only when nobody can be inside them; leaking them at process end costs nothing.
     if (is_unused && events_in_flight_have_ended())

@@ -47,12 +47,13 @@ void create_catch_all_site(MEMORY_TRACKER_BASE& other_module) {
     mem_store_module_tracker(mem_tbb_site_table->catch_all(), &other_module);
 }
 
-// Everything works without the shim but for the one thing that the library is there for, and nothing would say
-// so: the process would just have no events.
+// Everything works without the shim but for the one thing that the library is there for, and nothing would
+// say so: the process would just have no events.
 void warn_if_no_events_can_come() {
     if (!tbbk_process_malloc_is_shim())
-        mem_warn("nothing can be tracked: malloc is not that of libtbbamalloc.so. Link the executable with it, or "
-                 "preload it");
+        mem_warn(
+            "nothing can be tracked: malloc is not that of libtbbamalloc.so. Link the executable with it, or "
+            "preload it");
 }
 
 } // namespace
@@ -67,8 +68,8 @@ void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask) {
     mem_create_executable_tag();
     mem_tbb_gate = new MEM_TRACKER_GATE;
     create_catch_all_site(create_other_module());
-    // Started before the hook goes on: in a process that loads the library late, other threads have events from
-    // that moment, and attribution takes a tracker that has not started for a fault.
+    // Started before the hook goes on: in a process that loads the library late, other threads have events
+    // from that moment, and attribution takes a tracker that has not started for a fault.
     mem_tracker_objects_exist.store(true, std::memory_order_release);
     mem_mark_tracker_started();
     if (mask != 0)

@@ -19,7 +19,8 @@ enum MEM_TRACKING_GRANULARITY : std::uint32_t {
 };
 
 constexpr MEM_TRACKING_GRANULARITY operator|(MEM_TRACKING_GRANULARITY a, MEM_TRACKING_GRANULARITY b) {
-    return static_cast<MEM_TRACKING_GRANULARITY>(static_cast<std::uint32_t>(a) | static_cast<std::uint32_t>(b));
+    return static_cast<MEM_TRACKING_GRANULARITY>(static_cast<std::uint32_t>(a) |
+                                                 static_cast<std::uint32_t>(b));
 }
 
 // Turns features on or off for the whole process, from each event's next start. Blocks already live are not
@@ -29,8 +30,8 @@ VBX_MEM_API void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits);
 // True if all of `bits` are on; true for 0. Lock-free.
 VBX_MEM_API bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits);
 
-// Works the mask out from the environment and the configuration, and sets the flags that say which reports are
-// written at the end. Does not store the mask. The library calls it once, at load.
+// Works the mask out from the environment and the configuration, and sets the flags that say which reports
+// are written at the end. Does not store the mask. The library calls it once, at load.
 VBX_MEM_API MEM_TRACKING_GRANULARITY mem_get_tracking_granularity_from_env();
 
 // The global statistics alone: MEM_GRANULARITY_PER_BIN on or off.

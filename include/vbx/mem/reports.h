@@ -5,17 +5,17 @@
 
 #include <iosfwd>
 
-// Ends tracking and writes every report that is asked for, into the current working directory. The teardown of
-// the library does it; hosts may do it earlier. Does nothing unless the tracker has started. A file that can't
-// be written is just missing.
+// Ends tracking and writes every report that is asked for, into the current working directory. The teardown
+// of the library does it; hosts may do it earlier. Does nothing unless the tracker has started. A file that
+// can't be written is just missing.
 VBX_MEM_API void mem_shutdown_tbb_tracking();
 
 // Sets the tag in the names of the report files: mem_tbb_fileline.TAG.log. "tvx" unless set.
 // exe_string  copied; must not be null. Needs a started tracker.
 VBX_MEM_API void mem_set_tbb_exe_string(const char* exe_string);
 
-// One line an allocation site, highest peak first. Returns true whatever became of the stream. Needs a started
-// tracker; holds up events that need a site until it is done.
+// One line an allocation site, highest peak first. Returns true whatever became of the stream. Needs a
+// started tracker; holds up events that need a site until it is done.
 VBX_MEM_API bool mem_dump_tbb_fileline_tracking(std::ostream& stream);
 
 // One line a module, highest peak first. As above; when the module timeline is on, call it only while no

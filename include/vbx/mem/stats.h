@@ -4,8 +4,8 @@
 //     peak     ________________________________  the highest current so far
 //     local_peak       [region.......]           the highest current since the region began
 //
-// The counters run while the granularity mask has MEM_GRANULARITY_PER_BIN or MEM_GRANULARITY_CHECK_LEAKS_FAST.
-// They are alive before the tracker starts and after its teardown.
+// The counters run while the granularity mask has MEM_GRANULARITY_PER_BIN or
+// MEM_GRANULARITY_CHECK_LEAKS_FAST. They are alive before the tracker starts and after its teardown.
 #pragma once
 
 #include <vbx/mem/export.h>

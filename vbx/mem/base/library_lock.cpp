@@ -19,7 +19,9 @@ void MEM_LIBRARY_LOCK::create() {
     section_exists.store(true, std::memory_order_release);
 }
 
-bool MEM_LIBRARY_LOCK::exists() const { return section_exists.load(std::memory_order_acquire); }
+bool MEM_LIBRARY_LOCK::exists() const {
+    return section_exists.load(std::memory_order_acquire);
+}
 
 void MEM_LIBRARY_LOCK::enter() MEM_NO_THREAD_SAFETY_ANALYSIS {
     if (exists())

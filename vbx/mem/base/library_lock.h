@@ -1,7 +1,7 @@
 // The lock of start and teardown: a recursive critical section that can be absent.
 //
-// Before it exists and after it is gone, entering and leaving only move a count, so code that runs at the edges
-// of the process needs no tests of its own.
+// Before it exists and after it is gone, entering and leaving only move a count, so code that runs at the
+// edges of the process needs no tests of its own.
 #pragma once
 
 #include "vbx/mem/base/annotations.h"

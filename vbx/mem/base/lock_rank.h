@@ -12,8 +12,8 @@
 // | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
 // | innermost   | init lock, and the two words inside the gate: a load or a store, nothing is called        |
 //
-// The shutdown changes the mask while it is inside the gate as a cat. That is the one step down, and safe: who
-// holds the granularity or the callback lock never enters the gate, because its events are turned away.
+// The shutdown changes the mask while it is inside the gate as a cat. That is the one step down, and safe:
+// who holds the granularity or the callback lock never enters the gate, because its events are turned away.
 #pragma once
 
 #include <cstdint>
@@ -44,7 +44,9 @@ void mem_rank_forget_all();
 
 inline void mem_rank_acquire(MEM_LOCK_RANK) {}
 inline void mem_rank_release(MEM_LOCK_RANK) {}
-inline bool mem_rank_holds_any() { return false; }
+inline bool mem_rank_holds_any() {
+    return false;
+}
 inline void mem_rank_forget_all() {}
 
 #endif

@@ -1,6 +1,7 @@
 // The gate between event threads and the rare operations that must see the tracker standing still.
 //
-// Event threads are mice: any number of them is inside at once. The operations are cats: a cat is inside alone.
+// Event threads are mice: any number of them is inside at once. The operations are cats: a cat is inside
+// alone.
 //
 //     mouse 1   |--inside--|            waits..........|--inside--|
 //     mouse 2        |--inside---|      waits..........|--inside-|

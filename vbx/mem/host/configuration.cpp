@@ -1,17 +1,17 @@
 // Configuration queries: the host's slot, else the configuration library of the suite, else the environment.
 //
 // The configuration library is only ever found in the process, never loaded. Each of its three functions is
-// looked up once, at the first query of its kind, and what the lookup gave stays: the function in the slot, or
-// nothing for good.
+// looked up once, at the first query of its kind, and what the lookup gave stays: the function in the slot,
+// or nothing for good.
 
 #include "vbx/mem/host/host_slots.h"
 #include "vbx/platform/os/process.h"
 #include "vbx/platform/vbx_thr/vbx_thr.h"
 
+#include <strings.h>
+
 #include <atomic>
 #include <cstdlib>
-
-#include <strings.h>
 
 namespace {
 
@@ -38,7 +38,9 @@ CALLBACK resolve(CALLBACK& slot, std::atomic<bool>& unsearched, const char* func
     return mem_load_slot(slot);
 }
 
-const char* from_environment(const char* name) { return name != nullptr ? std::getenv(name) : nullptr; }
+const char* from_environment(const char* name) {
+    return name != nullptr ? std::getenv(name) : nullptr;
+}
 
 bool is_one_of(const char* value, const char* word, const char* digit) {
     return strcasecmp(value, word) == 0 || strcasecmp(value, digit) == 0;

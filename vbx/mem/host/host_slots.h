@@ -1,4 +1,5 @@
-// The slots that hosts fill: plain pointers, null at load, no lock. A host fills them during its own start-up.
+// The slots that hosts fill: plain pointers, null at load, no lock. A host fills them during its own
+// start-up.
 #pragma once
 
 #include <vbx/mem/host.h>

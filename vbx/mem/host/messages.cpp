@@ -5,12 +5,12 @@
 #include "vbx/platform/os/process.h"
 #include "vbx/platform/os/thread.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-
-#include <unistd.h>
 
 // Messages can come from inside an event, in the middle of anything that the host does. Printing is a
 // cancellation point, which an allocation must not be. (errno is kept by the allocator shim.)

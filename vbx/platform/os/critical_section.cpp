@@ -1,8 +1,8 @@
 #include "vbx/platform/os/critical_section.h"
 
-#include <new>
-
 #include <immintrin.h>
+
+#include <new>
 
 namespace {
 constexpr int SPIN_COUNT = 4000;
@@ -17,6 +17,10 @@ void OS_CRITICAL_SECTION::enter() {
     pthread_mutex_lock(&m_mutex);
 }
 
-void OS_CRITICAL_SECTION::leave() { pthread_mutex_unlock(&m_mutex); }
+void OS_CRITICAL_SECTION::leave() {
+    pthread_mutex_unlock(&m_mutex);
+}
 
-void OS_CRITICAL_SECTION::reset_after_fork() { new (this) OS_CRITICAL_SECTION; }
+void OS_CRITICAL_SECTION::reset_after_fork() {
+    new (this) OS_CRITICAL_SECTION;
+}

@@ -2,20 +2,20 @@
 
 #include "vbx/platform/os/thread.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 
 constinit bool before_other_initialisers = false;
 
 // A library that the loader initialises before all others runs before libc has set `environ` up, so getenv
-// would answer nothing. The loader hands the environment to every constructor; this one comes before all others
-// of its library.
+// would answer nothing. The loader hands the environment to every constructor; this one comes before all
+// others of its library.
 [[gnu::constructor(101)]] void adopt_environment(int, char**, char** environment) {
     if (environ == nullptr) {
         environ = environment;
@@ -39,8 +39,12 @@ std::string os_executable_path() {
     }
 }
 
-bool os_is_before_other_initialisers() { return before_other_initialisers; }
-void os_other_initialisers_begin() { before_other_initialisers = false; }
+bool os_is_before_other_initialisers() {
+    return before_other_initialisers;
+}
+void os_other_initialisers_begin() {
+    before_other_initialisers = false;
+}
 
 namespace {
 

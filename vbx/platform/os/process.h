@@ -7,8 +7,8 @@
 // Path of the running executable; empty when the kernel doesn't tell.
 std::string os_executable_path();
 
-// Whether the process is still before the first initialiser of any library but the one that asks. Other modules
-// can be found and resolved then, but nothing in them has been constructed.
+// Whether the process is still before the first initialiser of any library but the one that asks. Other
+// modules can be found and resolved then, but nothing in them has been constructed.
 bool os_is_before_other_initialisers();
 void os_other_initialisers_begin();
 

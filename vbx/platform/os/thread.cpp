@@ -13,9 +13,13 @@ std::uint32_t os_thread_id() {
     return cached_thread_id;
 }
 
-void os_forget_thread_id() { cached_thread_id = 0; }
+void os_forget_thread_id() {
+    cached_thread_id = 0;
+}
 
-OS_NO_CANCELLATION::OS_NO_CANCELLATION() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old_state); }
+OS_NO_CANCELLATION::OS_NO_CANCELLATION() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old_state);
+}
 
 OS_NO_CANCELLATION::~OS_NO_CANCELLATION() {
     int ignored;

@@ -1,15 +1,17 @@
 // Services of the kernel for the calling thread.
 #pragma once
 
-#include <cstdint>
-
 #include <sched.h>
 
-// Lets another thread have the processor.
-inline void os_yield() { sched_yield(); }
+#include <cstdint>
 
-// Id of the calling thread: unique among live threads, reused after a thread has ended. A system call the first
-// time on each thread, a load afterwards.
+// Lets another thread have the processor.
+inline void os_yield() {
+    sched_yield();
+}
+
+// Id of the calling thread: unique among live threads, reused after a thread has ended. A system call the
+// first time on each thread, a load afterwards.
 std::uint32_t os_thread_id();
 
 // In a forked child: the one thread there has another id than the one it is a copy of.

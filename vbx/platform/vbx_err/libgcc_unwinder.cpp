@@ -1,4 +1,5 @@
-// The stack as libgcc sees it: the truth about every frame with unwind information, at about 2 us for 14 frames.
+// The stack as libgcc sees it: the truth about every frame with unwind information, at about 2 us for 14
+// frames.
 //
 // libgcc finds the tables of a frame through the loader's lock-free lookup. It takes no lock and allocates
 // nothing, unless the process has registered unwind tables of generated code: then it holds a lock of its own
@@ -44,8 +45,8 @@ _Unwind_Reason_Code store_frame(_Unwind_Context* context, void* argument) {
     std::uint64_t address = _Unwind_GetIPInfo(context, &is_interrupted);
     if (address == 0)
         return _URC_END_OF_STACK;
-    // A frame that a signal interrupted stands at the instruction itself, not behind a call. One more makes it
-    // look like a return address, which is what every reader of a frame takes it for.
+    // A frame that a signal interrupted stands at the instruction itself, not behind a call. One more makes
+    // it look like a return address, which is what every reader of a frame takes it for.
     if (is_interrupted != 0)
         ++address;
     capture.frames[capture.count++] = address;

@@ -30,8 +30,8 @@ class ERR_UNWINDER {
     // Returns how many were written. Inside the allocator's hook the innermost address is the one in the
     // caller of malloc (or its like); elsewhere it is the one in the caller of capture_stack. Safe on any
     // thread with no lock held; doesn't allocate.
-    virtual std::int32_t capture_stack(std::uint64_t* frames, std::int32_t max_frames, std::int32_t skip_frames,
-                                       std::uint64_t reserved) = 0;
+    virtual std::int32_t capture_stack(std::uint64_t* frames, std::int32_t max_frames,
+                                       std::int32_t skip_frames, std::uint64_t reserved) = 0;
 
   protected:
     ~ERR_UNWINDER() = default;

@@ -36,7 +36,9 @@ MEM_ADDRESS_TRACKER& describe_and_insert(std::uint64_t address) MEM_REQUIRES(mem
 
 } // namespace
 
-void mem_accept_incomplete_fileline_info() { incomplete_fileline_info_is_accepted = true; }
+void mem_accept_incomplete_fileline_info() {
+    incomplete_fileline_info_is_accepted = true;
+}
 
 MEM_CAPTURED_STACK mem_capture_stack() {
     MEM_CAPTURED_STACK stack;

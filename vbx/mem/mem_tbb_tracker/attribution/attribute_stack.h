@@ -7,8 +7,8 @@
 
 class ERR_UNWINDER;
 
-// Frames of the usual capture, and of the one made when none of those may be charged. Both count from the first
-// frame behind the allocator; the second goes on where the first stopped.
+// Frames of the usual capture, and of the one made when none of those may be charged. Both count from the
+// first frame behind the allocator; the second goes on where the first stopped.
 constexpr std::int32_t MEM_CAPTURE_FRAMES = 11;
 constexpr std::int32_t MEM_DEEP_CAPTURE_FRAMES = 50;
 
@@ -26,9 +26,9 @@ struct MEM_CAPTURED_STACK {
 MEM_CAPTURED_STACK mem_capture_stack();
 
 // The record to charge: that of the first frame which the filter accepts, else the catch-all. Gives the site
-// lock up while it describes an address that the table doesn't know, so that no event waits for the lock during
-// a symbol query. frames are return addresses, innermost first; a count of 0 or less means none. Throws
-// std::bad_alloc, with the lock held.
+// lock up while it describes an address that the table doesn't know, so that no event waits for the lock
+// during a symbol query. frames are return addresses, innermost first; a count of 0 or less means none.
+// Throws std::bad_alloc, with the lock held.
 MEM_ADDRESS_TRACKER& mem_attribute_stack(const std::uint64_t* frames, std::int32_t count)
     MEM_REQUIRES(mem_site_lock);
 

@@ -1,15 +1,16 @@
 #include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <initializer_list>
 #include <string_view>
 
-#include <strings.h>
-
 namespace {
 
 bool begins_with_one_of(std::string_view text, std::initializer_list<std::string_view> prefixes) {
-    return std::ranges::any_of(prefixes, [text](std::string_view prefix) { return text.starts_with(prefix); });
+    return std::ranges::any_of(prefixes,
+                               [text](std::string_view prefix) { return text.starts_with(prefix); });
 }
 
 // The paths of this platform use slashes, so these tests hit nothing here; they are for the debug information
@@ -31,8 +32,8 @@ bool mem_frame_is_filtered(const MEM_ADDRESS_TRACKER& frame) {
     const std::string_view file_name = frame.file_name;
     if (function_name.empty() || file_name.empty() || module_name.empty())
         return true;
-    return begins_with_one_of(function_name,
-                              {"std::", "mem_", "MEM_", "operator new", "KTL", "boost::", "tbb::", "ntl::"}) ||
+    return begins_with_one_of(function_name, {"std::", "mem_", "MEM_", "operator new", "KTL",
+                                              "boost::", "tbb::", "ntl::"}) ||
            begins_with_one_of(module_name, {"vbx_mem", "tbb"}) ||
            strcasecmp(frame.module_name, "db_kvs") == 0 || file_name.starts_with("/rigs") ||
            source_is_filtered(file_name);

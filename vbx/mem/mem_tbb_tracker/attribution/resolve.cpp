@@ -65,4 +65,6 @@ void mem_resolve_address(MEM_ADDRESS_TRACKER& record) {
     }
 }
 
-void mem_reset_symbol_lock() { symbol_lock.reset(); }
+void mem_reset_symbol_lock() {
+    symbol_lock.reset();
+}

@@ -1,8 +1,8 @@
 // The attributed stretch of an event: from the stack to the site, the live-block map and the module record.
 //
 // The thread is inside the gate as a mouse for all of it, so the site that it holds a pointer to stays. When
-// the tracker itself runs out of memory the block goes unrecorded: it is charged to the catch-all record, where
-// its free, as that of an unknown block, is taken from again.
+// the tracker itself runs out of memory the block goes unrecorded: it is charged to the catch-all record,
+// where its free, as that of an unknown block, is taken from again.
 #pragma once
 
 #include <cstdint>

@@ -36,8 +36,8 @@ constinit std::atomic<const CALLBACK_TABLE*> current_table{&empty_table};
 // another thread turns a feature on.
 constinit MEM_SPIN_LOCK callback_lock{MEM_LOCK_RANK::callbacks};
 
-// States are kept for good, because an event may be inside any of them; a state that was there before is taken
-// again, so that a host which turns a callback on and off for hours uses two.
+// States are kept for good, because an event may be inside any of them; a state that was there before is
+// taken again, so that a host which turns a callback on and off for hours uses two.
 constinit const CALLBACK_TABLE* newest_state MEM_GUARDED_BY(callback_lock) = &empty_table;
 
 void dispatch(void* block, std::uint64_t requested_size, std::uint64_t allocated_size, bool is_allocation) {
@@ -70,8 +70,8 @@ void mem_table_add(MEM_EVENT_CALLBACK callback) {
     if (table.index_of(callback) == table.count) {
         if (table.count == MAX_CALLBACKS)
             err_report_internal_error(
-                "Change the size of callback_fns to increase the number of allowed callbacks", "MEM", __FILE__,
-                __LINE__);
+                "Change the size of callback_fns to increase the number of allowed callbacks", "MEM",
+                __FILE__, __LINE__);
         table.callback_fns[table.count++] = callback;
         publish(table);
     }
@@ -83,7 +83,8 @@ void mem_table_remove(MEM_EVENT_CALLBACK callback) {
     const MEM_SPIN_GUARD guard(callback_lock);
     CALLBACK_TABLE table = *current_table.load(std::memory_order_relaxed);
     if (const int index = table.index_of(callback); index < table.count) {
-        std::copy(table.callback_fns + index + 1, table.callback_fns + table.count, table.callback_fns + index);
+        std::copy(table.callback_fns + index + 1, table.callback_fns + table.count,
+                  table.callback_fns + index);
         table.callback_fns[--table.count] = nullptr;
         publish(table);
     }
@@ -92,9 +93,13 @@ void mem_table_remove(MEM_EVENT_CALLBACK callback) {
         tbbk_set_mem_tracker_callback(table.callback_fns[0]);
 }
 
-void mem_add_callback_function(MEM_EVENT_CALLBACK callback) { mem_table_add(callback); }
+void mem_add_callback_function(MEM_EVENT_CALLBACK callback) {
+    mem_table_add(callback);
+}
 
-void mem_remove_callback_function(MEM_EVENT_CALLBACK callback) { mem_table_remove(callback); }
+void mem_remove_callback_function(MEM_EVENT_CALLBACK callback) {
+    mem_table_remove(callback);
+}
 
 namespace {
 

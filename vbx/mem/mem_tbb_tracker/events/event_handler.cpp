@@ -36,8 +36,8 @@ bool tick_is_sample() {
 void report_timeline_index(long long total) {
     const unsigned long long index = mem_timeline_index().add(1) - 1;
     if (index % 8 == 0)
-        mem_print_stdout("Debug: MEM: Memory tracking: at timeline index %llu with total memory %lld\n", index,
-                         total);
+        mem_print_stdout("Debug: MEM: Memory tracking: at timeline index %llu with total memory %lld\n",
+                         index, total);
 }
 
 void move_total(std::uint32_t mask, long long delta, bool sample) {
@@ -62,7 +62,8 @@ void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint6
 
 void mem_tbb_on_free(void* block, std::uint64_t size) {
     const std::uint32_t mask = mem_current_mask();
-    // First of all and outside the gate: recording a peak enters it as a cat. The total still holds the block.
+    // First of all and outside the gate: recording a peak enters it as a cat. The total still holds the
+    // block.
     const bool peak = (mask & MEM_FEATURES) != 0 && mem_tbb_check_threshold_peak();
     const bool sample = tick_is_sample() || peak;
     if ((mask & MEM_ATTRIBUTED) != 0)

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-// An event callback of the table. Works out from the mask what the event has to touch and touches it in a fixed
-// order. Lets no exception out. Events that the tracker causes itself, and those of blocked threads, only move
-// the fallback counters; events before the tracker's start and after its teardown do nothing.
+// An event callback of the table. Works out from the mask what the event has to touch and touches it in a
+// fixed order. Lets no exception out. Events that the tracker causes itself, and those of blocked threads,
+// only move the fallback counters; events before the tracker's start and after its teardown do nothing.
 void mem_tbb_event_handler(void* block, std::uint64_t requested_size, std::uint64_t allocated_size,
                            bool is_allocation);

@@ -1,5 +1,5 @@
-// The queries that copy records out. Both pass the gate as a mouse, so that the records can't be cleared under
-// them.
+// The queries that copy records out. Both pass the gate as a mouse, so that the records can't be cleared
+// under them.
 
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/base/thread_state.h"

@@ -23,8 +23,11 @@ bool is_new_peak(std::int64_t total, std::int64_t step) {
            total / step > mem_threshold_peak_bytes.load(relaxed) / step;
 }
 
-// The next multiple of the step at or above the total; the totals of a 64-bit process stay far below overflow.
-std::int64_t next_step(std::int64_t total, std::int64_t step) { return (total - 1 + step) / step * step; }
+// The next multiple of the step at or above the total; the totals of a 64-bit process stay far below
+// overflow.
+std::int64_t next_step(std::int64_t total, std::int64_t step) {
+    return (total - 1 + step) / step * step;
+}
 
 void copy_current_figures_of_all_sites() {
     const MEM_GATE_CAT cat(*mem_tbb_gate);
@@ -46,7 +49,9 @@ void keep_figures_of_this_stretch() {
 }
 
 // With the fast leak check alone the peak is that of the global statistics.
-bool searches_global_peak() { return mem_current_mask() == MEM_GRANULARITY_CHECK_LEAKS_FAST; }
+bool searches_global_peak() {
+    return mem_current_mask() == MEM_GRANULARITY_CHECK_LEAKS_FAST;
+}
 
 bool flushed_stretch_stands(std::int64_t flushed) {
     const MEM_SPIN_GUARD guard(mem_site_lock);
@@ -76,12 +81,13 @@ void mem_tbb_tracking_flush_peak() {
         keep_figures_of_this_stretch();
     }
     if ((mem_current_mask() & MEM_FEATURES) != 0) {
-        mem_msg_debug("Memory tracking: memory threshold peak was reset from %lld", static_cast<long long>(peak));
+        mem_msg_debug("Memory tracking: memory threshold peak was reset from %lld",
+                      static_cast<long long>(peak));
     } else if (searches_global_peak()) {
         KTL_RELAXED_ATOMIC<long long>& global_peak = mem_global_stats().peak.bytes;
         mem_msg_debug("Memory tracking: memory peak was reset from %lld", global_peak.load());
-        mem_flushed_peak_bytes.store(std::max<std::int64_t>(mem_flushed_peak_bytes.load(relaxed), global_peak.load()),
-                                     relaxed);
+        mem_flushed_peak_bytes.store(
+            std::max<std::int64_t>(mem_flushed_peak_bytes.load(relaxed), global_peak.load()), relaxed);
         global_peak.store(0);
     }
     mem_threshold_peak_bytes.store(0, relaxed);

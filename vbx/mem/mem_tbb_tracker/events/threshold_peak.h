@@ -27,8 +27,8 @@ inline constinit std::atomic<std::int64_t> mem_next_peak_bytes{MEM_FIRST_PEAK_BY
 inline constinit std::atomic<std::int64_t> mem_flushed_peak_bytes{0};
 
 // Called by a free, outside the gate and before its block leaves the total. When the total has doubled since
-// the last peak or has entered a higher step of the grid: enters the gate as a cat, copies the current figures
-// of every site into its peak figures and gives true. Otherwise a few loads and two divisions.
+// the last peak or has entered a higher step of the grid: enters the gate as a cat, copies the current
+// figures of every site into its peak figures and gives true. Otherwise a few loads and two divisions.
 bool mem_tbb_check_threshold_peak() noexcept;
 
 // Puts the figures in place that the reports are to show. Called by the shutdown, inside the gate as a cat.

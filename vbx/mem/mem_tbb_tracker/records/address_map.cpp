@@ -1,7 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 
 #include "vbx/mem/base/check.h"
-#include "vbx/mem/base/lock_rank.h"
 
 MEM_ADDRESS_MAP::MEM_ADDRESS_MAP() : m_entries(tbb::memory_pool_allocator<ENTRY>(m_pool)) {}
 

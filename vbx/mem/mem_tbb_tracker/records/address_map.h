@@ -8,6 +8,8 @@
 // taken, and only mem_get_address_tracker does.
 #pragma once
 
+#include "vbx/mem/base/lock_rank.h"
+
 #include <vbx/mem/trackers.h>
 
 #ifndef TBB_PREVIEW_MEMORY_POOL

@@ -11,7 +11,9 @@ struct PLACE {
     std::size_t offset;
 };
 
-std::size_t segment_length(std::size_t segment) { return std::size_t{1} << segment; }
+std::size_t segment_length(std::size_t segment) {
+    return std::size_t{1} << segment;
+}
 
 PLACE place_of(std::uint32_t id) {
     const std::uint64_t position = std::uint64_t{id} + 1;
@@ -86,11 +88,13 @@ void MEM_PB_STATS_TABLE::leave_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
     mem_rank_release(MEM_LOCK_RANK::leaf);
 }
 
-MEM_PB_STATS* MEM_PB_STATS_TABLE::find(std::uint32_t id) const {
-    if (id >= m_size.load(std::memory_order_acquire))
-        return nullptr;
+MEM_PB_STATS& MEM_PB_STATS_TABLE::at(std::uint32_t id) const {
     const PLACE place = place_of(id);
-    return m_segments[place.segment].load(std::memory_order_acquire) + place.offset;
+    return m_segments[place.segment].load(std::memory_order_acquire)[place.offset];
+}
+
+MEM_PB_STATS* MEM_PB_STATS_TABLE::find(std::uint32_t id) const {
+    return id < m_size.load(std::memory_order_acquire) ? &at(id) : nullptr;
 }
 
 void MEM_PB_STATS_TABLE::grow_to_hold(std::uint32_t id) {
@@ -106,14 +110,14 @@ template <class CHANGE>
 void MEM_PB_STATS_TABLE::for_each(CHANGE change) {
     const std::size_t size = m_size.load(std::memory_order_acquire);
     for (std::size_t id = 0; id < size; ++id)
-        change(*find(static_cast<std::uint32_t>(id)));
+        change(at(static_cast<std::uint32_t>(id)));
 }
 
 void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
     const SHARED_SCOPE shared(*this);
     if (find(id) == nullptr)
         grow_to_hold(id);
-    MEM_PB_STATS& stats = *find(id);
+    MEM_PB_STATS& stats = at(id);
     const auto bytes = static_cast<long long>(size);
     stats.max_bytes.raise_to(stats.current_bytes.add(bytes));
     stats.cumulative_bytes.add(bytes);
@@ -140,7 +144,9 @@ void MEM_PB_STATS_TABLE::restore_peak() {
     for_each([](MEM_PB_STATS& stats) { stats.peak_bytes.store(stats.saved_peak_bytes); });
 }
 
-std::size_t MEM_PB_STATS_TABLE::size() { return m_size.load(std::memory_order_acquire); }
+std::size_t MEM_PB_STATS_TABLE::size() {
+    return m_size.load(std::memory_order_acquire);
+}
 
 MEM_PB_STATS MEM_PB_STATS_TABLE::entry(std::uint32_t id) {
     const EXCLUSIVE_SCOPE exclusive(*this);

@@ -1,7 +1,7 @@
 // The byte figures of every profile bin or tag, indexed by id.
 //
-// Events charge the table in its shared mode, many at once; a peak copy needs it still and takes its exclusive
-// mode. The same shape as the gate's mice and cats, for one table.
+// Events charge the table in its shared mode, many at once; a peak copy needs it still and takes its
+// exclusive mode. The same shape as the gate's mice and cats, for one table.
 #pragma once
 
 #include "vbx/mem/base/spin_lock.h"
@@ -49,13 +49,15 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     class SHARED_SCOPE;
     class EXCLUSIVE_SCOPE;
 
+    // Of an id that the table holds.
+    MEM_PB_STATS& at(std::uint32_t id) const MEM_REQUIRES_SHARED(this);
     MEM_PB_STATS* find(std::uint32_t id) const MEM_REQUIRES_SHARED(this);
     void grow_to_hold(std::uint32_t id) MEM_REQUIRES_SHARED(this);
     template <class CHANGE>
     void for_each(CHANGE change) MEM_REQUIRES(this);
 
-    // Entries never move, so that shared users can index while another one grows the table: segment s holds the
-    // ids 2^s - 1 to 2^(s+1) - 2 and comes into being with the first of them.
+    // Entries never move, so that shared users can index while another one grows the table: segment s holds
+    // the ids 2^s - 1 to 2^(s+1) - 2 and comes into being with the first of them.
     static constexpr std::size_t SEGMENT_COUNT = 33;
     std::array<std::atomic<MEM_PB_STATS*>, SEGMENT_COUNT> m_segments{};
     // Highest id ever charged plus one.

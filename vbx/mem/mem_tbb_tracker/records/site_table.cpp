@@ -22,7 +22,9 @@ MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::insert(const MEM_ADDRESS_TRACKER& record) {
     return m_records.try_emplace(record.address, record).first->second;
 }
 
-MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() { return m_records[0]; }
+MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() {
+    return m_records[0];
+}
 
 void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
     const auto bytes = static_cast<std::int64_t>(size);

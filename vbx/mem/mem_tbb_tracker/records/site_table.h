@@ -5,7 +5,8 @@
 //     0x7f..9a07     stdc++, no line        filtered: looked at once, never charged
 //
 // One entry for every frame address that attribution ever looked at. Entries never move and are never removed
-// one by one: a pointer to a record holds until the whole table is cleared, which only a cat of the gate does.
+// one by one: a pointer to a record holds until the whole table is cleared, which only a cat of the gate
+// does.
 #pragma once
 
 #include "vbx/mem/base/spin_lock.h"

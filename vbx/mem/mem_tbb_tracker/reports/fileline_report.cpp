@@ -23,7 +23,9 @@ std::vector<const MEM_ADDRESS_TRACKER*> sites_by_peak() MEM_REQUIRES(mem_site_lo
 }
 
 // Sites that were never charged are left out, filtered frames first of all; the catch-all always stands.
-bool is_reported(const MEM_ADDRESS_TRACKER& site) { return site.cumulative_bytes != 0 || site.address == 0; }
+bool is_reported(const MEM_ADDRESS_TRACKER& site) {
+    return site.cumulative_bytes != 0 || site.address == 0;
+}
 
 void write_row(MEM_REPORT_LINE& line, const MEM_ADDRESS_TRACKER& site) {
     if (site.address == 0)

@@ -14,8 +14,11 @@
 
 namespace {
 
-// Sends either report to the file of a sibling tool. Asked of the environment alone: no configuration has a say.
-bool zv_mode_is_on() { return mem_environment_switch_is_on("MEM_LEAK_TRACKING_IN_ZV_MODE"); }
+// Sends either report to the file of a sibling tool. Asked of the environment alone: no configuration has a
+// say.
+bool zv_mode_is_on() {
+    return mem_environment_switch_is_on("MEM_LEAK_TRACKING_IN_ZV_MODE");
+}
 
 constexpr const char* ZV_FILE = "tarvane_zv_leak_warning.txt";
 

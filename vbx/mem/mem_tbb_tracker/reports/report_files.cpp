@@ -13,7 +13,9 @@ std::ofstream open(const std::string& name, std::ios_base::openmode mode) {
 
 } // namespace
 
-std::ofstream mem_open_report(const std::string& name) { return open(name, std::ios_base::out); }
+std::ofstream mem_open_report(const std::string& name) {
+    return open(name, std::ios_base::out);
+}
 
 std::ofstream mem_open_report_for_append(const std::string& name) {
     return open(name, std::ios_base::out | std::ios_base::app);

@@ -10,7 +10,9 @@ MEM_REPORT_LINE& MEM_REPORT_LINE::text(std::string_view text) {
     return *this;
 }
 
-MEM_REPORT_LINE& MEM_REPORT_LINE::number(std::int64_t number) { return number_in_field(number, 0); }
+MEM_REPORT_LINE& MEM_REPORT_LINE::number(std::int64_t number) {
+    return number_in_field(number, 0);
+}
 
 MEM_REPORT_LINE& MEM_REPORT_LINE::number_in_field(std::int64_t number, std::size_t width) {
     char digits[24];

@@ -1,7 +1,7 @@
 // The text of the reports: lines of tab-separated columns, and the footer that tells how long they took.
 //
-// Columns in, bytes out. Numbers are formatted here and not by the stream, so neither the host's locale nor the
-// flags of its stream show in a report.
+// Columns in, bytes out. Numbers are formatted here and not by the stream, so neither the host's locale nor
+// the flags of its stream show in a report.
 #pragma once
 
 #include <cstdint>
@@ -36,7 +36,8 @@ class MEM_REPORT_LINE {
 class MEM_REPORT_TIMER {
   public:
     MEM_REPORT_TIMER();
-    // "Time spent dumping:", clicks and seconds; "Error timing this dump." when the clock failed at the start.
+    // "Time spent dumping:", clicks and seconds; "Error timing this dump." when the clock failed at the
+    // start.
     void write_footer(std::ostream& stream) const;
 
   private:

@@ -55,10 +55,9 @@ void write_row(MEM_REPORT_LINE& line, const SUBSYSTEM& subsystem, bool with_max_
     line.text(name.empty() ? MEM_OTHER_MODULE : name).tab().number(sum.current_bytes);
     if (with_max_bytes)
         line.tab().number(sum.max_bytes);
-    for (const std::int64_t figure :
-         {sum.peak_bytes, sum.cumulative_bytes, sum.cumulative_requested_bytes,
-          sum.cumulative_mismatched_bytes, std::int64_t{sum.current_blocks}, std::int64_t{sum.peak_blocks},
-          sum.cumulative_blocks})
+    for (const std::int64_t figure : {sum.peak_bytes, sum.cumulative_bytes, sum.cumulative_requested_bytes,
+                                      sum.cumulative_mismatched_bytes, std::int64_t{sum.current_blocks},
+                                      std::int64_t{sum.peak_blocks}, sum.cumulative_blocks})
         line.tab().number(figure);
     line.end();
 }

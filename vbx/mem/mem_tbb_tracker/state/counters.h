@@ -24,8 +24,8 @@ struct MEM_FALLBACK_COUNTERS {
 };
 inline constinit MEM_FALLBACK_COUNTERS mem_fallback_counters;
 
-// Room for an object whose type has a destructor that must never run. All-zero bytes stand for the object until
-// it is constructed, which the types below (a number behind a virtual destructor) read correctly.
+// Room for an object whose type has a destructor that must never run. All-zero bytes stand for the object
+// until it is constructed, which the types below (a number behind a virtual destructor) read correctly.
 template <class T>
 class MEM_IMMORTAL {
   public:
@@ -46,7 +46,9 @@ struct MEM_EVENT_TOTALS {
 inline constinit MEM_IMMORTAL<MEM_STATS> mem_global_stats_room;
 inline constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_event_totals_room;
 
-inline MEM_STATS& mem_global_stats() { return mem_global_stats_room.get(); }
+inline MEM_STATS& mem_global_stats() {
+    return mem_global_stats_room.get();
+}
 inline KTL_RELAXED_ATOMIC<long long>& mem_tracked_total_bytes() {
     return mem_event_totals_room.get().tracked_total_bytes;
 }

@@ -5,7 +5,9 @@
 
 #include <vbx/mem/reports.h>
 
-void mem_create_executable_tag() { mem_tbb_exe_string = new std::string("tvx"); }
+void mem_create_executable_tag() {
+    mem_tbb_exe_string = new std::string("tvx");
+}
 
 void mem_destroy_executable_tag() {
     delete mem_tbb_exe_string;

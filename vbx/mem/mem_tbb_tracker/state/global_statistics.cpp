@@ -2,9 +2,9 @@
 
 #include <vbx/mem/peaks.h>
 
-// The peaks are raised to what this block's own addition gave. A second read of `current` could already miss the
-// block, if another thread has freed something in between, and the peak would be short of a level that was
-// really reached.
+// The peaks are raised to what this block's own addition gave. A second read of `current` could already miss
+// the block, if another thread has freed something in between, and the peak would be short of a level that
+// was really reached.
 void MEM_STATS::add_block(std::uint64_t size) {
     const long long bytes = current.bytes.add(static_cast<long long>(size));
     const long long blocks = current.blocks.add(1);
@@ -19,10 +19,18 @@ void MEM_STATS::remove_block(std::uint64_t size) {
     current.blocks.subtract(1);
 }
 
-MEM_STATS mem_get_stats() { return mem_global_stats(); }
-MEM_BASE_STATS mem_get_global_current() { return mem_global_stats().current; }
-MEM_BASE_STATS mem_get_global_peak() { return mem_global_stats().peak; }
-MEM_BASE_STATS mem_get_local_peak() { return mem_global_stats().local_peak; }
+MEM_STATS mem_get_stats() {
+    return mem_global_stats();
+}
+MEM_BASE_STATS mem_get_global_current() {
+    return mem_global_stats().current;
+}
+MEM_BASE_STATS mem_get_global_peak() {
+    return mem_global_stats().peak;
+}
+MEM_BASE_STATS mem_get_local_peak() {
+    return mem_global_stats().local_peak;
+}
 std::uint64_t mem_get_current_bytes() {
     return static_cast<std::uint64_t>(mem_global_stats().current.bytes.load());
 }

@@ -15,7 +15,9 @@ void mem_mark_tracker_started() {
     started = true;
 }
 
-bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits) { return (mem_current_mask() & bits) == bits; }
+bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits) {
+    return (mem_current_mask() & bits) == bits;
+}
 
 void mem_reset_state_locks() {
     init_lock.reset();

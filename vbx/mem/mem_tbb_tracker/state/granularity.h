@@ -25,7 +25,9 @@ constexpr std::uint32_t MEM_COUNTS_SITES = MEM_GRANULARITY_PER_FILELINE | MEM_GR
 // The features that the global statistics run for.
 constexpr std::uint32_t MEM_COUNTS_GLOBALLY = MEM_GRANULARITY_PER_BIN | MEM_GRANULARITY_CHECK_LEAKS_FAST;
 
-inline std::uint32_t mem_current_mask() { return mem_tbb_granularity.load(std::memory_order_relaxed); }
+inline std::uint32_t mem_current_mask() {
+    return mem_tbb_granularity.load(std::memory_order_relaxed);
+}
 
 // The started flag: set once, never cleared, also not by the teardown.
 bool mem_tbb_tracker_is_inited();

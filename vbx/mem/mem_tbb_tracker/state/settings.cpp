@@ -4,8 +4,8 @@
 
 #include <vbx/mem/host.h>
 
-#include <cstdlib>
 #include <cerrno>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 

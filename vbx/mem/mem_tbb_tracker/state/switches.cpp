@@ -7,7 +7,6 @@
 #include <vbx/mem/host.h>
 
 #include <boost/filesystem/path.hpp>
-
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -99,7 +98,9 @@ bool mem_environment_switch_is_on(const char* name) {
     return value != nullptr && *value != '\0' && std::strcmp(value, "0") != 0;
 }
 
-void mem_clear_report_flags() { set_all_report_flags(false); }
+void mem_clear_report_flags() {
+    set_all_report_flags(false);
+}
 
 MEM_TRACKING_GRANULARITY mem_get_tracking_granularity_from_env() {
     if (another_executable_is_meant())

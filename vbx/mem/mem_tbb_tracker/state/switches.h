@@ -20,6 +20,6 @@ inline constinit std::atomic<bool> mem_memory_tracking_flag{false};
 // Charging of blocks to the bins and tags that hosts open.
 inline constinit std::atomic<bool> mem_bin_tag_tracking_flag{false};
 
-// A variable switch is on if it is set, not empty and not exactly "0"; also for the switch that stands outside
-// the mask.
+// A variable switch is on if it is set, not empty and not exactly "0"; also for the switch that stands
+// outside the mask.
 bool mem_environment_switch_is_on(const char* name);

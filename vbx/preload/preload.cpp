@@ -1,0 +1,94 @@
+// Brings the library into an unmodified program: first of all that comes up, last of all that goes down.
+//
+//     LD_PRELOAD="libtbbamalloc.so libvbx_mem_preload.so" program
+//
+// Standard output of such a program is its data and its streams are its own: what the library prints goes to
+// descriptor 2, by write().
+
+#include "vbx/mem/host/preload_seam.h"
+#include "vbx/platform/os/process.h"
+#include "vbx/preload/expand_tag.h"
+
+#include <vbx/mem.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
+
+namespace {
+
+// The file behind descriptor 2 as the program was given it. When the program has put another file there, that
+// file is the program's data, and our lines are dropped.
+class MESSAGE_DESCRIPTOR {
+  public:
+    // The first call is made before the program itself runs.
+    bool is_still_ours() {
+        struct stat now;
+        if (fstat(STDERR_FILENO, &now) != 0)
+            now = {};
+        if (!m_is_known) {
+            m_is_known = true;
+            m_file = now;
+        }
+        return now.st_ino != 0 && now.st_dev == m_file.st_dev && now.st_ino == m_file.st_ino;
+    }
+
+  private:
+    bool m_is_known = false;
+    struct stat m_file {};
+};
+
+constinit MESSAGE_DESCRIPTOR message_descriptor;
+
+// Cut at about 1000 characters: this can run on a small stack, inside an allocation.
+void print(const char* prefix, const char* format, std::va_list args, const char* suffix) {
+    if (!message_descriptor.is_still_ours())
+        return;
+    char text[1024];
+    std::size_t length = 0;
+    const auto append = [&](int written) {
+        if (written > 0)
+            length = std::min(length + static_cast<std::size_t>(written), sizeof text - 1);
+    };
+    append(std::snprintf(text, sizeof text, "%s", prefix));
+    append(std::vsnprintf(text + length, sizeof text - length, format, args));
+    if (*suffix != '\0' && length == sizeof text - 1)
+        --length;
+    append(std::snprintf(text + length, sizeof text - length, "%s", suffix));
+    os_write(STDERR_FILENO, text, length);
+}
+
+bool send_debug_message(const char* tag, const char* format, std::va_list args) {
+    char prefix[32];
+    std::snprintf(prefix, sizeof prefix, "%s: ", tag);
+    print(prefix, format, args, "\n");
+    return true;
+}
+
+// The initialiser that keeps the library up until everything else of the process is gone.
+alignas(MEM_INITIALIZER) constinit unsigned char last_initializer[sizeof(MEM_INITIALIZER)] = {};
+
+void bring_library_down(void*) {
+    std::launder(reinterpret_cast<MEM_INITIALIZER*>(last_initializer))->~MEM_INITIALIZER();
+}
+
+[[gnu::constructor]] void bring_library_up() {
+    message_descriptor.is_still_ours();
+    mem_set_msg_local_vdebug_callback(send_debug_message);
+    new (last_initializer) MEM_INITIALIZER("preload");
+    if (const char* const tag = std::getenv("TARVANE_MEM_PRELOAD_TAG"))
+        mem_set_tbb_exe_string(mem_expand_tag(tag, program_invocation_short_name, getpid()).c_str());
+    // A handler that belongs to no module runs behind the destructors of all modules.
+    __cxa_atexit(bring_library_down, nullptr, nullptr);
+}
+
+} // namespace
+
+void mem_preload_print(const char* format, std::va_list args) { print("", format, args, ""); }
