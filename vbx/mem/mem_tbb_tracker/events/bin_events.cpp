@@ -14,19 +14,13 @@ constexpr MEM_BLOCK_BIN_RECORD ROOT{};
 } // namespace
 
 void mem_charge_bin_and_tag(void* block, std::uint64_t size) noexcept {
-    MEM_BLOCK_BIN_RECORD charged = ROOT;
     try {
-        mem_tbb_block_shards->insert(block, charged);
+        mem_tbb_block_shards->insert(block, ROOT);
     } catch (const std::bad_alloc&) {
-        // Charged where the free of a block that the shards don't know is credited.
-        charged = ROOT;
+        // The block is charged where the free of a block that the shards don't know is credited.
     }
-    try {
-        pbin_stats->add(charged.bin_id, size);
-        ptag_stats->add(charged.tag_id, size);
-    } catch (const std::bad_alloc&) {
-        // The first charge of an id, and no memory for its entry: the id has no figures.
-    }
+    pbin_stats->add(ROOT.bin_id, size);
+    ptag_stats->add(ROOT.tag_id, size);
 }
 
 void mem_credit_bin_and_tag(void* block, std::uint64_t size) noexcept {

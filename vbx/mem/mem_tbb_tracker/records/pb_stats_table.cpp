@@ -49,6 +49,10 @@ class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::EXCLUSIVE_SCOPE {
     MEM_PB_STATS_TABLE& m_table;
 };
 
+MEM_PB_STATS_TABLE::MEM_PB_STATS_TABLE() {
+    m_segments[0].store(new MEM_PB_STATS[segment_length(0)], std::memory_order_relaxed);
+}
+
 MEM_PB_STATS_TABLE::~MEM_PB_STATS_TABLE() {
     for (auto& segment : m_segments)
         delete[] segment.load(std::memory_order_relaxed);

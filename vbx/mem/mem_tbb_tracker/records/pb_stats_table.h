@@ -22,7 +22,8 @@ struct MEM_PB_STATS {
 
 class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
   public:
-    MEM_PB_STATS_TABLE() = default;
+    // Has room for id 0 from the start, so charging that never fails. Throws std::bad_alloc.
+    MEM_PB_STATS_TABLE();
     ~MEM_PB_STATS_TABLE();
     MEM_PB_STATS_TABLE(const MEM_PB_STATS_TABLE&) = delete;
     MEM_PB_STATS_TABLE& operator=(const MEM_PB_STATS_TABLE&) = delete;

@@ -1,0 +1,40 @@
+// A tracker over the fakes, and the language in which tests speak of events.
+#pragma once
+
+#include "tests/fakes/fakes.h"
+
+#include <vbx/mem.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+// Three sites of two modules, and frames that are passed over.
+constexpr std::uint64_t PARSE = 0x1000;   // parser!parse, parse.cpp:10
+constexpr std::uint64_t EXPAND = 0x1100;  // parser!expand, parse.cpp:20
+constexpr std::uint64_t QUERY = 0x2000;   // engine!query, query.cpp:30
+constexpr std::uint64_t FILTERED = 0x100; // up to 0x1FF: std::vector's growth
+
+class TRACKER_TEST : public testing::Test {
+  protected:
+    TRACKER_TEST();
+
+    // Starts the tracker as the library's start does, with these features.
+    void start(std::uint32_t mask);
+};
+
+// One allocation, one free, seen from a stack.
+void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size = 0);
+void release(std::uint64_t block, std::uint64_t size);
+
+// The charged sites, one a line, in the order of their addresses:
+// "parse cur 100/1 max 200/2 peak 0/0 cum 300/3 req 290 mis 0". The catch-all is "OTHER".
+std::string rendered_sites();
+// The same of one site, or "none".
+std::string rendered_site(std::uint64_t address);
+MEMORY_TRACKER_BASE module_record(const std::string& name);
+MEMORY_TRACKER_BASE catch_all();
+
+// A configuration key, as an environment variable, for the process of this test.
+void set_variable(const char* name, const char* value);
