@@ -12,7 +12,7 @@ enum class ORACLE { addr2line, llvm };
 struct CASE {
     const char* name;
     ORACLE
-        oracle; // addr2line of binutils 2.40 misreads some address lists of DWARF 5 and knows no .dwo files
+    oracle; // addr2line of binutils 2.40 misreads some address lists of DWARF 5 and knows no .dwo files
     const char* module;
     const char* most; // addresses
 };
