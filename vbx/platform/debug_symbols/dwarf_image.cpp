@@ -151,7 +151,7 @@ bool build_image(const SYM_ELF_FILE& file, std::vector<CHOSEN_SECTION>& chosen, 
 
 // libdw ends the process when it runs out of memory unless told otherwise. Its frames hold nothing that an
 // exception would have to release; what it had begun to build stays with the handle.
-[[noreturn]] void throw_out_of_memory() {
+__attribute__((noreturn)) void throw_out_of_memory() {
     throw std::bad_alloc();
 }
 

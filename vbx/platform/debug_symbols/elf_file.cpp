@@ -26,7 +26,7 @@ const char* SYM_BYTES::text_at(std::uint64_t offset) const {
     return data.get() + offset;
 }
 
-SYM_BUILD_ID sym_find_build_id(const char* notes, std::size_t size) {
+SYM_BUILD_ID sym_find_build_id(const char* notes, std::size_t size, std::size_t* offset) {
     std::size_t at = 0;
     while (size - at >= sizeof(Elf64_Nhdr)) {
         Elf64_Nhdr note;
@@ -39,6 +39,9 @@ SYM_BUILD_ID sym_find_build_id(const char* notes, std::size_t size) {
         }
         if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 &&
             std::memcmp(notes + at, ELF_NOTE_GNU, 4) == 0) {
+            if (offset != nullptr) {
+                *offset = at + name_size;
+            }
             const auto* id = reinterpret_cast<const unsigned char*>(notes + at + name_size);
             return SYM_BUILD_ID(id, id + note.n_descsz);
         }

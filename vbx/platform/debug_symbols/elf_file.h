@@ -25,8 +25,9 @@ struct SYM_BYTES {
 
 using SYM_BUILD_ID = std::vector<unsigned char>;
 
-// Looks through notes as they stand in memory or in a file; an empty id when there is none.
-SYM_BUILD_ID sym_find_build_id(const char* notes, std::size_t size);
+// Looks through notes as they stand in memory or in a file; an empty id when there is none. Sets *offset, if
+// given, to where the id stands in them.
+SYM_BUILD_ID sym_find_build_id(const char* notes, std::size_t size, std::size_t* offset = nullptr);
 
 class SYM_ELF_FILE {
   public:

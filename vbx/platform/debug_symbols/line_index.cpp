@@ -6,6 +6,9 @@
 
 namespace {
 
+// Far above what real programs have. Broken files can make thousands of units share one long list.
+constexpr std::size_t most_range_entries = std::size_t{1} << 22;
+
 // Names in the debug information may be relative to the folder the compiler ran in.
 void set_file_name(Dwarf_Die& unit, const char* name, std::string& out) {
     out.clear();
@@ -29,29 +32,46 @@ bool SYM_LINE_INDEX::load(const SYM_ELF_FILE& file) {
     if (sym_open_shared_debug_file(file, shared_file) && m_shared_image.load(shared_file)) {
         dwarf_setalt(m_image.dwarf(), m_shared_image.dwarf());
     }
-    // The units that libdw lists are found by walking them: compilers need not write an address table.
+    collect_units();
+    return !m_ranges.empty();
+}
+
+void SYM_LINE_INDEX::collect_units() {
+    struct RANGE {
+        Dwarf_Addr start;
+        Dwarf_Addr end;
+        std::uint32_t unit;
+    };
+    std::vector<RANGE> ranges;
+    std::size_t entries = 0;
+    // The units are found by walking them: compilers need not write an address table.
     Dwarf_CU* unit = nullptr;
-    Dwarf_CU* next = nullptr;
     Dwarf_Die die;
-    while (dwarf_get_units(m_image.dwarf(), unit, &next, nullptr, nullptr, &die, nullptr) == 0) {
-        unit = next;
+    while (entries < most_range_entries &&
+           dwarf_get_units(m_image.dwarf(), unit, &unit, nullptr, nullptr, &die, nullptr) == 0) {
+        const std::size_t before = ranges.size();
         Dwarf_Addr base = 0;
         Dwarf_Addr start = 0;
         Dwarf_Addr end = 0;
-        bool has_code = false;
-        for (ptrdiff_t at = 0; (at = dwarf_ranges(&die, at, &base, &start, &end)) > 0;) {
+        for (ptrdiff_t at = 0;
+             entries < most_range_entries && (at = dwarf_ranges(&die, at, &base, &start, &end)) > 0;
+             ++entries) {
             // Code that the linker threw away is left at address 0.
             if (start != 0 && start < end) {
-                m_ranges.add(start, end, static_cast<std::uint32_t>(m_units.size()));
-                has_code = true;
+                ranges.push_back({start, end, static_cast<std::uint32_t>(m_units.size())});
             }
         }
-        if (has_code) {
+        if (ranges.size() > before) {
             m_units.push_back({die, nullptr, nullptr});
         }
     }
+    // Units whose copy of a template was dropped for an equally long one still claim the place. The linker
+    // keeps the first copy, so the first unit has to answer, which for the index is the one added last.
+    m_ranges.reserve(ranges.size());
+    for (auto range = ranges.rbegin(); range != ranges.rend(); ++range) {
+        m_ranges.add(range->start, range->end, range->unit);
+    }
     m_ranges.seal();
-    return !m_ranges.empty();
 }
 
 bool SYM_LINE_INDEX::find(std::uint64_t address, std::string& file_name, std::uint32_t& line) {

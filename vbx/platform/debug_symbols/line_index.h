@@ -28,6 +28,7 @@ class SYM_LINE_INDEX {
         std::unique_ptr<SYM_SUBPROGRAM_INDEX> subprograms;
     };
 
+    void collect_units();
     void load_subprograms(UNIT& unit) const;
     bool find_call_line(UNIT& unit, std::uint64_t address, std::string& file_name, std::uint32_t& line);
     bool find_own_line(UNIT& unit, std::uint64_t address, std::string& file_name, std::uint32_t& line);

@@ -10,9 +10,7 @@ SYM_MODULE_ENTRY::SYM_MODULE_ENTRY(SYM_LOADED_MODULE loaded)
       m_short_name(sym_short_module_name(m_path.empty() ? m_loaded.loader_name : m_path)) {}
 
 bool SYM_MODULE_ENTRY::open_file(SYM_ELF_FILE& file) const {
-    SYM_IMAGE_IDENTITY identity;
-    return !m_path.empty() && sym_read_image_identity(m_loaded, identity) && file.open(m_path.c_str()) &&
-           sym_is_file_of_image(file, identity);
+    return !m_path.empty() && file.open(m_path.c_str()) && sym_is_file_of_image(file, m_loaded.identity);
 }
 
 const SYM_FUNCTION_INDEX* SYM_MODULE_ENTRY::functions() {

@@ -1,14 +1,15 @@
 // Describes the code of a module through the service, one line an address:
-//   describe PROGRAM-OR-LIBRARY STEP      the library is loaded first; "self" stands for this program
+//   describe LIBRARY|self MOST      loads the library; "self" stands for this program; MOST addresses spread
+//   over its code
 // Output: "0xADDRESS|function|file|line", the address as the symbol file counts.
 #include "vbx/platform/debug_symbols/debug_symbols.h"
+
+#include <dlfcn.h>
+#include <link.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include <dlfcn.h>
-#include <link.h>
 
 namespace {
 
@@ -47,7 +48,8 @@ int main(int argc, char** argv) {
         return 3;
     }
     dl_iterate_phdr(find_code, &range);
-    const std::uint64_t step = std::strtoull(argv[2], nullptr, 10);
+    const std::uint64_t most = std::strtoull(argv[2], nullptr, 10);
+    const std::uint64_t step = (range.end - range.start) / most + 1;
     for (std::uint64_t code = range.start; code < range.end; code += step) {
         const std::uint64_t address = code + 1; // as a return address
         SYM_LINE line;

@@ -1,4 +1,5 @@
-// Code to be looked up: inlined chains, templates, lambdas, local classes, cold paths, C names. Built in many ways.
+// Code to be looked up: inlined chains, templates, lambdas, local classes, cold paths, C names. Built in many
+// ways.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
