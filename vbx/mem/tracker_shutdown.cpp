@@ -99,7 +99,7 @@ bool shut_down() {
         return false;
     }
     write_reports_or_say_why_not();
-    mem_tbb_gate->leave(MEM_GATE_ROLE::cat);
+    mem_tbb_gate->leave_as_cat();
     return ended;
 }
 

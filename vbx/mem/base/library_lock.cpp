@@ -37,7 +37,7 @@ void MEM_LIBRARY_LOCK::leave() MEM_NO_THREAD_SAFETY_ANALYSIS {
         section.leave();
 }
 
-void MEM_LIBRARY_LOCK::destroy() {
+void MEM_LIBRARY_LOCK::destroy() MEM_NO_THREAD_SAFETY_ANALYSIS {
     if (is_being_destroyed)
         return;
     is_being_destroyed = true;

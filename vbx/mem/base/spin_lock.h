@@ -44,12 +44,11 @@ class MEM_SCOPED_CAPABILITY MEM_SPIN_GUARD {
 };
 
 // The other way round: gives a held lock up for a scope, also when the scope ends by an exception.
-class MEM_SPIN_UNGUARD {
+class MEM_SCOPED_CAPABILITY MEM_SPIN_UNGUARD {
   public:
-    explicit MEM_SPIN_UNGUARD(MEM_SPIN_LOCK& lock) MEM_NO_THREAD_SAFETY_ANALYSIS : m_lock(lock) {
-        m_lock.release();
-    }
-    ~MEM_SPIN_UNGUARD() MEM_NO_THREAD_SAFETY_ANALYSIS { m_lock.acquire(); }
+    explicit MEM_SPIN_UNGUARD(MEM_SPIN_LOCK& lock) MEM_RELEASE(lock) : m_lock(lock) { m_lock.release(); }
+    // To the analysis the end of a scope undoes its beginning, which here takes the lock again.
+    ~MEM_SPIN_UNGUARD() MEM_RELEASE() MEM_NO_THREAD_SAFETY_ANALYSIS { m_lock.acquire(); }
     MEM_SPIN_UNGUARD(const MEM_SPIN_UNGUARD&) = delete;
     MEM_SPIN_UNGUARD& operator=(const MEM_SPIN_UNGUARD&) = delete;
 

@@ -31,6 +31,7 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
     void leave(MEM_GATE_ROLE role);
     // Enters as a cat unless that takes longer than timeout_ms. The end of the process can't wait for ever.
     bool enter_as_cat_within(unsigned timeout_ms) MEM_TRY_ACQUIRE(true);
+    void leave_as_cat() MEM_RELEASE() MEM_NO_THREAD_SAFETY_ANALYSIS { leave(MEM_GATE_ROLE::cat); }
     // Empties the gate whoever was inside: for a forked child, whose other threads are gone.
     void reset();
 
