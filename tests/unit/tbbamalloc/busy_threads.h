@@ -2,7 +2,9 @@
 // ends threads, each with small and large blocks.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <thread>
 #include <vector>

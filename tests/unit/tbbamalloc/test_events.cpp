@@ -9,6 +9,7 @@
 #include <vector>
 
 extern "C" void* __libc_malloc(std::size_t size);
+extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 namespace {
 
@@ -127,6 +128,18 @@ TEST(Events, ScribblingCallbackSpoilsNoContents) {
             std::free(block);
         }
     }
+}
+
+// Straight from the system: nothing need be mapped where the heap looks for its own header.
+TEST(Events, LargeForeignBlocksAreToldApart) {
+    RECORDED_EVENTS recorded;
+    for (int i = 0; i != 8; ++i) {
+        void* const block = i % 2 == 0 ? __libc_malloc(200'000) : __libc_memalign(8192, 200'000);
+        EXPECT_GE(malloc_usable_size(block), 200'000U);
+        std::free(std::realloc(block, 300'000));
+        std::free(std::malloc(30'000)); // moves the places of the next ones
+    }
+    EXPECT_EQ(recorded.count, 16U);
 }
 
 const void* seen_frame = nullptr;

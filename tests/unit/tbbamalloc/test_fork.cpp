@@ -30,7 +30,7 @@ int status_of_child(BODY body) {
 }
 
 bool use_heap() {
-    for (std::size_t size = 16; size < 40'000'000; size *= 3) {
+    for (std::size_t size = 16; size < 3'000'000; size *= 3) {
         void* const block = std::malloc(size);
         if (block == nullptr)
             return false;
@@ -47,7 +47,7 @@ TEST_P(Fork, ChildrenOfBusyProcessNeverHang) {
     tbbk_set_mem_tracker_callback(GetParam());
     {
         BUSY_THREADS busy(3);
-        for (int i = 0; i != 300; ++i)
+        for (int i = 0; i != 200; ++i)
             ASSERT_EQ(status_of_child(use_heap), 0) << "fork " << i;
     }
     tbbk_set_mem_tracker_callback(nullptr);
