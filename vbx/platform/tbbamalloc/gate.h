@@ -38,7 +38,8 @@ inline std::uint32_t tbbk_enter(TBBK_SLOT& slot) noexcept {
     const std::uint32_t outer_depth = slot.depth.load(std::memory_order_relaxed);
     slot.depth.store(outer_depth + 1, std::memory_order_relaxed);
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (tbbk_gate.load(std::memory_order_relaxed) != 0) [[unlikely]]
+    // Acquire: what the raiser changed in the quiet is visible to those that come in behind it.
+    if (tbbk_gate.load(std::memory_order_acquire) != 0) [[unlikely]]
         tbbk_enter_slowly(slot, outer_depth);
     return outer_depth;
 }

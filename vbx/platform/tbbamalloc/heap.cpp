@@ -7,6 +7,8 @@
 namespace {
 
 void* resize_either(void* block, std::size_t size) {
+    if (tbbk_is_stray(block))
+        return __libc_realloc(block, size);
     return __TBB_malloc_safer_realloc(block, size, reinterpret_cast<void*>(&__libc_realloc));
 }
 

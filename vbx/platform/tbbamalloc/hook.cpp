@@ -8,28 +8,23 @@
 constinit std::atomic<tbbk_mem_tracker_callback> tbbk_hook = nullptr;
 __thread const void* tbbk_frame = nullptr;
 
-namespace {
-
-inline void report(tbbk_mem_tracker_callback hook, const void* frame, void* block, std::size_t requested,
-                   std::size_t allocated, bool is_allocation) noexcept {
+void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept {
     const int saved_errno = errno;
     const void* const outer_frame = tbbk_frame;
     tbbk_frame = frame;
-    hook(block, requested, allocated, is_allocation);
+    hook(event.block, event.requested, event.allocated, event.is_allocation);
     tbbk_frame = outer_frame;
     errno = saved_errno;
 }
 
-} // namespace
-
 void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                             std::size_t requested) noexcept {
-    report(hook, frame, block, requested, scalable_msize(block), true);
+    tbbk_report_event(hook, frame, {block, requested, scalable_msize(block), true});
 }
 
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                       std::size_t allocated) noexcept {
-    report(hook, frame, block, 0, allocated, false);
+    tbbk_report_event(hook, frame, {block, 0, allocated, false});
 }
 
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {

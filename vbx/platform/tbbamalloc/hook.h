@@ -19,9 +19,18 @@ inline tbbk_mem_tracker_callback tbbk_hook_now() noexcept {
     return tbbk_hook.load(std::memory_order_acquire);
 }
 
-// One event each, with `frame` as the entry frame. Out of line, so that a call without a hook keeps few
-// registers. Both keep errno, which belongs to the caller of malloc or free.
-// requested, allocated  bytes
+struct TBBK_EVENT {
+    void* block;
+    std::size_t requested; // bytes
+    std::size_t allocated; // bytes
+    bool is_allocation;
+};
+
+// Calls the hook for an event with `frame` as the entry frame. Out of line, so that a call without a hook
+// keeps few registers. Keeps errno, which belongs to the caller of malloc or free.
+void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept;
+
+// A block of tbbmalloc's that was just obtained, and one that is about to go back.
 void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                             std::size_t requested) noexcept;
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,

@@ -1,0 +1,172 @@
+// Who may be inside the shim while a thread has asked for quiet.
+#include "tests/unit/tbbamalloc/busy_threads.h"
+#include "vbx/platform/tbbamalloc/tbbamalloc.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<std::uint64_t> foreign_events = 0;
+std::atomic<pthread_t> quiet_thread = 0;
+
+void count_foreign_event(void*, std::uint64_t, std::uint64_t, bool) {
+    if (pthread_self() != quiet_thread)
+        foreign_events.fetch_add(1);
+}
+
+TEST(Gate, QuietThreadIsAlone) {
+    tbbk_set_mem_tracker_callback(count_foreign_event);
+    {
+        BUSY_THREADS busy(3);
+        quiet_thread = pthread_self();
+        for (int i = 0; i != 50; ++i) {
+            const std::uint64_t events_before = foreign_events;
+            while (foreign_events == events_before)
+                usleep(100); // the others have been let in again
+            ASSERT_TRUE(tbbk_quiesce_begin(10'000));
+            const std::uint64_t events_at_start = foreign_events;
+            std::free(std::malloc(1000)); // its own way stays open
+            ASSERT_TRUE(tbbk_quiesce_begin(10'000));
+            usleep(1000);
+            tbbk_quiesce_end();
+            ASSERT_EQ(foreign_events, events_at_start);
+            tbbk_quiesce_end();
+        }
+    }
+    tbbk_set_mem_tracker_callback(nullptr);
+}
+
+TEST(Gate, SeveralThreadsTakeTurns) {
+    static std::atomic<int> alone;
+    alone = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i != 4; ++i)
+        threads.emplace_back([] {
+            for (int round = 0; round != 100; ++round) {
+                EXPECT_TRUE(tbbk_quiesce_begin(20'000));
+                EXPECT_EQ(alone.fetch_add(1), 0);
+                std::free(std::malloc(5000));
+                alone.fetch_sub(1);
+                tbbk_quiesce_end();
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+std::atomic<int> waiting_callbacks = 0;
+std::atomic<bool> may_leave = false;
+
+void wait_inside(void*, std::uint64_t, std::uint64_t, bool is_allocation) {
+    if (!is_allocation || pthread_self() == quiet_thread)
+        return;
+    waiting_callbacks.fetch_add(1);
+    while (!may_leave)
+        usleep(1000);
+}
+
+TEST(Gate, StuckCallbackIsReportedAndNobodyElseGetsIn) {
+    waiting_callbacks = 0;
+    may_leave = false;
+    quiet_thread = pthread_self();
+    tbbk_set_mem_tracker_callback(wait_inside);
+    std::thread stuck([] { std::free(std::malloc(10)); });
+    while (waiting_callbacks == 0)
+        usleep(1000);
+    tbbk_set_mem_tracker_callback(nullptr);
+    std::atomic<bool> did_get_in = false;
+    std::atomic<bool> is_there = false;
+    std::thread late([&] {
+        while (!is_there)
+            usleep(100);
+        std::free(std::malloc(10));
+        did_get_in = true;
+    });
+    EXPECT_FALSE(tbbk_quiesce_begin(20));
+    is_there = true;
+    usleep(50'000);
+    EXPECT_FALSE(did_get_in);
+    may_leave = true;
+    EXPECT_TRUE(tbbk_quiesce_begin(10'000)) << "the stuck thread has left";
+    tbbk_quiesce_end();
+    tbbk_quiesce_end();
+    late.join();
+    stuck.join();
+    EXPECT_TRUE(did_get_in);
+}
+
+void quiesce_inside(void*, std::uint64_t requested, std::uint64_t, bool) {
+    if (requested != 77)
+        return;
+    waiting_callbacks.fetch_add(1);
+    while (waiting_callbacks < 2)
+        usleep(100);
+    EXPECT_TRUE(tbbk_quiesce_begin(20'000));
+    std::free(std::malloc(10));
+    tbbk_quiesce_end();
+}
+
+// As when two threads call exit() inside their events.
+TEST(Gate, TwoCallbacksMayAskForQuietAtOnce) {
+    waiting_callbacks = 0;
+    tbbk_set_mem_tracker_callback(quiesce_inside);
+    std::thread first([] { std::free(std::malloc(77)); });
+    std::thread second([] { std::free(std::malloc(77)); });
+    first.join();
+    second.join();
+    tbbk_set_mem_tracker_callback(nullptr);
+}
+
+// A key whose destructor frees, allocates and arms itself again runs in every pass over the thread's keys,
+// behind the destructors of the shim and of the heap.
+TEST(Gate, KeyDestructorsMayUseTheHeap) {
+    static pthread_key_t key;
+    static std::atomic<int> destroyed;
+    destroyed = 0;
+    ASSERT_EQ(pthread_key_create(&key,
+                                 [](void* block) {
+                                     std::free(block);
+                                     destroyed.fetch_add(1);
+                                     pthread_setspecific(key, std::malloc(10));
+                                 }),
+              0);
+    for (int i = 0; i != 2000; ++i)
+        std::thread([] { pthread_setspecific(key, std::malloc(10)); }).join();
+    EXPECT_GE(destroyed, 2000);
+    pthread_key_delete(key);
+    EXPECT_TRUE(tbbk_quiesce_begin(10'000)) << "no dead thread counts as inside";
+    tbbk_quiesce_end();
+}
+
+// More threads at once than there are slots without an mmap.
+TEST(Gate, KnowsEveryThreadOfMany) {
+    constexpr int thread_count = 300;
+    waiting_callbacks = 0;
+    may_leave = false;
+    quiet_thread = pthread_self();
+    std::vector<pthread_t> threads(thread_count);
+    tbbk_set_mem_tracker_callback(wait_inside);
+    for (pthread_t& thread : threads)
+        ASSERT_EQ(pthread_create(
+                      &thread, nullptr,
+                      [](void*) -> void* {
+                          std::free(std::malloc(10));
+                          return nullptr;
+                      },
+                      nullptr),
+                  0);
+    while (waiting_callbacks != thread_count)
+        usleep(1000);
+    tbbk_set_mem_tracker_callback(nullptr);
+    EXPECT_FALSE(tbbk_quiesce_begin(0));
+    may_leave = true;
+    EXPECT_TRUE(tbbk_quiesce_begin(20'000));
+    tbbk_quiesce_end();
+    tbbk_quiesce_end();
+    for (pthread_t thread : threads)
+        pthread_join(thread, nullptr);
+}
+
+} // namespace
