@@ -21,13 +21,14 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
+// The C library's name of the program; its public alias is empty in programs that copy this one.
+extern "C" char* __progname;
 
 namespace {
 
@@ -108,12 +109,12 @@ void give_verdict(void*) {
     if (!is_attached.exchange(false))
         return;
     char text[512];
-    const int length = std::snprintf(text, sizeof text,
-                                     "allocations=%lld\nfrees=%lld\nlive_bytes=%lld\ndouble_allocations=%lld\n"
-                                     "unknown_frees=%lld\nsize_mismatches=%lld\nfrees_of_older_blocks=%lld\n",
-                                     verdict.allocations, verdict.frees, verdict.live_bytes,
-                                     verdict.double_allocations, verdict.unknown_frees,
-                                     verdict.size_mismatches, verdict.frees_of_older_blocks);
+    const int length =
+        std::snprintf(text, sizeof text,
+                      "allocations=%lld\nfrees=%lld\nlive_bytes=%lld\ndouble_allocations=%lld\n"
+                      "unknown_frees=%lld\nsize_mismatches=%lld\nfrees_of_older_blocks=%lld\n",
+                      verdict.allocations, verdict.frees, verdict.live_bytes, verdict.double_allocations,
+                      verdict.unknown_frees, verdict.size_mismatches, verdict.frees_of_older_blocks);
     const int descriptor = open(verdict_file, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (descriptor >= 0 && write(descriptor, text, static_cast<std::size_t>(length)) == length)
         close(descriptor);
@@ -138,7 +139,7 @@ void surround_handler() {
         return;
     // Nothing of this may be in the figures of either side.
     mem_block_thread_tracking();
-    const std::string name = std::string(program_invocation_short_name) + "." + std::to_string(getpid());
+    const std::string name = std::string(__progname) + "." + std::to_string(getpid());
     std::snprintf(verdict_file, sizeof verdict_file, "%s/verdict.%s", folder, name.c_str());
     {
         std::ofstream at_attach(std::string(folder) + "/at_attach." + name);

@@ -79,8 +79,7 @@ void expect_sound_process(const TEST_DIRECTORY& verdicts, const TEST_DIRECTORY& 
     const TEST_FIGURES at_end = sum_of(rows);
     EXPECT_EQ(at_end.cumulative_blocks - before.cumulative_blocks, verdict.at("allocations"));
     EXPECT_EQ(at_end.current_bytes - before.current_bytes, verdict.at("live_bytes"));
-    EXPECT_EQ(at_end.current_blocks - before.current_blocks,
-              verdict.at("allocations") - verdict.at("frees"));
+    EXPECT_EQ(at_end.current_blocks - before.current_blocks, verdict.at("allocations") - verdict.at("frees"));
     expect_catch_all_not_negative(rows);
     // The subsystems are the same figures, added up otherwise.
     TEST_FIGURES subsystems;
@@ -135,7 +134,7 @@ libc.malloc.argtypes = [ctypes.c_size_t]
 libc.free.argtypes = [ctypes.c_void_p]
 for size in range(0, 20000, 100):
     libc.free(libc.malloc(size))
-print(subprocess.run(["sh", "-c", "echo child; exit 4"], capture_output=True))
+print(subprocess.run(["sh", "-c", "echo child; exit 4"], stdout=subprocess.PIPE))
 raise SystemExit(6)
 )";
 
@@ -169,9 +168,8 @@ git fsck
 )";
 
 const TEST_ENVIRONMENT GIT_ENVIRONMENT = {
-    {"GIT_AUTHOR_NAME", "A"},      {"GIT_AUTHOR_EMAIL", "a@b"},
-    {"GIT_COMMITTER_NAME", "C"},   {"GIT_COMMITTER_EMAIL", "c@d"},
-    {"GIT_AUTHOR_DATE", "@1 +0"},  {"GIT_COMMITTER_DATE", "@2 +0"},
+    {"GIT_AUTHOR_NAME", "A"},       {"GIT_AUTHOR_EMAIL", "a@b"},  {"GIT_COMMITTER_NAME", "C"},
+    {"GIT_COMMITTER_EMAIL", "c@d"}, {"GIT_AUTHOR_DATE", "@1 +0"}, {"GIT_COMMITTER_DATE", "@2 +0"},
     {"GIT_CONFIG_NOSYSTEM", "1"},
 };
 
@@ -224,8 +222,11 @@ INSTANTIATE_TEST_SUITE_P(
         PROGRAM{"perl", {"perl"}, PERL_SCRIPT, {}, 1},
         PROGRAM{"git", {"sh"}, GIT_SCRIPT, {"file"}, 10, GIT_ENVIRONMENT},
         PROGRAM{"sqlite", {"sqlite3"}, SQL, {}},
-        PROGRAM{"gxx", {"g++", "-std=c++20", "-O1", "-x", "c++", "-", "-o", "result"}, CPP_SOURCE, {"result"}, 4},
-        PROGRAM{"clang", {"clang++", "-std=c++20", "-O1", "-x", "c++", "-c", "-", "-o", "result"}, CPP_SOURCE,
+        PROGRAM{
+            "gxx", {"g++", "-std=c++20", "-O1", "-x", "c++", "-", "-o", "result"}, CPP_SOURCE, {"result"}, 4},
+        PROGRAM{"clang",
+                {"clang++", "-std=c++20", "-O1", "-x", "c++", "-c", "-", "-o", "result"},
+                CPP_SOURCE,
                 {"result"}},
         PROGRAM{"xmllint", {"xmllint", "--format", "-"}, "<a><b c='1'>text</b><b/></a>", {}}),
     name_of);

@@ -147,9 +147,9 @@ TEST_ENVIRONMENT test_preload(const std::vector<std::string>& more_libraries) {
 
 TEST_ENVIRONMENT test_all_switches() {
     TEST_ENVIRONMENT all;
-    for (const char* const feature : {"PROFILE_ALL", "PROFILE_PER_BIN", "PROFILE_BIN_TAG_PLOT",
-                                      "PROFILE_PER_LIBRARY", "PROFILE_PER_FILELINE",
-                                      "PROFILE_AUXILIARY_TIMELINE", "CHECK_LEAKS", "CHECK_LEAKS_FAST"})
+    for (const char* const feature :
+         {"PROFILE_ALL", "PROFILE_PER_BIN", "PROFILE_BIN_TAG_PLOT", "PROFILE_PER_LIBRARY",
+          "PROFILE_PER_FILELINE", "PROFILE_AUXILIARY_TIMELINE", "CHECK_LEAKS", "CHECK_LEAKS_FAST"})
         all["TARVANE_MEM_" + std::string(feature)] = "1";
     return all + TEST_ENVIRONMENT{{"debug_msg", "on"}};
 }
