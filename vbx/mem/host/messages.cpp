@@ -17,8 +17,20 @@
 
 namespace {
 
+// In a preloaded program. Events come before the preload library fills the debug slot: those of the program's
+// libraries, whose constructors run first. Not even then may a line of ours go through the program's streams;
+// the buffer of standard output would be one that the program frees and never got.
+bool print_preloaded(const char* tag, const char* format, std::va_list args) {
+    char text[512];
+    std::vsnprintf(text, sizeof text, format, args);
+    mem_print_stdout("%s: %s\n", tag, text);
+    return true;
+}
+
 // Three writes, so lines of several threads can mix.
 bool print_message(const char* tag, const char* format, std::va_list args) {
+    if (mem_preload_print != nullptr)
+        return print_preloaded(tag, format, args);
     const OS_NO_CANCELLATION no_cancellation;
     std::fprintf(stdout, "%s: ", tag);
     std::vfprintf(stdout, format, args);

@@ -1,0 +1,156 @@
+// A preload library that watches the events of a program from both sides of the tracker's handler:
+//
+//     event -> [ before ] -> tracker's handler -> [ after ]
+//                               own events: before, after
+//
+// What arrives on a thread between `before` and `after` of one event is the tracker's own heap use. All the
+// rest is the program's, and has to make sense: no block twice, no free of what isn't there, no size that has
+// changed.
+//
+// It attaches behind the preload library and gives its verdict in front of that library's end, when the
+// program and all its modules are gone: no event comes between verdict and reports, so their figures must be
+// equal. What the tracker had counted before is in a report that is taken at the attach.
+
+#include "tests/programs/live_blocks.h"
+
+#include <vbx/mem.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
+// The C library's name of the program; its public alias is empty in programs that copy this one.
+extern "C" char* __progname;
+
+namespace {
+
+struct VERDICT {
+    long long allocations = 0;
+    long long frees = 0;
+    long long live_bytes = 0; // allocated less freed since the attach: below 0 when more was freed
+    long long double_allocations = 0;
+    long long unknown_frees = 0;
+    long long size_mismatches = 0;
+    long long frees_of_older_blocks = 0; // live before the attach, and known to the tracker
+};
+
+constinit VERDICT verdict;
+constinit LIVE_BLOCKS live_blocks;
+constinit std::atomic_flag lock = ATOMIC_FLAG_INIT;
+constinit std::atomic<bool> is_attached{false};
+constinit char verdict_file[512] = {};
+
+// How many events this thread is between `before` and `after` of. Static TLS: another model would allocate.
+[[gnu::tls_model("initial-exec")]] constinit __thread unsigned depth = 0;
+
+class LOCKED {
+  public:
+    LOCKED() {
+        while (lock.test_and_set(std::memory_order_acquire))
+            sched_yield();
+    }
+    ~LOCKED() { lock.clear(std::memory_order_release); }
+    LOCKED(const LOCKED&) = delete;
+    LOCKED& operator=(const LOCKED&) = delete;
+};
+
+void check_allocation(std::uintptr_t block, std::uint64_t size) {
+    const LOCKED locked;
+    ++verdict.allocations;
+    verdict.live_bytes += static_cast<long long>(size);
+    if (!live_blocks.insert(block, size))
+        ++verdict.double_allocations;
+}
+
+void check_free(std::uintptr_t block, std::uint64_t size) {
+    std::uint64_t known_size = 0;
+    {
+        const LOCKED locked;
+        ++verdict.frees;
+        verdict.live_bytes -= static_cast<long long>(size);
+        if (live_blocks.take(block, known_size)) {
+            if (known_size != size)
+                ++verdict.size_mismatches;
+            return;
+        }
+    }
+    // The tracker still has the block: it learns of this free behind us.
+    MEM_ADDRESS_TRACKER site;
+    const bool is_older = mem_get_address_tracker(reinterpret_cast<void*>(block), site);
+    const LOCKED locked;
+    ++(is_older ? verdict.frees_of_older_blocks : verdict.unknown_frees);
+}
+
+void before(void* block, std::uint64_t, std::uint64_t allocated_size, bool is_allocation) {
+    if (!is_attached.load(std::memory_order_relaxed) || depth++ != 0)
+        return;
+    const auto address = reinterpret_cast<std::uintptr_t>(block);
+    if (is_allocation)
+        check_allocation(address, allocated_size);
+    else
+        check_free(address, allocated_size);
+}
+
+void after(void*, std::uint64_t, std::uint64_t, bool) {
+    if (is_attached.load(std::memory_order_relaxed))
+        --depth;
+}
+
+// No stream and no heap: the reports come right after this.
+void give_verdict(void*) {
+    if (!is_attached.exchange(false))
+        return;
+    char text[512];
+    const int length =
+        std::snprintf(text, sizeof text,
+                      "allocations=%lld\nfrees=%lld\nlive_bytes=%lld\ndouble_allocations=%lld\n"
+                      "unknown_frees=%lld\nsize_mismatches=%lld\nfrees_of_older_blocks=%lld\n",
+                      verdict.allocations, verdict.frees, verdict.live_bytes, verdict.double_allocations,
+                      verdict.unknown_frees, verdict.size_mismatches, verdict.frees_of_older_blocks);
+    const int descriptor = open(verdict_file, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (descriptor >= 0 && write(descriptor, text, static_cast<std::size_t>(length)) == length)
+        close(descriptor);
+}
+
+// Puts the two callbacks around the handler, which leaves the table and comes back between them.
+void surround_handler() {
+    constexpr auto EVERY_BIT = static_cast<MEM_TRACKING_GRANULARITY>(127);
+    std::uint32_t mask = 0;
+    for (std::uint32_t bit = 1; bit <= EVERY_BIT; bit <<= 1)
+        if (mem_tracking_is_enabled(static_cast<MEM_TRACKING_GRANULARITY>(bit)))
+            mask |= bit;
+    mem_disable_tracking(EVERY_BIT);
+    mem_add_callback_function(before);
+    mem_enable_tracking(static_cast<MEM_TRACKING_GRANULARITY>(mask));
+    mem_add_callback_function(after);
+}
+
+[[gnu::constructor]] void attach() {
+    const char* const folder = std::getenv("VBX_TEST_VERDICTS");
+    if (folder == nullptr)
+        return;
+    // Nothing of this may be in the figures of either side.
+    mem_block_thread_tracking();
+    const std::string name = std::string(__progname) + "." + std::to_string(getpid());
+    std::snprintf(verdict_file, sizeof verdict_file, "%s/verdict.%s", folder, name.c_str());
+    {
+        std::ofstream at_attach(std::string(folder) + "/at_attach." + name);
+        mem_dump_tbb_fileline_tracking(at_attach);
+    }
+    surround_handler();
+    // The child of a fork is not tracked.
+    pthread_atfork(nullptr, nullptr, [] { is_attached = false; });
+    __cxa_atexit(give_verdict, nullptr, nullptr);
+    is_attached = true;
+    mem_unblock_thread_tracking();
+}
+
+} // namespace

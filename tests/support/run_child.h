@@ -1,0 +1,57 @@
+// Runs a program as a child process and keeps all that can be seen of it from outside.
+//
+// Whatever the child is given (a preload list first of all) is set in the child alone: a test runner that ran
+// under the library itself would test something else.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+// An empty directory of its own, removed with its contents at the end of the scope.
+class TEST_DIRECTORY {
+  public:
+    TEST_DIRECTORY();
+    ~TEST_DIRECTORY();
+    TEST_DIRECTORY(const TEST_DIRECTORY&) = delete;
+    TEST_DIRECTORY& operator=(const TEST_DIRECTORY&) = delete;
+
+    const std::string& path() const { return m_path; }
+    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
+    // Names of the files in it that begin with a prefix, in order.
+    std::vector<std::string> files(const std::string& prefix) const;
+
+  private:
+    std::string m_path;
+};
+
+using TEST_ENVIRONMENT = std::map<std::string, std::string>;
+
+struct TEST_COMMAND {
+    std::vector<std::string> arguments; // the program first, looked up in PATH
+    TEST_ENVIRONMENT environment;       // beside a small fixed one; nothing of the runner's own but PATH
+    std::string input;                  // standard input
+    unsigned seconds = 60;              // hard limit, after which the whole process group is killed
+};
+
+struct TEST_OUTCOME {
+    bool hung = false;
+    int exit_status = -1; // -1 when a signal ended it
+    int signal = 0;
+    std::string standard_output;
+    std::string standard_error;
+
+    // One word and a number for messages: "exit 0", "signal 11", "hang".
+    std::string end() const;
+};
+
+// Runs the command in `directory` and waits for its end. Throws std::system_error when it can't be started.
+TEST_OUTCOME test_run_child(const TEST_COMMAND& command, const TEST_DIRECTORY& directory);
+
+// The variables that bring the library into an unmodified program, and those that turn every feature on.
+TEST_ENVIRONMENT test_preload(const std::vector<std::string>& more_libraries = {});
+TEST_ENVIRONMENT test_all_switches();
+TEST_ENVIRONMENT operator+(TEST_ENVIRONMENT left, const TEST_ENVIRONMENT& right);
+
+// The whole of a file; empty when it can't be read.
+std::string test_read_file(const std::string& path);
