@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """The example suite's reports against the figures that its README tells.
 
-    check_suite.py PROGRAM README
+    check_suite.py PROGRAM README MANUAL
 
-Every planted site has to have exactly the figures of the table, and the two libraries of the suite no other site.
+Every planted site has to have exactly the figures of the table, and the two libraries of the suite no other site. The
+sample report of the manual has to have them too, and the lines of a real one.
 """
 import os
 import re
@@ -27,12 +28,18 @@ def reported_sites(report):
     sites = {}
     for line in report.read_text().splitlines()[3:]:
         cells = line.split("\t")
-        if len(cells) != 15 or cells[0] == "OTHER":
+        if len(cells) != 15 or cells[0] in ("OTHER", "Address"):
             continue
         function = re.sub(r"\(.*", "", cells[14].replace("(anonymous namespace)::", ""))
         key = (cells[11], function)
         sites[key] = [a + int(b) for a, b in zip(sites.get(key, [0] * 10), cells[1:11])]
     return sites
+
+
+def source_lines(report):
+    """(function, base name of the file, line) of every site."""
+    rows = [line.split("\t") for line in report.read_text().splitlines()]
+    return {(row[14], row[12].split("/")[-1], row[13]) for row in rows[3:] if len(row) == 15}
 
 
 def run(program, folder):
@@ -72,7 +79,14 @@ def compare_leaks(expected, report):
         yield f"expected one leak of {leak[0]} bytes, reported {lines}"
 
 
-def main(program, readme):
+def compare_manual(expected, manual, report):
+    yield from compare_sites(expected, reported_sites(manual))
+    headings = {row for row in source_lines(manual) if row[0] == "Function"}
+    for row in source_lines(manual) - source_lines(report) - headings:
+        yield f"{manual}: its sample has {row}, a run has not"
+
+
+def main(program, readme, manual):
     expected = expected_sites(readme)
     if len(expected) != 6:
         print(f"the table of {readme} has {len(expected)} sites that can be read")
@@ -81,6 +95,7 @@ def main(program, readme):
         folder = Path(name)
         found = list(run(program, folder))
         if not found:
+            found += compare_manual(expected, manual, folder / "mem_tbb_fileline.word_index.log")
             found += compare_sites(expected, reported_sites(folder / "mem_tbb_fileline.word_index.log"))
             found += compare_modules(expected, folder / "mem_tbb_subsystem.word_index.log")
             found += compare_leaks(expected, folder / "mem_tbb_leak_warning.word_index.log")
@@ -89,4 +104,4 @@ def main(program, readme):
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1], Path(sys.argv[2])))
+    sys.exit(main(sys.argv[1], Path(sys.argv[2]), Path(sys.argv[3])))
