@@ -1,0 +1,70 @@
+#!/usr/bin/env python3
+"""The checks of this folder find what they are there for: each is let loose on a small tree with one planted fault."""
+import tempfile
+import unittest
+from pathlib import Path
+
+import check_binaries
+import check_layers
+import check_sources
+
+README = "order:\n```\nvbx/platform/os   below\nvbx/mem/base      middle\nvbx/mem           top\n```\n"
+CLEAN = {
+    "vbx/README.md": README,
+    "include/vbx/mem.h": "#include <vbx/part.h>\n",
+    "include/vbx/part.h": "",
+    "vbx/platform/os/clock.h": "#include <ctime>\n",
+    "vbx/mem/base/lock.h": '#include "vbx/platform/os/clock.h"\n',
+    "vbx/mem/start.cpp": '#include "vbx/mem/base/lock.h"\n#include <vbx/mem.h>\n',
+}
+
+
+class Checks(unittest.TestCase):
+    def tree(self, changes):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        for path, text in {**CLEAN, **changes}.items():
+            file = Path(folder.name) / path
+            file.parent.mkdir(parents=True, exist_ok=True)
+            file.write_text(text)
+        return Path(folder.name)
+
+    def test_layers(self):
+        self.assertEqual(check_layers.check(self.tree({})), [])
+        faults = {
+            "upward": ({"vbx/platform/os/clock.h": '#include "vbx/mem/base/lock.h"\n'}, "stands above it"),
+            "upward, by a relative name": ({"vbx/mem/base/lock.h": '#  include "../start.h"\n', "vbx/mem/start.h": ""},
+                                           "stands above it"),
+            "public on private": ({"include/vbx/part.h": '#include "vbx/mem/base/lock.h"\n'}, "stands above it"),
+            "circle in one layer": ({"vbx/mem/base/lock.h": '#include "vbx/mem/base/rank.h"\n',
+                                     "vbx/mem/base/rank.h": '#include "vbx/mem/base/lock.h"\n'}, "circle"),
+            "unlisted folder": ({"vbx/mem/extra/new.cpp": ""}, "not listed"),
+            "unlisted platform folder": ({"vbx/platform/extra/new.cpp": ""}, "not listed"),
+        }
+        for name, (changes, message) in faults.items():
+            with self.subTest(name):
+                found = check_layers.check(self.tree(changes))
+                self.assertTrue(any(message in line for line in found), found)
+
+    def test_sources(self):
+        folder = "/" + "home" + "/someone"
+        tree = self.tree({
+            "vbx/long.cpp": "\n" * (check_sources.LONGEST_FILE + 1),
+            "docs/paths.md": f"see {folder}/notes\n",
+            "build/generated.cpp": f"// {folder}\n" * 1000,
+        })
+        self.assertEqual([line.split(":")[0] for line in check_sources.check_size(tree)], ["vbx/long.cpp"])
+        self.assertEqual([line.split(":")[0] for line in check_sources.check_paths(tree)], ["docs/paths.md"])
+
+    def test_exports_tell_missing_and_new_symbols(self):
+        tree = self.tree({"list.txt": "kept\ngone\n"})
+        real, check_binaries.exported_symbols = check_binaries.exported_symbols, lambda library: ["kept", "new"]
+        self.addCleanup(setattr, check_binaries, "exported_symbols", real)
+        found = check_binaries.check_exports("library", str(tree / "list.txt"))
+        self.assertIn("-gone", found)
+        self.assertIn("+new", found)
+        self.assertNotIn("-kept", found)
+
+
+if __name__ == "__main__":
+    unittest.main()
