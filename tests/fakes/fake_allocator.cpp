@@ -1,5 +1,4 @@
 #include "tests/fakes/fakes.h"
-
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
 #include <atomic>
@@ -22,12 +21,22 @@ void fire(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size,
 void fake_allocate(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size) {
     fire(block, requested_size, size, true);
 }
-void fake_free(std::uint64_t block, std::uint64_t size) { fire(block, 0, size, false); }
-bool fake_hook_is_installed() { return hook != nullptr; }
+void fake_free(std::uint64_t block, std::uint64_t size) {
+    fire(block, 0, size, false);
+}
+bool fake_hook_is_installed() {
+    return hook != nullptr;
+}
 
-void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept { hook = callback; }
-tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept { return hook; }
-bool tbbk_process_malloc_is_shim() noexcept { return true; }
+void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
+    hook = callback;
+}
+tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept {
+    return hook;
+}
+bool tbbk_process_malloc_is_shim() noexcept {
+    return true;
+}
 void tbbk_guard_forks() noexcept {}
 
 bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {

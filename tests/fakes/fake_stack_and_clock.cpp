@@ -1,5 +1,4 @@
 #include "tests/fakes/fakes.h"
-
 #include "vbx/platform/os/clock.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
 
@@ -30,15 +29,23 @@ std::vector<std::int64_t> clock_readings{0};
 
 } // namespace
 
-ERR_UNWINDER* ERR_UNWINDER::get_default_unwinder() { return &fake_unwinder; }
+ERR_UNWINDER* ERR_UNWINDER::get_default_unwinder() {
+    return &fake_unwinder;
+}
 
 FAKE_STACK_SCOPE::FAKE_STACK_SCOPE(FAKE_STACK stack)
     : m_outer(std::exchange(current_stack, std::move(stack))) {}
-FAKE_STACK_SCOPE::~FAKE_STACK_SCOPE() { current_stack = std::move(m_outer); }
+FAKE_STACK_SCOPE::~FAKE_STACK_SCOPE() {
+    current_stack = std::move(m_outer);
+}
 
-std::vector<FAKE_CAPTURE>& fake_captures() { return captures; }
+std::vector<FAKE_CAPTURE>& fake_captures() {
+    return captures;
+}
 
-void fake_set_clock(std::vector<std::int64_t> readings) { clock_readings = std::move(readings); }
+void fake_set_clock(std::vector<std::int64_t> readings) {
+    clock_readings = std::move(readings);
+}
 
 std::int64_t os_clock() {
     const std::int64_t now = clock_readings.front();

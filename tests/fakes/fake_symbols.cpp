@@ -1,5 +1,4 @@
 #include "tests/fakes/fakes.h"
-
 #include "vbx/platform/debug_symbols/debug_symbols.h"
 
 #include <cstdio>
@@ -18,10 +17,18 @@ const FAKE_SYMBOL* find(std::uint64_t address) {
 }
 } // namespace
 
-void fake_define_symbol(std::uint64_t address, FAKE_SYMBOL symbol) { symbols[address] = std::move(symbol); }
-int fake_line_queries() { return line_queries; }
-int fake_refreshes() { return refreshes; }
-void fake_set_symbol_query_hook(std::function<void(std::uint64_t)> hook) { query_hook = std::move(hook); }
+void fake_define_symbol(std::uint64_t address, FAKE_SYMBOL symbol) {
+    symbols[address] = std::move(symbol);
+}
+int fake_line_queries() {
+    return line_queries;
+}
+int fake_refreshes() {
+    return refreshes;
+}
+void fake_set_symbol_query_hook(std::function<void(std::uint64_t)> hook) {
+    query_hook = std::move(hook);
+}
 
 SYM_STATUS sym_get_line_from_addr(std::uint64_t address, SYM_LINE& line) {
     ++line_queries;

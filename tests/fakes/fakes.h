@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-// ---- events ------------------------------------------------------------------------------------------------
+// ---- events
+// ------------------------------------------------------------------------------------------------
 
 using FAKE_STACK = std::vector<std::uint64_t>;
 
@@ -35,7 +36,8 @@ struct FAKE_CAPTURE {
 // The captures that the calling thread has made.
 std::vector<FAKE_CAPTURE>& fake_captures();
 
-// ---- symbols -----------------------------------------------------------------------------------------------
+// ---- symbols
+// -----------------------------------------------------------------------------------------------
 
 struct FAKE_SYMBOL {
     std::string function;
@@ -53,7 +55,8 @@ int fake_refreshes();
 // Called at the beginning of each line query.
 void fake_set_symbol_query_hook(std::function<void(std::uint64_t)> hook);
 
-// ---- clock -------------------------------------------------------------------------------------------------
+// ---- clock
+// -------------------------------------------------------------------------------------------------
 
 // What os_clock gives, call by call; the last one stays.
 void fake_set_clock(std::vector<std::int64_t> readings);

@@ -86,9 +86,9 @@ TEST(SHORT_NAMES, follow_the_rule) {
         {"/lib64/ld-linux-x86-64.so.2", "ld-linux-x86-64"},
         {"linux-vdso.so.1", "linux-vdso"},
         {"/usr/bin/python3.11", "python3.11"},
-        {"/home/me/setup.exe", "setup"},
-        {"/home/me/libtool", "libtool"},
-        {"/home/me/lib.so", "lib"},
+        {"/opt/me/setup.exe", "setup"},
+        {"/opt/me/libtool", "libtool"},
+        {"/opt/me/lib.so", "lib"},
         {"", ""},
     };
     for (const auto& [path, short_name] : cases) {

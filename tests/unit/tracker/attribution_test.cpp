@@ -1,7 +1,6 @@
 // From a stack to the site that is charged: the filter, the walk, the second capture, names.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
@@ -38,40 +37,40 @@ FAKE_STACK filtered_frames(std::size_t count) {
 } // namespace
 
 TEST(FRAME_FILTER_TEST, PassesOverWhatIsNotTheHostsOwn) {
-    for (const FILTER_CASE& names : std::initializer_list<FILTER_CASE>{
-             {"parse()", "/s/parse.cpp", "parser", false},
-             {"", "/s/parse.cpp", "parser", true},
-             {"parse()", "", "parser", true},
-             {"parse()", "/s/parse.cpp", "", true},
-             {"std::vector<int>::grow()", "f", "m", true},
-             {"my::std::f()", "f", "m", false},
-             {"mem_read", "f", "m", true},
-             {"memory_read", "f", "m", false},
-             {"MEM_MANAGER::x()", "f", "m", true},
-             {"operator new(unsigned long)", "f", "m", true},
-             {"operator new[](unsigned long)", "f", "m", true},
-             {"operator delete(void*)", "f", "m", false},
-             {"KTL_LIST::add()", "f", "m", true},
-             {"boost::any::any()", "f", "m", true},
-             {"tbb::task::run()", "f", "m", true},
-             {"ntl::list::add()", "f", "m", true},
-             {"f", "f", "vbx_mem", true},
-             {"f", "f", "vbx_mem_preload", true},
-             {"f", "f", "vbx_memory", true},
-             {"f", "f", "tbbamalloc", true},
-             {"f", "f", "tbx", false},
-             {"f", "f", "Db_KvS", true},
-             {"f", "f", "db_kvs2", false},
-             {"f", "/rigs/x.cpp", "m", true},
-             {"f", "/home/rigs/x.cpp", "m", false},
-             {"f", "d:\\src\\kvs_map.cpp", "m", true},
-             {"f", "d:\\src\\mem_pool.cpp", "m", true},
-             {"f", "d:\\src\\kit_utils", "m", true},
-             {"f", "d:\\src\\kit_utils.cpp", "m", false},
-             {"f", "d:\\src\\plc_zk_mem_interface", "m", true},
-             {"f", "d:\\src\\tbb_concurrent_hash_map_sys", "m", true},
-             {"f", "d:\\kvs_src\\map.cpp", "m", false},
-             {"f", "/src/kvs_map.cpp", "m", false}})
+    for (const FILTER_CASE& names :
+         std::initializer_list<FILTER_CASE>{{"parse()", "/s/parse.cpp", "parser", false},
+                                            {"", "/s/parse.cpp", "parser", true},
+                                            {"parse()", "", "parser", true},
+                                            {"parse()", "/s/parse.cpp", "", true},
+                                            {"std::vector<int>::grow()", "f", "m", true},
+                                            {"my::std::f()", "f", "m", false},
+                                            {"mem_read", "f", "m", true},
+                                            {"memory_read", "f", "m", false},
+                                            {"MEM_MANAGER::x()", "f", "m", true},
+                                            {"operator new(unsigned long)", "f", "m", true},
+                                            {"operator new[](unsigned long)", "f", "m", true},
+                                            {"operator delete(void*)", "f", "m", false},
+                                            {"KTL_LIST::add()", "f", "m", true},
+                                            {"boost::any::any()", "f", "m", true},
+                                            {"tbb::task::run()", "f", "m", true},
+                                            {"ntl::list::add()", "f", "m", true},
+                                            {"f", "f", "vbx_mem", true},
+                                            {"f", "f", "vbx_mem_preload", true},
+                                            {"f", "f", "vbx_memory", true},
+                                            {"f", "f", "tbbamalloc", true},
+                                            {"f", "f", "tbx", false},
+                                            {"f", "f", "Db_KvS", true},
+                                            {"f", "f", "db_kvs2", false},
+                                            {"f", "/rigs/x.cpp", "m", true},
+                                            {"f", "/opt/rigs/x.cpp", "m", false},
+                                            {"f", "d:\\src\\kvs_map.cpp", "m", true},
+                                            {"f", "d:\\src\\mem_pool.cpp", "m", true},
+                                            {"f", "d:\\src\\kit_utils", "m", true},
+                                            {"f", "d:\\src\\kit_utils.cpp", "m", false},
+                                            {"f", "d:\\src\\plc_zk_mem_interface", "m", true},
+                                            {"f", "d:\\src\\tbb_concurrent_hash_map_sys", "m", true},
+                                            {"f", "d:\\kvs_src\\map.cpp", "m", false},
+                                            {"f", "/src/kvs_map.cpp", "m", false}})
         EXPECT_EQ(mem_frame_is_filtered(frame(names)), names.is_filtered)
             << names.function << " " << names.file << " " << names.module;
 }

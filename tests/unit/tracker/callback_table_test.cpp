@@ -76,7 +76,8 @@ TEST_F(CALLBACK_TABLE_TEST, HoldsTheEventHandlerWhileTheMaskIsNotZero) {
     EXPECT_FALSE(mem_tracking_is_enabled(MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_FILELINE));
 }
 
-// A change of the table is one step for an event: it calls the old entries or the new ones, and no entry twice.
+// A change of the table is one step for an event: it calls the old entries or the new ones, and no entry
+// twice.
 TEST_F(CALLBACK_TABLE_TEST, ChangesUnderRunningEvents) {
     mem_add_callback_function(counting_callback<0>);
     mem_add_callback_function(counting_callback<1>);

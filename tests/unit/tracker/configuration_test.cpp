@@ -1,7 +1,6 @@
 // Host slots: configuration answered by the slot or the environment, messages by the slot or standard output.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/host/messages.h"
 
 #include <string>
@@ -44,7 +43,8 @@ TEST(CONFIGURATION_TEST, ReadsValuesFromTheEnvironment) {
 
 TEST(CONFIGURATION_TEST, AsksTheHostFirst) {
     set_variable("k", "1");
-    mem_set_cfg_is_on_callback([](const char* name, bool default_value) { return name == nullptr || default_value; });
+    mem_set_cfg_is_on_callback(
+        [](const char* name, bool default_value) { return name == nullptr || default_value; });
     EXPECT_TRUE(mem_cfg_is_on(nullptr, false));
     EXPECT_FALSE(mem_cfg_is_on("k", false));
     mem_set_cfg_is_on_callback(nullptr);

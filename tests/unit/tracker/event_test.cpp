@@ -1,7 +1,7 @@
-// What one allocation and one free move, feature by feature, and what blocks do that the tracker doesn't know.
+// What one allocation and one free move, feature by feature, and what blocks do that the tracker doesn't
+// know.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"

@@ -2,7 +2,6 @@
 // locked, and what is charged still adds up.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 
@@ -31,8 +30,12 @@ bool next_allocation_fails() {
         throw std::bad_alloc();
     return block;
 }
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+    std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
+}
 
 class MEMORY_FAILURE_TEST : public TRACKER_TEST {};
 
@@ -43,7 +46,8 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
         const auto failing_until = static_cast<std::uint64_t>(left);
         // A new site each time, so that every kind of allocation has its turn.
         const std::uint64_t address = 0x5000 + failing_until;
-        fake_define_symbol(address, {"f" + std::to_string(left), "/src/f.cpp", 1, "m" + std::to_string(left)});
+        fake_define_symbol(address,
+                           {"f" + std::to_string(left), "/src/f.cpp", 1, "m" + std::to_string(left)});
         const std::uint64_t block = 0xA0000 + 0x1001 * failing_until;
         {
             const FAKE_STACK_SCOPE stack({address});

@@ -1,7 +1,6 @@
 // Global high-water marks, local regions, and the search for the threshold peak with its stretches.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
@@ -58,8 +57,7 @@ TEST_F(PEAK_TEST, BelowTheFirstStepOnlyDoublingCounts) {
     allocate(0xB000, 1500, {QUERY});
     release(0xA000, 1500);
     ASSERT_EQ(messages.size(), 1U);
-    EXPECT_EQ(messages[0],
-              "Memory tracking: recording peak bytes at 3000 bytes, next peak at >= 6000 bytes");
+    EXPECT_EQ(messages[0], "Memory tracking: recording peak bytes at 3000 bytes, next peak at >= 6000 bytes");
     EXPECT_EQ(rendered_sites(), "parse cur 0/0 max 1500/1 peak 1500/1 cum 2500/2 req 2500 mis 0\n"
                                 "query cur 1500/1 max 1500/1 peak 1500/1 cum 1500/1 req 1500 mis 0\n");
 }

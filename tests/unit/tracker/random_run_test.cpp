@@ -1,8 +1,7 @@
-// Thousands of random events on several threads, with features switched on and off in between, against a model
-// that is as simple as can be.
+// Thousands of random events on several threads, with features switched on and off in between, against a
+// model that is as simple as can be.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 
@@ -22,7 +21,9 @@ constexpr std::uint64_t SITES[] = {PARSE, EXPAND, QUERY, FILTERED};
 const char* module_of(std::uint64_t site) {
     return site == QUERY ? "engine" : site == FILTERED ? "OTHER" : "parser";
 }
-std::uint64_t key_of(std::uint64_t site) { return site == FILTERED ? 0 : site; }
+std::uint64_t key_of(std::uint64_t site) {
+    return site == FILTERED ? 0 : site;
+}
 
 struct FIGURES {
     std::int64_t current_bytes = 0, current_blocks = 0, cumulative_bytes = 0, cumulative_blocks = 0,
@@ -41,8 +42,9 @@ struct FIGURES {
 };
 
 std::ostream& operator<<(std::ostream& stream, const FIGURES& figures) {
-    return stream << figures.current_bytes << "/" << figures.current_blocks << " cum " << figures.cumulative_bytes
-                  << "/" << figures.cumulative_blocks << " mis " << figures.mismatched;
+    return stream << figures.current_bytes << "/" << figures.current_blocks << " cum "
+                  << figures.cumulative_bytes << "/" << figures.cumulative_blocks << " mis "
+                  << figures.mismatched;
 }
 
 struct MODEL_BLOCK {
@@ -111,8 +113,8 @@ class RANDOM_RUN_TEST : public TRACKER_TEST {
     MODEL model;
 
     void one_event(int thread, std::mt19937_64& random, std::uint64_t& next_block) {
-        // The event runs outside the model's lock, so that events of several threads really overlap; a block is
-        // taken out of the model before its free and put in behind its allocation.
+        // The event runs outside the model's lock, so that events of several threads really overlap; a block
+        // is taken out of the model before its free and put in behind its allocation.
         if (random() % 5 < 3) {
             const std::uint64_t size = 8 + random() % (random() % 4 == 0 ? 20000 : 500);
             const std::uint64_t site = SITES[random() % 4];

@@ -1,7 +1,6 @@
 // The exact text of the first three reports.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
 
 #include <algorithm>
@@ -65,15 +64,15 @@ TEST_F(REPORT_TEST, FilelineOrdersByPeakWhateverTheStream) {
     stream.imbue(std::locale(std::locale::classic(), new THOUSANDS));
     stream << std::hex << std::showbase;
     EXPECT_TRUE(mem_dump_tbb_fileline_tracking(stream));
-    EXPECT_EQ(
-        stream.str(),
-        std::string(FILELINE_HEAD) +
-            "0000000000002000\t1234567\t1234567\t1234567\t1234567\t1234567\t0\t1\t1\t1\t1\tengine\t"
-            "/src/query.cpp\t30\tquery\n"
-            "0000000000001000\t1024\t1024\t1024\t1024\t1000\t0\t1\t1\t1\t1\tparser\t/src/parse.cpp\t10\tparse\n"
-            "OTHER\t-1792\t0\t0\t0\t0\t0\t-1\t0\t0\t0\t\t\t0\t\n"
-            "0000000000001100\t64\t64\t0\t64\t64\t0\t1\t1\t0\t1\tparser\t/src/parse.cpp\t20\texpand\n"
-            "Error timing this dump.\n");
+    EXPECT_EQ(stream.str(),
+              std::string(FILELINE_HEAD) +
+                  "0000000000002000\t1234567\t1234567\t1234567\t1234567\t1234567\t0\t1\t1\t1\t1\tengine\t"
+                  "/src/query.cpp\t30\tquery\n"
+                  "0000000000001000\t1024\t1024\t1024\t1024\t1000\t0\t1\t1\t1\t1\tparser\t/src/"
+                  "parse.cpp\t10\tparse\n"
+                  "OTHER\t-1792\t0\t0\t0\t0\t0\t-1\t0\t0\t0\t\t\t0\t\n"
+                  "0000000000001100\t64\t64\t0\t64\t64\t0\t1\t1\t0\t1\tparser\t/src/parse.cpp\t20\texpand\n"
+                  "Error timing this dump.\n");
 }
 
 TEST_F(REPORT_TEST, SubsystemsAddTheirSitesUp) {
@@ -100,11 +99,12 @@ TEST_F(REPORT_TEST, SubsystemsHaveAMaximumWithTheLibraryReport) {
     start(mem_get_tracking_granularity_from_env() | MEM_GRANULARITY_PER_FILELINE);
     std::ostringstream stream;
     EXPECT_TRUE(mem_dump_tbb_subsystem_tracking(stream));
-    EXPECT_EQ(stream.str(), "MEM: TBB Subsystem Tracking Memory Snapshot.\n\n"
-                            "Subsystem\tCurrent bytes\tMax bytes\tPeak bytes\tCumulative bytes\t"
-                            "Cumulative requested bytes\tCumulative mismatched bytes\tCurrent blocks\tPeak blocks\t"
-                            "Cumulative blocks\n"
-                            "Time spent dumping:\t0 clicks.\t0 seconds.\n");
+    EXPECT_EQ(stream.str(),
+              "MEM: TBB Subsystem Tracking Memory Snapshot.\n\n"
+              "Subsystem\tCurrent bytes\tMax bytes\tPeak bytes\tCumulative bytes\t"
+              "Cumulative requested bytes\tCumulative mismatched bytes\tCurrent blocks\tPeak blocks\t"
+              "Cumulative blocks\n"
+              "Time spent dumping:\t0 clicks.\t0 seconds.\n");
 }
 
 TEST_F(REPORT_TEST, FullLeakReportListsWhatIsHeld) {
@@ -117,10 +117,11 @@ TEST_F(REPORT_TEST, FullLeakReportListsWhatIsHeld) {
     allocate(0xC000, 16, {}); // can't be attributed
     allocate(0xD000, 0, {EXPAND});
     mem_write_full_leak_report();
-    const std::string expected = "MEM: TBB Leak Checking Summary.\n\n"
-                                 "engine leaked 4000 bytes in 1 object(s) allocated at /src/query.cpp:30 query\n"
-                                 "parser leaked 100 bytes in 1 object(s) allocated at /src/parse.cpp:10 parse\n"
-                                 "\nTotal leaked bytes: 4100\n";
+    const std::string expected =
+        "MEM: TBB Leak Checking Summary.\n\n"
+        "engine leaked 4000 bytes in 1 object(s) allocated at /src/query.cpp:30 query\n"
+        "parser leaked 100 bytes in 1 object(s) allocated at /src/parse.cpp:10 parse\n"
+        "\nTotal leaked bytes: 4100\n";
     EXPECT_EQ(contents("mem_tbb_leak_warning.tvx.log"), expected);
     set_variable("MEM_LEAK_TRACKING_IN_ZV_MODE", "00");
     mem_write_full_leak_report();
@@ -195,5 +196,6 @@ INSTANTIATE_TEST_SUITE_P(
                                   {"TARVANE_MEM_CHECK_LEAKS_FAST", "TARVANE_MEM_PROFILE_PER_BIN"},
                                   {"mem_tbb_fast_leak_warning.log"},
                                   32},
-                    SHUTDOWN_CASE{"ZvMode", {"MEM_LEAK_TRACKING_IN_ZV_MODE"}, {"tarvane_zv_leak_warning.txt"}, 32}),
+                    SHUTDOWN_CASE{
+                        "ZvMode", {"MEM_LEAK_TRACKING_IN_ZV_MODE"}, {"tarvane_zv_leak_warning.txt"}, 32}),
     [](const auto& test) { return test.param.name; });

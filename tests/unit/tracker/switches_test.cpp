@@ -2,7 +2,6 @@
 // preloaded programs.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/mem_tbb_tracker/state/executable_tag.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
@@ -143,14 +142,14 @@ INSTANTIATE_TEST_SUITE_P(
                      12,
                      77,
                      0},
-        SETTING_CASE{
-            "ZeroKeys", {{PERIOD_KEY, "0"}, {THRESHOLD_KEY, "0"}}, 131072, DEFAULT_THRESHOLD, 2},
+        SETTING_CASE{"ZeroKeys", {{PERIOD_KEY, "0"}, {THRESHOLD_KEY, "0"}}, 131072, DEFAULT_THRESHOLD, 2},
         SETTING_CASE{"OverflowingVariables",
                      {{PERIOD_VARIABLE, "99999999999999999999999"}, {THRESHOLD_VARIABLE, "-1"}},
                      UINT64_MAX,
                      DEFAULT_THRESHOLD,
                      1},
-        SETTING_CASE{"LargestThreshold", {{THRESHOLD_KEY, "4611686018427387904"}}, 131072, std::int64_t{1} << 62, 0},
+        SETTING_CASE{
+            "LargestThreshold", {{THRESHOLD_KEY, "4611686018427387904"}}, 131072, std::int64_t{1} << 62, 0},
         SETTING_CASE{
             "TooLargeThreshold", {{THRESHOLD_KEY, "4611686018427387905"}}, 131072, DEFAULT_THRESHOLD, 1}),
     [](const auto& test) { return test.param.name; });

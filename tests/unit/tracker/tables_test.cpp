@@ -1,7 +1,6 @@
 // The live-block maps and the tables of bins and tags, alone and under real threads.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-
 #include "vbx/mem/mem_tbb_tracker/records/block_shards.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 
@@ -10,7 +9,9 @@
 #include <vector>
 
 namespace {
-const void* at(std::uint64_t address) { return reinterpret_cast<const void*>(address); }
+const void* at(std::uint64_t address) {
+    return reinterpret_cast<const void*>(address);
+}
 } // namespace
 
 TEST(BLOCK_SHARDS_TEST, KeepsTheFirstEntryAndForgetsItWhenTaken) {

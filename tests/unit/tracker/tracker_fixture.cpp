@@ -3,17 +3,17 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/tracker.h"
 
-#include <map>
-
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 
 namespace {
 
 std::string rendered(const MEM_ADDRESS_TRACKER& site) {
     char text[1024];
     const auto number = [](std::int64_t value) { return static_cast<long long>(value); };
-    std::snprintf(text, sizeof text, "%s cur %lld/%d max %lld/%d peak %lld/%d cum %lld/%lld req %lld mis %lld",
+    std::snprintf(text, sizeof text,
+                  "%s cur %lld/%d max %lld/%d peak %lld/%d cum %lld/%lld req %lld mis %lld",
                   site.address == 0 ? "OTHER" : site.function_name, number(site.current_bytes),
                   site.current_blocks, number(site.max_bytes), site.max_blocks, number(site.peak_bytes),
                   site.peak_blocks, number(site.cumulative_bytes), number(site.cumulative_blocks),
@@ -45,7 +45,9 @@ void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::ui
     fake_allocate(block, requested_size, size);
 }
 
-void release(std::uint64_t block, std::uint64_t size) { fake_free(block, size); }
+void release(std::uint64_t block, std::uint64_t size) {
+    fake_free(block, size);
+}
 
 std::string rendered_sites() {
     std::map<std::uint64_t, std::string> lines;
@@ -78,4 +80,6 @@ MEMORY_TRACKER_BASE catch_all() {
     return record;
 }
 
-void set_variable(const char* name, const char* value) { setenv(name, value, 1); }
+void set_variable(const char* name, const char* value) {
+    setenv(name, value, 1);
+}
