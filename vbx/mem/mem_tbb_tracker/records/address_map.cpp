@@ -2,7 +2,7 @@
 
 #include "vbx/mem/base/check.h"
 
-MEM_ADDRESS_MAP::MEM_ADDRESS_MAP() : m_entries(tbb::memory_pool_allocator<ENTRY>(m_pool)) {}
+MEM_ADDRESS_MAP::MEM_ADDRESS_MAP() : m_entries(ALLOCATOR(POOL_ALLOCATOR<ENTRY>(m_pool))) {}
 
 void MEM_ADDRESS_MAP::insert(const void* block, const MEM_BLOCK_RECORD& record) {
     const MEM_RANK_SCOPE accessor_rank(MEM_LOCK_RANK::accessor);

@@ -8,6 +8,7 @@
 // taken, and only mem_get_address_tracker does.
 #pragma once
 
+#include "vbx/mem/base/annotated_allocator.h"
 #include "vbx/mem/base/lock_rank.h"
 
 #include <vbx/mem/trackers.h>
@@ -61,8 +62,11 @@ class MEM_ADDRESS_MAP {
   private:
     using POOL = tbb::memory_pool<std::allocator<char>>;
     using ENTRY = std::pair<const void* const, MEM_BLOCK_RECORD>;
-    using ENTRIES = tbb::concurrent_hash_map<const void*, MEM_BLOCK_RECORD, MEM_BLOCK_ADDRESS_COMPARE,
-                                             tbb::memory_pool_allocator<ENTRY>>;
+    template <class T>
+    using POOL_ALLOCATOR = tbb::memory_pool_allocator<T>;
+    using ALLOCATOR = MEM_ANNOTATED_ALLOCATOR<POOL_ALLOCATOR, ENTRY>;
+    using ENTRIES =
+        tbb::concurrent_hash_map<const void*, MEM_BLOCK_RECORD, MEM_BLOCK_ADDRESS_COMPARE, ALLOCATOR>;
 
     // In this order: the entries go back to the pool before it goes.
     POOL m_pool;

@@ -3,11 +3,14 @@
 // Not cleared by a reset, and used outside the gate. Under an accessor no lock is taken.
 #pragma once
 
+#include "vbx/mem/base/annotated_allocator.h"
+
 #include <tbb/concurrent_hash_map.h>
 #include <tbb/tbb_allocator.h>
 
 #include <atomic>
 #include <cstdint>
+#include <utility>
 
 struct MEM_BLOCK_BIN_RECORD {
     std::uint32_t bin_id = 0;
@@ -35,9 +38,9 @@ class MEM_BLOCK_SHARDS {
         static std::size_t hash(const void* block) { return reinterpret_cast<std::uintptr_t>(block) >> 12; }
         static bool equal(const void* a, const void* b) { return a == b; }
     };
-    using SHARD =
-        tbb::concurrent_hash_map<const void*, MEM_BLOCK_BIN_RECORD, COMPARE,
-                                 tbb::tbb_allocator<std::pair<const void* const, MEM_BLOCK_BIN_RECORD>>>;
+    using ENTRY = std::pair<const void* const, MEM_BLOCK_BIN_RECORD>;
+    using SHARD = tbb::concurrent_hash_map<const void*, MEM_BLOCK_BIN_RECORD, COMPARE,
+                                           MEM_ANNOTATED_ALLOCATOR<tbb::tbb_allocator, ENTRY>>;
 
     static std::size_t index_of(const void* block) { return reinterpret_cast<std::uintptr_t>(block) & 0xFFF; }
     SHARD& shard_for_insert(std::size_t index);
