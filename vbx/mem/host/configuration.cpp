@@ -27,14 +27,16 @@ CALLBACK resolve(CALLBACK& slot, std::atomic<bool>& unsearched, const char* func
     const CALLBACK callback = mem_load_slot(slot);
     if (callback != nullptr || !unsearched.load(std::memory_order_relaxed))
         return callback;
-    void* const library = thr_drl_find_module(CONFIGURATION_LIBRARY);
+    OS_LIBRARY library;
+    const bool is_in_process = os_find_library(CONFIGURATION_LIBRARY, library);
     // While this library starts before all others, the configuration library may be in the process with none
     // of its objects constructed. It can't be asked yet, and it isn't missing either: the lookup stays due.
-    if (library != nullptr && os_is_before_other_initialisers())
+    if (is_in_process && os_is_before_other_initialisers())
         return nullptr;
     if (!unsearched.exchange(false, std::memory_order_relaxed))
         return mem_load_slot(slot);
-    mem_store_slot(slot, reinterpret_cast<CALLBACK>(thr_drl_find_function(library, function_name)));
+    void* const found = thr_drl_find_function(is_in_process ? &library : nullptr, function_name);
+    mem_store_slot(slot, reinterpret_cast<CALLBACK>(found));
     return mem_load_slot(slot);
 }
 

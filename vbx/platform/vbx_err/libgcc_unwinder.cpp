@@ -6,21 +6,15 @@
 // while it sorts them, and allocates inside. An event that comes from there must not unwind, or its thread
 // waits for itself; see allocated_by_libgcc.
 
+#include "vbx/platform/os/loaded_library.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
 
-#include <dlfcn.h>
-#include <link.h>
 #include <unwind.h>
 
 namespace {
 
 using BACKTRACE_FUNCTION = _Unwind_Reason_Code (*)(_Unwind_Trace_Fn, void*);
-
-struct ADDRESS_RANGE {
-    std::uintptr_t begin = 0;
-    std::uintptr_t end = 0;
-};
 
 struct CAPTURE {
     std::uint64_t* frames;
@@ -66,7 +60,7 @@ class LIBGCC_UNWINDER final : public ERR_UNWINDER {
     bool allocated_by_libgcc(const void* entry_frame) const;
 
     BACKTRACE_FUNCTION m_backtrace = nullptr;
-    ADDRESS_RANGE m_libgcc;
+    OS_LIBRARY m_libgcc;
 };
 
 bool LIBGCC_UNWINDER::prepare() {
@@ -74,24 +68,17 @@ bool LIBGCC_UNWINDER::prepare() {
         return true;
     // Other libraries export functions of the same name, with locks and caches of their own, and may stand
     // first in the search order; so ask libgcc itself. This library depends on it: it is always there.
-    void* const libgcc = dlopen("libgcc_s.so.1", RTLD_NOW | RTLD_NOLOAD);
-    if (libgcc == nullptr)
+    if (!os_find_library("libgcc_s.so.1", m_libgcc))
         return false;
-    void* const backtrace = dlsym(libgcc, "_Unwind_Backtrace");
-    dl_find_object found;
-    if (backtrace == nullptr || _dl_find_object(backtrace, &found) != 0)
-        return false;
-    m_libgcc = {reinterpret_cast<std::uintptr_t>(found.dlfo_map_start),
-                reinterpret_cast<std::uintptr_t>(found.dlfo_map_end)};
-    m_backtrace = reinterpret_cast<BACKTRACE_FUNCTION>(backtrace);
-    return true;
+    m_backtrace = reinterpret_cast<BACKTRACE_FUNCTION>(os_find_function(m_libgcc, "_Unwind_Backtrace"));
+    return m_backtrace != nullptr;
 }
 
 bool LIBGCC_UNWINDER::allocated_by_libgcc(const void* entry_frame) const {
     if (entry_frame == nullptr)
         return false;
     const std::uintptr_t caller = static_cast<const std::uintptr_t*>(entry_frame)[-1];
-    return caller >= m_libgcc.begin && caller < m_libgcc.end;
+    return caller >= m_libgcc.code_begin && caller < m_libgcc.code_end;
 }
 
 std::int32_t LIBGCC_UNWINDER::capture_stack(std::uint64_t* frames, std::int32_t max_frames,

@@ -16,7 +16,7 @@
 class ERR_UNWINDER {
   public:
     // The unwinder of the process, not owned by the caller; null when the process has none. The first call
-    // prepares it and may take the loader's lock: make it at start, never inside an event.
+    // prepares it and takes the loader's lock: make it at start, never inside an event.
     static ERR_UNWINDER* get_default_unwinder();
 
     // Name of the method, for messages.

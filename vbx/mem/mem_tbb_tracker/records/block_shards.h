@@ -6,7 +6,7 @@
 #include "vbx/mem/base/annotated_allocator.h"
 
 #include <tbb/concurrent_hash_map.h>
-#include <tbb/tbb_allocator.h>
+#include <tbb/scalable_allocator.h>
 
 #include <atomic>
 #include <cstdint>
@@ -38,9 +38,11 @@ class MEM_BLOCK_SHARDS {
         static std::size_t hash(const void* block) { return reinterpret_cast<std::uintptr_t>(block) >> 12; }
         static bool equal(const void* a, const void* b) { return a == b; }
     };
+    // The heap itself and not oneTBB's choice of one: that is made by a dlopen at its first allocation, which
+    // would be inside an event.
     using ENTRY = std::pair<const void* const, MEM_BLOCK_BIN_RECORD>;
     using SHARD = tbb::concurrent_hash_map<const void*, MEM_BLOCK_BIN_RECORD, COMPARE,
-                                           MEM_ANNOTATED_ALLOCATOR<tbb::tbb_allocator, ENTRY>>;
+                                           MEM_ANNOTATED_ALLOCATOR<tbb::scalable_allocator, ENTRY>>;
 
     static std::size_t index_of(const void* block) { return reinterpret_cast<std::uintptr_t>(block) & 0xFFF; }
     SHARD& shard_for_insert(std::size_t index);
