@@ -1,6 +1,19 @@
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/base/thread_state.h"
+
+#include <memory>
+
+char* MEM_POOL_MEMORY::allocate(std::size_t count) {
+    const MEM_BLOCK_SCOPE own_heap_use;
+    return std::allocator<char>().allocate(count);
+}
+
+void MEM_POOL_MEMORY::deallocate(char* memory, std::size_t count) {
+    const MEM_BLOCK_SCOPE own_heap_use;
+    std::allocator<char>().deallocate(memory, count);
+}
 
 MEM_ADDRESS_MAP::MEM_ADDRESS_MAP() : m_entries(ALLOCATOR(POOL_ALLOCATOR<ENTRY>(m_pool))) {}
 

@@ -20,7 +20,6 @@
 #include <tbb/memory_pool.h>
 
 #include <cstdint>
-#include <memory>
 #include <utility>
 
 struct MEM_BLOCK_RECORD {
@@ -34,6 +33,17 @@ struct MEM_BLOCK_ADDRESS_COMPARE {
         return (address >> 3) ^ address;
     }
     static bool equal(const void* a, const void* b) { return a == b; }
+};
+
+// Where the pool gets its raw memory from: the ordinary heap. Most requests come from inside an event, but the
+// pool also gives memory back when tbbmalloc winds itself up at process end; that event must not be taken for
+// the free of a block that nobody knows.
+class MEM_POOL_MEMORY {
+  public:
+    using value_type = char;
+    // Throws std::bad_alloc.
+    char* allocate(std::size_t count);
+    void deallocate(char* memory, std::size_t count);
 };
 
 class MEM_ADDRESS_MAP {
@@ -60,7 +70,7 @@ class MEM_ADDRESS_MAP {
     }
 
   private:
-    using POOL = tbb::memory_pool<std::allocator<char>>;
+    using POOL = tbb::memory_pool<MEM_POOL_MEMORY>;
     using ENTRY = std::pair<const void* const, MEM_BLOCK_RECORD>;
     template <class T>
     using POOL_ALLOCATOR = tbb::memory_pool_allocator<T>;
