@@ -60,14 +60,14 @@ else
 fi
 heading "2. An unmodified program, preloaded: $program"
 cat <<END
-\$ export LD_PRELOAD="libtbbamalloc.so libvbx_mem_preload.so" TARVANE_MEM_PRELOAD_TAG=preloaded
+\$ export LD_PRELOAD="libtbbamalloc.so libvbx_mem_preload.so" TARVANE_MEM_PRELOAD_TAG=%e
 \$ TARVANE_MEM_PROFILE_PER_FILELINE=1 mem_profile_with_incomplete_fileline_info=on \\
   ${PYTHONMALLOC:+PYTHONMALLOC=malloc }${program##*/} $option '$text'
 END
-env LD_PRELOAD="$build/lib/libtbbamalloc.so $build/lib/libvbx_mem_preload.so" TARVANE_MEM_PRELOAD_TAG=preloaded \
+env LD_PRELOAD="$build/lib/libtbbamalloc.so $build/lib/libvbx_mem_preload.so" TARVANE_MEM_PRELOAD_TAG=%e \
     TARVANE_MEM_PROFILE_PER_FILELINE=1 mem_profile_with_incomplete_fileline_info=on \
     "$program" "$option" "$text" 2>messages
-tag=preloaded
+tag=${program##*/}
 printf '\nPer allocation site (mem_tbb_fileline.%s.log); without debug information the function has to do:\n\n' "$tag"
 show_sites "mem_tbb_fileline.$tag.log" 8
 printf '\nPer module (mem_tbb_subsystem.%s.log):\n\n' "$tag"

@@ -1,8 +1,9 @@
-/* Runs a program once: wall time from before its start to after its end, and its peak resident memory.
+/* Runs a program once: wall time from before its start to after its end, processor time, peak resident
+   memory.
 
        spawn_and_measure NAME=VALUE... -- PROGRAM ARGUMENTS...
 
-   The variables are added to the program's environment alone. Prints "NANOSECONDS KIB STATUS".
+   The variables are added to the program's environment alone. Prints "WALL CPU KIB STATUS", times in ns.
 
    A program of its own because the kernel's peak begins with that of the process which starts another, up to
    exec: started from an interpreter, every program would show the interpreter's megabytes. Hence also C and
@@ -22,6 +23,10 @@ static long long now(void) {
     struct timespec time;
     clock_gettime(CLOCK_MONOTONIC, &time);
     return time.tv_sec * 1000000000LL + time.tv_nsec;
+}
+
+static long long nanoseconds(struct timeval time) {
+    return time.tv_sec * 1000000000LL + time.tv_usec * 1000LL;
 }
 
 int main(int argc, char** argv) {
@@ -44,6 +49,8 @@ int main(int argc, char** argv) {
         return 1;
     if (wait4(child, &status, 0, &usage) != child)
         return 1;
-    printf("%lld %ld %d\n", now() - start, usage.ru_maxrss, status);
+    const long long wall = now() - start;
+    printf("%lld %lld %ld %d\n", wall, nanoseconds(usage.ru_utime) + nanoseconds(usage.ru_stime),
+           usage.ru_maxrss, status);
     return 0;
 }
