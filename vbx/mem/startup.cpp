@@ -14,8 +14,9 @@ MEM_INITIALIZER own_initializer("MEM");
 // What the tracker counted since its hook went on is set back to 0; the process begins here.
 struct COUNTERS_FROM_ZERO {
     COUNTERS_FROM_ZERO() {
-        mem_global_stats_room.construct();
-        mem_event_totals_room.construct();
+        mem_global_stats() = MEM_STATS();
+        mem_tracked_total_bytes().store(0);
+        mem_timeline_index().store(0);
         os_other_initialisers_begin();
     }
 };

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <new>
 
 // One tick for each event that passes the guard.
 inline constinit std::atomic<std::uint64_t> mem_sample_counter{0};
@@ -24,16 +23,13 @@ struct MEM_FALLBACK_COUNTERS {
 };
 inline constinit MEM_FALLBACK_COUNTERS mem_fallback_counters;
 
-// Room for an object whose type has a destructor that must never run. All-zero bytes stand for the object
-// until it is constructed, which the types below (a number behind a virtual destructor) read correctly.
+// Keeps an object whose type has a destructor from being destroyed: events come behind all destructors of the
+// process. It is there from the load on, because it needs no code to come into being.
 template <class T>
-class MEM_IMMORTAL {
-  public:
-    void construct() { new (m_room) T; }
-    T& get() { return *std::launder(reinterpret_cast<T*>(m_room)); }
-
-  private:
-    alignas(T) unsigned char m_room[sizeof(T)] = {};
+union MEM_IMMORTAL {
+    T object;
+    constexpr MEM_IMMORTAL() : object() {}
+    ~MEM_IMMORTAL() {}
 };
 
 struct MEM_EVENT_TOTALS {
@@ -43,15 +39,15 @@ struct MEM_EVENT_TOTALS {
     KTL_RELAXED_ATOMIC<unsigned long long> timeline_index;
 };
 
-inline constinit MEM_IMMORTAL<MEM_STATS> mem_global_stats_room;
-inline constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_event_totals_room;
+extern constinit MEM_IMMORTAL<MEM_STATS> mem_immortal_global_stats;
+extern constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_immortal_event_totals;
 
 inline MEM_STATS& mem_global_stats() {
-    return mem_global_stats_room.get();
+    return mem_immortal_global_stats.object;
 }
 inline KTL_RELAXED_ATOMIC<long long>& mem_tracked_total_bytes() {
-    return mem_event_totals_room.get().tracked_total_bytes;
+    return mem_immortal_event_totals.object.tracked_total_bytes;
 }
 inline KTL_RELAXED_ATOMIC<unsigned long long>& mem_timeline_index() {
-    return mem_event_totals_room.get().timeline_index;
+    return mem_immortal_event_totals.object.timeline_index;
 }

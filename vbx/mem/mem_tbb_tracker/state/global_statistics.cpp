@@ -2,6 +2,9 @@
 
 #include <vbx/mem/peaks.h>
 
+constinit MEM_IMMORTAL<MEM_STATS> mem_immortal_global_stats;
+constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_immortal_event_totals;
+
 // The peaks are raised to what this block's own addition gave. A second read of `current` could already miss
 // the block, if another thread has freed something in between, and the peak would be short of a level that
 // was really reached.
