@@ -30,6 +30,10 @@ bool next_allocation_fails() {
         throw std::bad_alloc();
     return block;
 }
+// The library's own nothrow form may not come through the one above.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return std::malloc(size);
+}
 [[gnu::noinline]] void operator delete(void* block) noexcept {
     std::free(block);
 }
