@@ -21,14 +21,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
-// The C library's name of the program; its public alias is empty in programs that copy this one.
-extern "C" char* __progname;
 
 namespace {
 
@@ -139,7 +138,7 @@ void surround_handler() {
         return;
     // Nothing of this may be in the figures of either side.
     mem_block_thread_tracking();
-    const std::string name = std::string(__progname) + "." + std::to_string(getpid());
+    const std::string name = std::string(program_invocation_short_name) + "." + std::to_string(getpid());
     std::snprintf(verdict_file, sizeof verdict_file, "%s/verdict.%s", folder, name.c_str());
     {
         std::ofstream at_attach(std::string(folder) + "/at_attach." + name);
