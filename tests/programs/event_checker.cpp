@@ -21,14 +21,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
-// The C library's name of the program; its public alias is empty in programs that copy this one.
-extern "C" char* __progname;
 
 namespace {
 
@@ -133,18 +132,20 @@ void surround_handler() {
     mem_add_callback_function(after);
 }
 
+void name_files_and_report_start(const char* folder) {
+    const std::string name = std::string(program_invocation_short_name) + "." + std::to_string(getpid());
+    std::snprintf(verdict_file, sizeof verdict_file, "%s/verdict.%s", folder, name.c_str());
+    std::ofstream at_attach(std::string(folder) + "/at_attach." + name);
+    mem_dump_tbb_fileline_tracking(at_attach);
+}
+
 [[gnu::constructor]] void attach() {
     const char* const folder = std::getenv("VBX_TEST_VERDICTS");
     if (folder == nullptr)
         return;
     // Nothing of this may be in the figures of either side.
     mem_block_thread_tracking();
-    const std::string name = std::string(__progname) + "." + std::to_string(getpid());
-    std::snprintf(verdict_file, sizeof verdict_file, "%s/verdict.%s", folder, name.c_str());
-    {
-        std::ofstream at_attach(std::string(folder) + "/at_attach." + name);
-        mem_dump_tbb_fileline_tracking(at_attach);
-    }
+    name_files_and_report_start(folder);
     surround_handler();
     // The child of a fork is not tracked.
     pthread_atfork(nullptr, nullptr, [] { is_attached = false; });

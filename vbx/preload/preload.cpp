@@ -11,19 +11,16 @@
 
 #include <vbx/mem.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
-// The name that libc sets. Its public alias, program_invocation_short_name, stays empty for us in a program
-// that has a copy of this one alone (the C library's variables are copied into programs that use them).
-extern "C" char* __progname;
 
 namespace {
 
@@ -87,13 +84,11 @@ void bring_library_down(void*) {
     mem_set_msg_local_vdebug_callback(send_debug_message);
     new (last_initializer) MEM_INITIALIZER("preload");
     if (const char* const tag = std::getenv("TARVANE_MEM_PRELOAD_TAG"))
-        mem_set_tbb_exe_string(mem_expand_tag(tag, __progname, getpid()).c_str());
+        mem_set_tbb_exe_string(mem_expand_tag(tag, program_invocation_short_name, getpid()).c_str());
     // A handler that belongs to no module runs behind the destructors of all modules.
     __cxa_atexit(bring_library_down, nullptr, nullptr);
 }
 
 } // namespace
 
-void mem_preload_print(const char* format, std::va_list args) {
-    print("", format, args, "");
-}
+void mem_preload_print(const char* format, std::va_list args) { print("", format, args, ""); }

@@ -1,0 +1,14 @@
+#include "planted.h"
+
+#include <dlfcn.h>
+
+char* library_buffer() {
+    char* const buffer = new char[3000]; // SITE library
+    KEEP(buffer);
+    return buffer;
+}
+
+const void* library_base() {
+    Dl_info info;
+    return dladdr(reinterpret_cast<const void*>(&library_base), &info) != 0 ? info.dli_fbase : nullptr;
+}
