@@ -11,14 +11,14 @@
 
 #include <vbx/mem.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
 
@@ -91,4 +91,6 @@ void bring_library_down(void*) {
 
 } // namespace
 
-void mem_preload_print(const char* format, std::va_list args) { print("", format, args, ""); }
+void mem_preload_print(const char* format, std::va_list args) {
+    print("", format, args, "");
+}

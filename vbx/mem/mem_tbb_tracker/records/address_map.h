@@ -35,9 +35,9 @@ struct MEM_BLOCK_ADDRESS_COMPARE {
     static bool equal(const void* a, const void* b) { return a == b; }
 };
 
-// Where the pool gets its raw memory from: the ordinary heap. Most requests come from inside an event, but the
-// pool also gives memory back when tbbmalloc winds itself up at process end; that event must not be taken for
-// the free of a block that nobody knows.
+// Where the pool gets its raw memory from: the ordinary heap. Most requests come from inside an event, but
+// the pool also gives memory back when tbbmalloc winds itself up at process end; that event must not be taken
+// for the free of a block that nobody knows.
 class MEM_POOL_MEMORY {
   public:
     using value_type = char;
