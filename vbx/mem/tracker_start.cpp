@@ -66,7 +66,6 @@ void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask) {
     mem_tbb_unwinder = ERR_UNWINDER::get_default_unwinder();
     MEM_CHECK(mem_tbb_unwinder);
     mem_create_executable_tag();
-    mem_tbb_gate = new MEM_TRACKER_GATE;
     create_catch_all_site(create_other_module());
     // Started before the hook goes on: in a process that loads the library late, other threads have events
     // from that moment, and attribution takes a tracker that has not started for a fault.

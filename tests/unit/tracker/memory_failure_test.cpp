@@ -68,6 +68,11 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
         release(block, 64);
         EXPECT_EQ(catch_all().current_bytes, 0);
         EXPECT_EQ(catch_all().current_blocks, 0);
+        for (const std::string& module : {"m" + std::to_string(left), std::string("OTHER")})
+            if (MEMORY_TRACKER_BASE record; mem_get_module_tracker(module, record)) {
+                EXPECT_EQ(record.current_blocks, 0) << module;
+                EXPECT_EQ(record.current_bytes, 0) << module;
+            }
         EXPECT_EQ(pbin_stats->entry(0).current_bytes.load(), 0);
     }
     EXPECT_NE(catch_all().cumulative_blocks, 0); // it did fail

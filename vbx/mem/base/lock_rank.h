@@ -10,7 +10,7 @@
 // | subsystem   | the module walk of the subsystem report                                                   |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
 // | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
-// | innermost   | init lock, and the two words inside the gate: a load or a store, nothing is called        |
+// | innermost   | the two words inside the gate, growth of a table: a few steps, nothing is locked inside   |
 //
 // The shutdown changes the mask while it is inside the gate as a cat. That is the one step down, and safe:
 // who holds the granularity or the callback lock never enters the gate, because its events are turned away.

@@ -10,7 +10,6 @@
 #include "vbx/platform/os/thread.h"
 
 #include <cstring>
-#include <new>
 
 namespace {
 
@@ -29,6 +28,7 @@ void charge_site(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) MEM_REQUIRES
         mem_charge(site, event.size, event.requested_size);
 }
 
+// Throws std::bad_alloc, with nothing charged.
 void charge_module(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
     if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) == 0)
         return;
@@ -38,48 +38,56 @@ void charge_module(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
     mem_store_module_tracker(site, &module_record);
 }
 
-MEM_ADDRESS_TRACKER& attribute_and_charge_site(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) {
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    MEM_ADDRESS_TRACKER& site = mem_attribute_allocation(stack);
-    charge_site(event, site);
-    return site;
-}
+enum class OUTCOME { charged, wants_deeper_stack };
 
-// False when the map could not take the block.
-bool record_live_block(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
-    const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
-    try {
-        mem_tbb_address_map->insert(event.block, {&site, keeps_thread ? os_thread_id() : 0});
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-}
-
-MEM_ADDRESS_TRACKER& charge_catch_all(const NEW_BLOCK& event) {
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    MEM_ADDRESS_TRACKER& site = mem_tbb_site_table->catch_all();
-    charge_site(event, site);
-    return site;
-}
-
-MEM_ADDRESS_TRACKER& move_charge_to_catch_all(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
+// Throws std::bad_alloc, with nothing charged.
+OUTCOME charge_by_stack(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) {
+    MEM_ADDRESS_TRACKER* site;
     {
         const MEM_SPIN_GUARD guard(mem_site_lock);
-        if ((event.mask & MEM_COUNTS_SITES) != 0)
-            mem_undo_charge(site, event.size, event.requested_size);
+        site = &mem_attribute_stack(stack.frames, stack.count);
+        if (mem_stack_goes_on(stack) && site == &mem_tbb_site_table->catch_all())
+            return OUTCOME::wants_deeper_stack;
+        charge_site(event, *site);
     }
-    return charge_catch_all(event);
+    try {
+        const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
+        mem_tbb_address_map->insert(event.block, {site, keeps_thread ? os_thread_id() : 0});
+        charge_module(event, *site);
+    } catch (...) {
+        MEM_BLOCK_RECORD ignored;
+        mem_tbb_address_map->take(event.block, ignored);
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        if ((event.mask & MEM_COUNTS_SITES) != 0)
+            mem_undo_charge(*site, event.size, event.requested_size);
+        throw;
+    }
+    return OUTCOME::charged;
 }
 
-MEM_ADDRESS_TRACKER& charge_and_record(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) {
+// For a block that could not be recorded. Both records are there from the start of the tracker on.
+void charge_catch_all(const NEW_BLOCK& event) {
     MEM_ADDRESS_TRACKER* site;
-    try {
-        site = &attribute_and_charge_site(event, stack);
-    } catch (const std::bad_alloc&) {
-        return charge_catch_all(event);
+    {
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        site = &mem_tbb_site_table->catch_all();
+        charge_site(event, *site);
     }
-    return record_live_block(event, *site) ? *site : move_charge_to_catch_all(event, *site);
+    charge_module(event, *site);
+}
+
+OUTCOME charge_inside_gate(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) noexcept {
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    try {
+        return charge_by_stack(event, stack);
+    } catch (...) {
+    }
+    try {
+        charge_catch_all(event);
+    } catch (...) {
+        // A reset has removed the catch-all or its module, and there is no memory to make it again.
+    }
+    return OUTCOME::charged;
 }
 
 // What a free needs of its site once the site lock is released.
@@ -115,15 +123,11 @@ void credit_module(const CREDITED_SITE& site, std::uint64_t size) {
 
 void mem_attribute_new_block(std::uint32_t mask, void* block, std::uint64_t requested_size,
                              std::uint64_t size) noexcept {
-    // The longest step comes first, with nothing held.
-    const MEM_CAPTURED_STACK stack = mem_capture_stack();
     const NEW_BLOCK event{mask, block, requested_size, size};
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
-    try {
-        charge_module(event, charge_and_record(event, stack));
-    } catch (const std::bad_alloc&) {
-        // Not even the catch-all record or the module record can be had; the block leaves no trace.
-    }
+    // Stacks are walked with nothing held, neither a lock nor the gate: that is the longest step, and a walk
+    // can wait for a thread that is in the middle of an event itself (see the unwinder).
+    if (charge_inside_gate(event, mem_capture_stack()) == OUTCOME::wants_deeper_stack)
+        charge_inside_gate(event, mem_capture_deeper_stack());
 }
 
 void mem_credit_freed_block(std::uint32_t mask, void* block, std::uint64_t size) noexcept {
@@ -137,7 +141,7 @@ void mem_credit_freed_block(std::uint32_t mask, void* block, std::uint64_t size)
         const CREDITED_SITE site = credit_site(mask, record.address_tracker_ptr, size, is_mismatched);
         if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
             credit_module(site, size);
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
         // A record that a reset has removed can't be made again; there is nothing to credit.
     }
 }

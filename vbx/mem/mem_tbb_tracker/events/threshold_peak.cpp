@@ -1,5 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
@@ -75,10 +76,13 @@ bool mem_tbb_check_threshold_peak() noexcept {
 }
 
 void mem_tbb_tracking_flush_peak() {
+    const MEM_LONG_OPERATION operation;
+    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+        return;
     const std::int64_t peak = mem_threshold_peak_bytes.load(relaxed);
     if (peak > mem_flushed_peak_bytes.load(relaxed)) {
-        mem_flushed_peak_bytes.store(peak, relaxed);
         keep_figures_of_this_stretch();
+        mem_flushed_peak_bytes.store(peak, relaxed);
     }
     if ((mem_current_mask() & MEM_FEATURES) != 0) {
         mem_msg_debug("Memory tracking: memory threshold peak was reset from %lld",

@@ -59,13 +59,15 @@ MEM_PB_STATS_TABLE::~MEM_PB_STATS_TABLE() {
 }
 
 void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
+    // Like the gate's, these waits yield: nobody can see it, and who is waited for may need the processor.
+    OS_PATIENCE patience;
     for (;;) {
         while (waiters.load(std::memory_order_relaxed) != 0)
-            os_yield();
+            patience.wait();
         if (users.fetch_add(1, std::memory_order_acquire) < ONE_HOLDER)
             return;
         users.fetch_sub(1, std::memory_order_relaxed);
-        os_yield();
+        patience.wait();
     }
 }
 
@@ -75,6 +77,7 @@ void MEM_PB_STATS_TABLE::leave_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
 
 void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
     mem_rank_acquire(MEM_LOCK_RANK::leaf);
+    OS_PATIENCE patience;
     for (;;) {
         waiters.fetch_add(1, std::memory_order_relaxed);
         const bool was_free = users.fetch_add(ONE_HOLDER, std::memory_order_acquire) == 0;
@@ -83,7 +86,7 @@ void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
         waiters.fetch_sub(1, std::memory_order_relaxed);
         if (was_free)
             return;
-        os_yield();
+        patience.wait();
     }
 }
 

@@ -1,9 +1,11 @@
 // One line a module, highest peak first: the site records added up by the name of their module.
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_text.h"
+#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 
 #include <vbx/mem/reports.h>
@@ -65,6 +67,9 @@ void write_row(MEM_REPORT_LINE& line, const SUBSYSTEM& subsystem, bool with_max_
 } // namespace
 
 bool mem_dump_tbb_subsystem_tracking(std::ostream& stream) {
+    const MEM_LONG_OPERATION operation;
+    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+        return true;
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_REPORT_TIMER timer;
     const bool with_max_bytes = mem_report_flags.library;
