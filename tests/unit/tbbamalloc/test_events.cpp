@@ -131,8 +131,8 @@ TEST(Events, ScribblingCallbackSpoilsNoContents) {
     }
 }
 
-// Straight from the system, amid the heap's own: once the neighbour below has gone, nothing is mapped where the
-// heap looks for its header.
+// Straight from the system, amid the heap's own: once the neighbour below has gone, nothing is mapped where
+// the heap looks for its header.
 TEST(Events, LargeForeignBlocksAreToldApart) {
     mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     std::vector<void*> own;
