@@ -9,6 +9,7 @@
 #include <vector>
 
 extern "C" void* __libc_malloc(std::size_t size);
+extern "C" void __libc_free(void* block);
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 namespace {
@@ -130,16 +131,31 @@ TEST(Events, ScribblingCallbackSpoilsNoContents) {
     }
 }
 
-// Straight from the system: nothing need be mapped where the heap looks for its own header.
+// Straight from the system, amid the heap's own: once the neighbour below has gone, nothing is mapped where
+// the heap looks for its header.
 TEST(Events, LargeForeignBlocksAreToldApart) {
-    RECORDED_EVENTS recorded;
-    for (int i = 0; i != 8; ++i) {
-        void* const block = i % 2 == 0 ? __libc_malloc(200'000) : __libc_memalign(8192, 200'000);
-        EXPECT_GE(malloc_usable_size(block), 200'000U);
-        std::free(std::realloc(block, 300'000));
-        std::free(std::malloc(30'000)); // moves the places of the next ones
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    std::vector<void*> own;
+    std::vector<void*> foreign;
+    const auto add_own = [&] {
+        for (int i = 0; i != 20; ++i)
+            own.push_back(std::malloc(4'000'000));
+    };
+    add_own();
+    for (std::size_t i = 0; i != 400; ++i) {
+        const std::size_t size = 135'168 + i % 7 * 4096;
+        foreign.push_back(i % 16 != 1 ? __libc_malloc(size) : __libc_memalign(8192, size));
     }
-    EXPECT_EQ(recorded.count, 16U);
+    add_own();
+    for (std::size_t i = 0; i != foreign.size(); i += 2)
+        __libc_free(foreign[i]);
+    const RECORDED_EVENTS recorded;
+    for (std::size_t i = 1; i != 401; i += 2) {
+        EXPECT_GE(malloc_usable_size(foreign[i]), 135'168U);
+        std::free(i % 4 == 1 ? foreign[i] : std::realloc(foreign[i], 300'000));
+    }
+    EXPECT_EQ(recorded.count, 0U);
+    std::for_each(own.begin(), own.end(), std::free);
 }
 
 const void* seen_frame = nullptr;

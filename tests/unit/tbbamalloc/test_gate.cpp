@@ -97,6 +97,41 @@ TEST(Gate, StuckCallbackIsReportedAndNobodyElseGetsIn) {
     EXPECT_TRUE(did_get_in);
 }
 
+// A thread that is cancelled while it waits for the quiet, as fork() and exit() do, would leave the gate up.
+TEST(Gate, DoesNotOutliveTheThreadThatRaisedIt) {
+    waiting_callbacks = 0;
+    may_leave = false;
+    quiet_thread = pthread_self();
+    tbbk_set_mem_tracker_callback(wait_inside);
+    std::thread stuck([] { std::free(std::malloc(10)); });
+    while (waiting_callbacks == 0)
+        usleep(1000);
+    tbbk_set_mem_tracker_callback(nullptr);
+    static bool did_come_back;
+    did_come_back = false;
+    const auto run_to_its_end = [](void* (*body)(void*)) {
+        pthread_t thread = 0;
+        EXPECT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
+        EXPECT_EQ(pthread_join(thread, nullptr), 0);
+    };
+    run_to_its_end([](void*) -> void* {
+        pthread_cancel(pthread_self());
+        EXPECT_FALSE(tbbk_quiesce_begin(20));
+        tbbk_quiesce_end();
+        did_come_back = true;
+        return nullptr;
+    });
+    EXPECT_TRUE(did_come_back);
+    run_to_its_end([](void*) -> void* {
+        tbbk_quiesce_begin(0);
+        return nullptr; // and never ends it
+    });
+    may_leave = true;
+    stuck.join(); // through the gate, which has to be open
+    EXPECT_TRUE(tbbk_quiesce_begin(10'000)) << "the turn is free again";
+    tbbk_quiesce_end();
+}
+
 void quiesce_inside(void*, std::uint64_t requested, std::uint64_t, bool) {
     if (requested != 77)
         return;

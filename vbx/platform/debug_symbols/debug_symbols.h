@@ -62,5 +62,5 @@ bool sym_get_module_info(std::uint64_t address, SYM_MODULE& module);
 enum class SYM_RUNTIME_LINES { withheld, served };
 void sym_serve_runtime_lines(SYM_RUNTIME_LINES lines);
 
-// Frees every index and the module list. The next query starts afresh.
+// Frees every index and the module list. The next query starts afresh. For tests.
 void sym_release();
