@@ -16,4 +16,5 @@
 #include <vbx/mem/peaks.h>
 #include <vbx/mem/reports.h>
 #include <vbx/mem/stats.h>
+#include <vbx/mem/timelines.h>
 #include <vbx/mem/trackers.h>
