@@ -23,6 +23,14 @@ class MEM_MODULE_MAP {
     // Null when there is none.
     const MEMORY_TRACKER_BASE* find(std::string_view name) const MEM_REQUIRES(mem_module_lock);
 
+    // Calls visit(const std::string& name, const MEMORY_TRACKER_BASE&) for every entry, in byte order of the
+    // names.
+    template <class VISIT>
+    void for_each(VISIT visit) const MEM_REQUIRES(mem_module_lock) {
+        for (const auto& [name, record] : m_records)
+            visit(name, record);
+    }
+
   private:
     std::map<std::string, MEMORY_TRACKER_BASE, std::less<>> m_records;
 };
