@@ -14,6 +14,7 @@
 #include <vbx/mem/host.h>
 #include <vbx/mem/initializer.h>
 #include <vbx/mem/peaks.h>
+#include <vbx/mem/profile_bins.h>
 #include <vbx/mem/reports.h>
 #include <vbx/mem/stats.h>
 #include <vbx/mem/timelines.h>

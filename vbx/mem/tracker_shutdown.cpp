@@ -156,6 +156,9 @@ void mem_abandon_tracker_after_fork() {
     mem_reset_symbol_lock();
     mem_site_lock.reset();
     mem_module_lock.reset();
+    for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats})
+        if (table != nullptr)
+            table->reset_modes();
     if (mem_tbb_gate != nullptr)
         mem_tbb_gate->reset();
 }

@@ -12,6 +12,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
@@ -34,6 +35,8 @@ void build_objects() {
     mem_tbb_block_shards = new MEM_BLOCK_SHARDS;
     pbin_stats = new MEM_PB_STATS_TABLE;
     ptag_stats = new MEM_PB_STATS_TABLE;
+    // First used here and not inside an event.
+    MEM_PROFILE_BINS::get_instance();
     // So is the bin-tag timeline, which needs the tags' table.
 }
 

@@ -10,7 +10,8 @@
 // | subsystem   | the module walk of the subsystem report                                                   |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
 // | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
-// | innermost   | init lock, and the two words inside the gate: a load or a store, nothing is called        |
+// | innermost   | init lock, and the two words inside the gate: a load or a store, nothing is called; the   |
+// |             | growing of a bin or tag table, whose allocation's event is turned away at once            |
 //
 // The shutdown changes the mask while it is inside the gate as a cat. That is the one step down, and safe:
 // who holds the granularity or the callback lock never enters the gate, because its events are turned away.

@@ -13,15 +13,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
+#include <forward_list>
 #include <string>
-#include <string_view>
 #include <vector>
 
 // What a close needs to know of its open, for the measuring of regions.
 struct MEM_PB_FRAME {
-    std::unique_ptr<MEM_PB_FRAME> next; // the next older one
-    std::int64_t bytes_at_open;
+    std::int64_t bytes_at_open = 0;
     MEM_BASE_STATS saved_local_peak;
 };
 
@@ -42,7 +40,7 @@ class MEM_PROFILE_BINS {
     MEM_PB_TABLE& m_bins() { return m_bin_table; }
 
     // For the one thread that opens and closes.
-    std::unique_ptr<MEM_PB_FRAME> stack;
+    std::forward_list<MEM_PB_FRAME> stack; // newest in front
     MEM_TIMELINE_LABELS labels;
 
   private:
