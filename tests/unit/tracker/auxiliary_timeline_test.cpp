@@ -55,6 +55,19 @@ std::map<std::string, std::uint64_t> named_figures(const std::string& header, co
     return result;
 }
 
+// Scripts the figures that make a row of the log.
+void script(std::map<std::string, std::uint64_t> figures) {
+    process.page_faults = static_cast<std::uint32_t>(figures["page_faults"]);
+    process.committed = figures["commit_charge"];
+    process.working_set = figures["resident"];
+    mem_fallback_counters.allocations = figures["profiler_num_allocs"];
+    mem_fallback_counters.frees = figures["profiler_num_deallocs"];
+    mem_fallback_counters.requested_total = figures["profiler_requested_total"];
+    mem_fallback_counters.requested_outstanding = figures["profiler_requested_outstanding"];
+    mem_fallback_counters.allocated_total = figures["profiler_allocated_total"];
+    mem_fallback_counters.allocated_outstanding = figures["profiler_allocated_outstanding"];
+}
+
 } // namespace
 
 class AUXILIARY_TIMELINE_TEST : public testing::Test {
@@ -65,10 +78,7 @@ class AUXILIARY_TIMELINE_TEST : public testing::Test {
         std::filesystem::current_path(m_folder);
         mem_create_executable_tag();
         mem_memory_source = &SCRIPTED;
-        process = {};
-        process.page_faults = 0xFFFFFFFF;
-        process.working_set = 2000;
-        process.committed = 3000;
+        script({{"page_faults", 0xFFFFFFFF}, {"resident", 2000}, {"commit_charge", 3000}});
     }
     ~AUXILIARY_TIMELINE_TEST() override { std::filesystem::remove_all(m_folder); }
 
@@ -85,23 +95,10 @@ class AUXILIARY_TIMELINE_TEST : public testing::Test {
 
 TEST_F(AUXILIARY_TIMELINE_TEST, LogsTheSampleOfTheManual) {
     const std::string manual = sample_of_manual();
-    std::istringstream lines(manual);
-    std::string line;
-    std::string header;
-    std::getline(lines, line);
-    std::getline(lines, line);
-    std::getline(lines, header);
-    while (std::getline(lines, line) && !line.starts_with("Time")) {
-        auto figures = named_figures(header, line);
-        process.page_faults = static_cast<std::uint32_t>(figures["page_faults"]);
-        process.committed = figures["commit_charge"];
-        process.working_set = figures["resident"];
-        mem_fallback_counters.allocations = figures["profiler_num_allocs"];
-        mem_fallback_counters.frees = figures["profiler_num_deallocs"];
-        mem_fallback_counters.requested_total = figures["profiler_requested_total"];
-        mem_fallback_counters.requested_outstanding = figures["profiler_requested_outstanding"];
-        mem_fallback_counters.allocated_total = figures["profiler_allocated_total"];
-        mem_fallback_counters.allocated_outstanding = figures["profiler_allocated_outstanding"];
+    ASSERT_TRUE(manual.starts_with(HEAD));
+    std::istringstream rows(manual.substr(HEAD.size()));
+    for (std::string row; std::getline(rows, row) && !row.starts_with("Time");) {
+        script(named_figures(HEAD.substr(HEAD.find("page_faults")), row));
         timeline.take_sample();
     }
     EXPECT_EQ(dumped(), manual);
@@ -112,9 +109,10 @@ TEST_F(AUXILIARY_TIMELINE_TEST, RowsWithoutFiguresAndBelowZero) {
     EXPECT_EQ(dumped(), HEAD + "Time spent dumping:\t1234567 clicks.\t1234.57 seconds.\n");
     timeline.take_sample();
     failure = EIO;
-    mem_fallback_counters.frees = 1;
-    mem_fallback_counters.requested_outstanding = std::uint64_t{0} - 16;
-    mem_fallback_counters.allocated_outstanding = std::uint64_t{0} - 32;
+    constexpr std::uint64_t ZERO = 0;
+    script({{"profiler_num_deallocs", 1},
+            {"profiler_requested_outstanding", ZERO - 16},
+            {"profiler_allocated_outstanding", ZERO - 32}});
     timeline.take_sample();
     fake_set_clock({-1, 5});
     const std::string none = "18446744073709551615";
