@@ -15,9 +15,15 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_files.h"
+#include "vbx/mem/mem_tbb_tracker/reports/timeline_files.h"
 #include "vbx/mem/mem_tbb_tracker/state/executable_tag.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/auxiliary_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
@@ -83,8 +89,7 @@ void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
     attempt("the peak figures are", mem_tbb_apply_final_peak);
     if (mem_report_flags.fileline)
         attempt("the site reports are", write_site_reports);
-    // The label's, auxiliary, module and bin-tag reports stand here, in this order, once their timelines
-    // exist.
+    attempt("timeline reports are", mem_write_timeline_reports);
     attempt("the leak report is", write_leak_report);
     mem_disable_tracking(MEM_GRANULARITY_ALL);
     mem_clear_report_flags();
@@ -109,24 +114,18 @@ bool shut_down() {
     return ended;
 }
 
-// From here on a late event does nothing, also one that reads the hook again because callbacks of the host
-// are left in the table. Said inside the gate: a query that waits for it finds out when it gets in.
-void declare_objects_gone() {
-    const bool is_inside = mem_tbb_gate->enter_as_cat_within(EVENTS_TIMEOUT_MS);
-    mem_tracker_objects_exist.store(false, std::memory_order_release);
-    if (is_inside)
-        mem_tbb_gate->leave_as_cat();
-}
-
 bool tracker_is_there() {
     return mem_tbb_tracker_is_inited() && mem_tracker_objects_exist.load(std::memory_order_acquire) &&
            !is_abandoned.load(std::memory_order_relaxed);
 }
 
 void destroy_objects() {
+    delete mem_bin_tag_timeline;
     delete ptag_stats;
     delete pbin_stats;
+    delete mem_label_timeline;
     delete mem_tbb_block_shards;
+    delete mem_module_timeline;
     delete mem_tbb_address_map;
     {
         const MEM_SPIN_GUARD guard(mem_site_lock);
@@ -158,13 +157,28 @@ void mem_tbb_tracker_teardown() {
         return;
     if (!shut_down()) {
         // Somebody may be inside the objects for good. Leaking them at process end costs nothing.
-        mem_tracker_objects_exist.store(false, std::memory_order_release);
+        mem_end_tracker_use();
         return;
     }
-    declare_objects_gone();
-    if (events_in_flight_have_ended())
+    // From here on a late event does nothing, also one that reads the hook again because callbacks of the host
+    // are left in the table.
+    mem_end_tracker_use();
+    if (events_in_flight_have_ended() && mem_tracker_uses_have_ended(EVENTS_TIMEOUT_MS))
         destroy_objects();
 }
+
+namespace {
+void free_timelines_after_fork() {
+    if (mem_module_timeline != nullptr)
+        mem_module_timeline->section.reset_after_fork();
+    if (mem_label_timeline != nullptr)
+        mem_label_timeline->lock.reset();
+    if (mem_bin_tag_timeline != nullptr)
+        mem_bin_tag_timeline->section.reset_after_fork();
+    if (mem_auxiliary_timeline != nullptr)
+        mem_auxiliary_timeline->reset_lock_after_fork();
+}
+} // namespace
 
 void mem_abandon_tracker_after_fork() {
     is_abandoned.store(true, std::memory_order_relaxed);
@@ -177,5 +191,10 @@ void mem_abandon_tracker_after_fork() {
     mem_reset_symbol_lock();
     mem_site_lock.reset();
     mem_module_lock.reset();
+    for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats})
+        if (table != nullptr)
+            table->reset_modes();
     mem_tbb_gate->reset();
+    mem_forget_tracker_uses();
+    free_timelines_after_fork();
 }

@@ -1,6 +1,5 @@
-// The queries that copy records out. Both pass the gate as a mouse, so that the records can't be cleared
-// under them, and ask only inside whether there still are any: the teardown may have been what they waited
-// for. Their own heap use, and that of a signal handler on their thread, must not ask for the gate a second
+// The queries that copy records out. Both pass the gate as a mouse, so that the records can't be cleared under
+// them. Their own heap use, and that of a signal handler on their thread, must not ask for the gate a second
 // time.
 
 #include "vbx/mem/base/check.h"
@@ -10,15 +9,17 @@
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 
 #include <vbx/mem/trackers.h>
 
 bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
     MEM_CHECK(mem_tbb_tracker_is_inited());
+    const MEM_TRACKER_USE use;
+    if (!use)
+        return false;
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
-    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
-        return false;
     if (address == nullptr) {
         const MEM_SPIN_GUARD guard(mem_site_lock);
         mem_copy_site(result, mem_tbb_site_table->catch_all());
@@ -32,10 +33,11 @@ bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
 
 bool mem_get_module_tracker(const std::string& name, MEMORY_TRACKER_BASE& tracker) {
     MEM_CHECK(mem_tbb_tracker_is_inited());
+    const MEM_TRACKER_USE use;
+    if (!use)
+        return false;
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
-    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
-        return false;
     const MEM_SPIN_GUARD guard(mem_module_lock);
     const MEMORY_TRACKER_BASE* const module_record = mem_tbb_module_map->find(name);
     if (module_record == nullptr)
