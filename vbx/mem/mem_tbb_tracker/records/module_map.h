@@ -25,6 +25,14 @@ class MEM_MODULE_MAP {
     // Forgets all records. Only for a cat of the gate that clears the sites too: these point into the map.
     void clear() MEM_REQUIRES(mem_module_lock) { m_records.clear(); }
 
+    // Calls visit(const std::string& name, const MEMORY_TRACKER_BASE&) for every entry, in byte order of the
+    // names.
+    template <class VISIT>
+    void for_each(VISIT visit) const MEM_REQUIRES(mem_module_lock) {
+        for (const auto& [name, record] : m_records)
+            visit(name, record);
+    }
+
   private:
     std::map<std::string, MEMORY_TRACKER_BASE, std::less<>> m_records;
 };

@@ -63,6 +63,9 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     // In a forked child: nobody is inside, whoever was.
     void reset_modes();
 
+    // The table held still for as long as it lives: charges wait, none is half done.
+    class STILL;
+
   private:
     void enter_shared() MEM_ACQUIRE_SHARED(this);
     void leave_shared() MEM_RELEASE_GENERIC(this);
@@ -87,6 +90,24 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     // Threads that want the exclusive mode.
     std::atomic<std::uint32_t> waiters{0};
     MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
+};
+
+class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::STILL {
+  public:
+    explicit STILL(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE(table) : m_table(table) {
+        m_table.enter_exclusive();
+    }
+    ~STILL() MEM_RELEASE() { m_table.leave_exclusive(); }
+    STILL(const STILL&) = delete;
+    STILL& operator=(const STILL&) = delete;
+
+    // Highest id charged plus one.
+    std::size_t size() const { return m_table.m_size.load(std::memory_order_relaxed); }
+    // Of an id below that.
+    std::int64_t current_bytes(std::uint32_t id) const;
+
+  private:
+    MEM_PB_STATS_TABLE& m_table;
 };
 
 // From tracker start to teardown.
