@@ -153,6 +153,7 @@ MEM_PB_STATS MEM_PB_STATS_TABLE::entry(std::uint32_t id) {
 // The scope holds the table, which the analysis can't see from in here.
 std::int64_t MEM_PB_STATS_TABLE::STILL::current_bytes(std::uint32_t id) const MEM_NO_THREAD_SAFETY_ANALYSIS {
     return m_table.at(id).current_bytes.load();
+}
 
 // Whatever others do meanwhile, the entry stays where it is until the teardown, and its figures are atomic.
 MEM_PB_FIGURES MEM_PB_STATS_TABLE::figures(std::uint32_t id) const MEM_NO_THREAD_SAFETY_ANALYSIS {
