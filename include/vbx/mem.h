@@ -12,6 +12,7 @@
 #include <vbx/mem/callbacks.h>
 #include <vbx/mem/control.h>
 #include <vbx/mem/host.h>
+#include <vbx/mem/info.h>
 #include <vbx/mem/initializer.h>
 #include <vbx/mem/peaks.h>
 #include <vbx/mem/profile_bins.h>

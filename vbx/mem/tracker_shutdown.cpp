@@ -14,9 +14,15 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_files.h"
+#include "vbx/mem/mem_tbb_tracker/reports/timeline_files.h"
 #include "vbx/mem/mem_tbb_tracker/state/executable_tag.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/auxiliary_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
@@ -68,8 +74,7 @@ void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
     mem_tbb_apply_final_peak();
     if (mem_report_flags.fileline)
         write_site_reports();
-    // The label's, auxiliary, module and bin-tag reports stand here, in this order, once their timelines
-    // exist.
+    mem_write_timeline_reports();
     write_leak_report();
     mem_disable_tracking(MEM_GRANULARITY_ALL);
     mem_clear_report_flags();
@@ -110,9 +115,12 @@ bool tracker_is_there() {
 
 void destroy_objects() {
     delete mem_tbb_gate;
+    delete mem_bin_tag_timeline;
     delete ptag_stats;
     delete pbin_stats;
+    delete mem_label_timeline;
     delete mem_tbb_block_shards;
+    delete mem_module_timeline;
     delete mem_tbb_address_map;
     {
         const MEM_SPIN_GUARD guard(mem_site_lock);
@@ -139,11 +147,24 @@ void mem_tbb_tracker_teardown() {
     const bool is_unused = shut_down();
     // From here on a late event does nothing, also one that reads the hook again because callbacks of the
     // host are left in the table.
-    mem_tracker_objects_exist.store(false, std::memory_order_release);
+    mem_end_tracker_use();
     // The objects go only when nobody can be inside them; leaking them at process end costs nothing.
-    if (is_unused && events_in_flight_have_ended())
+    if (is_unused && events_in_flight_have_ended() && mem_tracker_uses_have_ended(EVENTS_TIMEOUT_MS))
         destroy_objects();
 }
+
+namespace {
+void free_timelines_after_fork() {
+    if (mem_module_timeline != nullptr)
+        mem_module_timeline->section.reset_after_fork();
+    if (mem_label_timeline != nullptr)
+        mem_label_timeline->lock.reset();
+    if (mem_bin_tag_timeline != nullptr)
+        mem_bin_tag_timeline->section.reset_after_fork();
+    if (mem_auxiliary_timeline != nullptr)
+        mem_auxiliary_timeline->reset_lock_after_fork();
+}
+} // namespace
 
 void mem_abandon_tracker_after_fork() {
     is_abandoned.store(true, std::memory_order_relaxed);
@@ -161,4 +182,6 @@ void mem_abandon_tracker_after_fork() {
             table->reset_modes();
     if (mem_tbb_gate != nullptr)
         mem_tbb_gate->reset();
+    mem_forget_tracker_uses();
+    free_timelines_after_fork();
 }

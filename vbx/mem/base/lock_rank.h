@@ -7,7 +7,6 @@
 // | callbacks   | changes of the callback table, which the one above may be held for                        |
 // | gate        | the gate, as a mouse or as a cat                                                          |
 // | accessor    | an entry of the live-block map                                                            |
-// | subsystem   | the module walk of the subsystem report                                                   |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
 // | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
 // | innermost   | init lock, and the two words inside the gate: a load or a store, nothing is called; the   |
@@ -25,7 +24,6 @@ enum class MEM_LOCK_RANK : std::uint8_t {
     callbacks,
     gate,
     accessor,
-    subsystem,
     timeline,
     leaf,
     innermost,

@@ -8,6 +8,7 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
 #include <vbx/mem/peaks.h>
@@ -65,7 +66,7 @@ void undo_region(MEM_PROFILE_BINS& bins, std::size_t labels_before) noexcept {
 // the teardown there are no statistics, and no events either.
 void open_with_room(MEM_PB_TABLE& names, MEM_PB_STATS_TABLE* stats, std::string_view name) {
     const std::uint32_t id = names.find_or_add(name);
-    if (mem_tracker_objects_exist.load(std::memory_order_acquire))
+    if (const MEM_TRACKER_USE use; use)
         stats->make_room_for(id);
     names.push(id);
 }

@@ -8,12 +8,14 @@
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 
 #include <vbx/mem/trackers.h>
 
 bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
     MEM_CHECK(mem_tbb_tracker_is_inited());
-    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+    const MEM_TRACKER_USE use;
+    if (!use)
         return false;
     // Making a catch-all record allocates; that event must not ask for the gate a second time.
     const MEM_BLOCK_SCOPE own_heap_use;
@@ -31,7 +33,8 @@ bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
 
 bool mem_get_module_tracker(const std::string& name, MEMORY_TRACKER_BASE& tracker) {
     MEM_CHECK(mem_tbb_tracker_is_inited());
-    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+    const MEM_TRACKER_USE use;
+    if (!use)
         return false;
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     const MEM_SPIN_GUARD guard(mem_module_lock);

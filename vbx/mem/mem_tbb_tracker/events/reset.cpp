@@ -6,10 +6,11 @@
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
-#include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 
 #include <vbx/mem/control.h>
 
@@ -38,14 +39,16 @@ void begin_search_for_peak_anew() {
 void mem_reset_tracking_entries() {
     MEM_CHECK(mem_tbb_tracker_is_inited());
     // Behind the teardown, and in the child of a fork, there is nothing to forget.
-    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+    const MEM_TRACKER_USE use;
+    if (!use)
         return;
     // The tracker's frees come back as events; those must not ask for the gate.
     const MEM_IN_TRACKER_SCOPE in_tracker;
     const MEM_GATE_CAT cat(*mem_tbb_gate);
     forget_sites_and_modules();
-    // Charges run outside the gate; the table's exclusive mode keeps them apart from this. Blocks that are
-    // live keep their tag ids, and what their frees find missing they leave alone.
-    ptag_stats->clear();
+    // Charges and samples run outside the gate; the table's exclusive mode and the timeline's section keep
+    // them apart from this. Blocks that are live keep their tag ids, and what their frees find missing they
+    // leave alone.
+    mem_bin_tag_timeline->clear_tags();
     begin_search_for_peak_anew();
 }

@@ -5,6 +5,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/auxiliary_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
@@ -44,6 +45,8 @@ void mem_sample_bins_and_tags() noexcept {
 void mem_sample_labels_and_auxiliary(std::uint32_t mask) noexcept {
     if ((mask & (MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_BIN_DETAILED)) != 0)
         sample_label();
+    if ((mask & MEM_GRANULARITY_AUXILIARY_TIMELINE) != 0)
+        mem_auxiliary_timeline->take_sample();
 }
 
 void mem_user_snapshot_tracking_data() {
@@ -55,6 +58,7 @@ void mem_user_snapshot_tracking_data() {
     mem_sample_modules();
     mem_sample_bins_and_tags();
     sample_label();
+    mem_auxiliary_timeline->take_sample();
     // The tick goes on from where it stood; this is one more.
     mem_sample_counter.fetch_add(1, std::memory_order_relaxed);
 }

@@ -5,6 +5,7 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_text.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 
 #include <vbx/mem/reports.h>
 
@@ -39,11 +40,12 @@ std::vector<SUBSYSTEM> add_up_subsystems() {
     return {sums.begin(), sums.end()};
 }
 
-// The highest figure that is known of the module. The highest sample of its timeline joins in when there is a
-// module timeline; the peak alone is a floor for it.
+// The highest figure that is known of the module: that of its timeline, or its peak if no sample was as high.
 void fill_max_bytes(std::vector<SUBSYSTEM>& subsystems) {
+    const MEM_TIMELINE_GUARD section(mem_module_timeline->section);
     for (auto& [name, sum] : subsystems)
-        sum.max_bytes = sum.peak_bytes;
+        sum.max_bytes =
+            std::max(sum.peak_bytes, mem_module_timeline->highest_bytes(name).value_or(sum.peak_bytes));
 }
 
 bool is_reported(const SUBSYSTEM& subsystem) {

@@ -119,6 +119,6 @@ bool mem_write_timeline(std::ostream& plain, std::ostream& detailed,
         detailed << std::endl;
         labels.advance();
     }
-    timer.write_timeline_footers({&plain, &detailed});
+    timer.write_timeline_footer({&plain, &detailed});
     return true;
 }

@@ -36,3 +36,9 @@ void MEM_BIN_TAG_TIMELINE::take_sample() {
     ++m_sample_count;
 }
 
+void MEM_BIN_TAG_TIMELINE::clear_tags() {
+    const MEM_TIMELINE_GUARD guard(section);
+    m_tags.clear();
+    m_tag_series.clear();
+    m_sample_count = 0;
+}
