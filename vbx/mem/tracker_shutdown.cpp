@@ -160,8 +160,8 @@ void mem_tbb_tracker_teardown() {
         mem_end_tracker_use();
         return;
     }
-    // From here on a late event does nothing, also one that reads the hook again because callbacks of the host
-    // are left in the table.
+    // From here on a late event does nothing, also one that reads the hook again because callbacks of the
+    // host are left in the table.
     mem_end_tracker_use();
     if (events_in_flight_have_ended() && mem_tracker_uses_have_ended(EVENTS_TIMEOUT_MS))
         destroy_objects();

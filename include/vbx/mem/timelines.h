@@ -1,7 +1,7 @@
 // The timelines: how the memory of each module, bin and tag moves over the run.
 //
-// A sample is taken every so many allocations and frees, when a new peak is recorded, at process end, and when
-// a host asks for one. The time axis is the number of samples; no clock stands behind it.
+// A sample is taken every so many allocations and frees, when a new peak is recorded, at process end, and
+// when a host asks for one. The time axis is the number of samples; no clock stands behind it.
 #pragma once
 
 #include <vbx/mem/export.h>
@@ -9,13 +9,13 @@
 #include <iosfwd>
 #include <string>
 
-// Names what the process is doing, from the next sample on: the first cell of the rows of the module timeline.
-// label  copied; empty means none, which rows show as "Other"
-// Outside the life of the tracker nothing happens. Waits while a module timeline is being reported.
+// Names what the process is doing, from the next sample on: the first cell of the rows of the module
+// timeline. label  copied; empty means none, which rows show as "Other" Outside the life of the tracker
+// nothing happens. Waits while a module timeline is being reported.
 VBX_MEM_API void mem_set_timeline_label(const std::string& label);
 
-// Samples every timeline at once, whatever is switched on. Needs a started tracker; after its teardown nothing
-// happens.
+// Samples every timeline at once, whatever is switched on. Needs a started tracker; after its teardown
+// nothing happens.
 VBX_MEM_API void mem_user_snapshot_tracking_data();
 
 // The bytes of each module, one row a sample taken so far, with one tab between columns.

@@ -59,8 +59,8 @@ OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack)
     return OUTCOME::charged;
 }
 
-// For a block that could not be recorded. Both records are there from the start of the tracker on; when a reset
-// has removed one, there may be no memory to make it again, and the block leaves no trace in it.
+// For a block that could not be recorded. Both records are there from the start of the tracker on; when a
+// reset has removed one, there may be no memory to make it again, and the block leaves no trace in it.
 void charge_catch_all(const MEM_EVENT& event) noexcept {
     try {
         MEM_ADDRESS_TRACKER* site;

@@ -1,6 +1,6 @@
-// The queries that copy records out. Both pass the gate as a mouse, so that the records can't be cleared under
-// them. Their own heap use, and that of a signal handler on their thread, must not ask for the gate a second
-// time.
+// The queries that copy records out. Both pass the gate as a mouse, so that the records can't be cleared
+// under them. Their own heap use, and that of a signal handler on their thread, must not ask for the gate a
+// second time.
 
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/base/thread_state.h"

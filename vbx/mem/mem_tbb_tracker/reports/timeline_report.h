@@ -34,8 +34,9 @@ struct MEM_TIMELINE_COLUMN {
 };
 
 // Writes both outputs, cell by cell in one fixed order, so that they may be one stream. Figures are inserted
-// into the streams as they are set up. False, with nothing written, when either stream has failed before; what
-// becomes of them later is not looked at. Throws std::bad_alloc, and what the streams are set up to throw.
+// into the streams as they are set up. False, with nothing written, when either stream has failed before;
+// what becomes of them later is not looked at. Throws std::bad_alloc, and what the streams are set up to
+// throw.
 bool mem_write_timeline(std::ostream& plain, std::ostream& detailed,
                         const std::vector<MEM_TIMELINE_COLUMN>& columns, std::uint64_t num_rows,
                         MEM_ROW_LABELS& labels);
