@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -75,17 +76,6 @@ const SEQUENCE sequences[] = {
 INSTANTIATE_TEST_SUITE_P(Sequences, Events, testing::ValuesIn(sequences),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST(Events, SizesOfAllocationAndFreeAgree) {
-    for (const std::size_t size : {1UL, 1000UL, 8128UL, 8129UL, 300'000UL, 20'000'000UL}) {
-        RECORDED_EVENTS recorded;
-        void* const block = std::malloc(size);
-        const std::size_t usable = malloc_usable_size(block);
-        std::free(block);
-        EXPECT_EQ(recorded.events[0].allocated, usable);
-        EXPECT_EQ(recorded.events[1].allocated, usable);
-    }
-}
-
 TEST(Events, AllocationsOfTheCallbackNest) {
     static unsigned deepest;
     deepest = 0;
@@ -100,33 +90,28 @@ TEST(Events, AllocationsOfTheCallbackNest) {
     EXPECT_EQ(tbbk_entry_depth(), 0U);
 }
 
-TEST(Events, ErrnoBelongsToTheCaller) {
-    RECORDED_EVENTS recorded(RECORDED_EVENTS::scribble);
-    errno = 0;
-    void* block = std::calloc(1, 10);
-    block = std::realloc(block, 1000);
-    std::free(block);
-    EXPECT_EQ(errno, 0);
-    EXPECT_EQ(recorded.count, 4U);
-}
-
 // Sizes on both sides of every change of method.
-TEST(Events, ScribblingCallbackSpoilsNoContents) {
+TEST(Events, ScribblingCallbackSpoilsNothing) {
+    const auto expect_filled = [](const unsigned char* block, std::size_t size, unsigned char with) {
+        EXPECT_EQ(static_cast<std::size_t>(std::count(block, block + size, with)), size);
+    };
     for (const std::size_t size : {24UL, 8128UL, 100'000UL, 131'072UL, 3'000'000UL, 17'000'000UL}) {
+        SCOPED_TRACE(size);
         RECORDED_EVENTS recorded(RECORDED_EVENTS::scribble);
         for (int round = 0; round != 2; ++round) { // the second block is a used one
-            unsigned char* block = static_cast<unsigned char*>(std::calloc(size, 1));
-            for (std::size_t i = 0; i != size; ++i)
-                ASSERT_EQ(block[i], 0) << "calloc of " << size << " at " << i;
+            errno = 0;
+            auto* block = static_cast<unsigned char*>(std::calloc(size, 1));
+            EXPECT_EQ(recorded.events[recorded.count - 1].allocated, malloc_usable_size(block));
+            expect_filled(block, size, 0);
             std::memset(block, 0x5C, size);
-            const std::size_t larger = 3 * size;
-            block = static_cast<unsigned char*>(std::realloc(block, larger));
-            for (std::size_t i = 0; i != size; ++i)
-                ASSERT_EQ(block[i], 0x5C) << "realloc of " << size << " at " << i;
-            block = static_cast<unsigned char*>(std::realloc(block, size / 2));
-            for (std::size_t i = 0; i != size / 2; ++i)
-                ASSERT_EQ(block[i], 0x5C) << "shrinking realloc of " << size << " at " << i;
+            for (const std::size_t next : {3 * size, size / 2}) {
+                block = static_cast<unsigned char*>(std::realloc(block, next));
+                expect_filled(block, std::min(size, next), 0x5C);
+            }
+            const std::size_t usable = malloc_usable_size(block);
             std::free(block);
+            EXPECT_EQ(recorded.events[recorded.count - 1].allocated, usable);
+            EXPECT_EQ(errno, 0) << "it belongs to the caller";
         }
     }
 }
