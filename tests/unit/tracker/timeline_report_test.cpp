@@ -23,7 +23,9 @@ struct THOUSANDS : std::numpunct<char> {
 class LISTED_LABELS final : public MEM_ROW_LABELS {
   public:
     explicit LISTED_LABELS(std::vector<std::string> labels) : m_labels(labels.begin(), labels.end()) {}
-    std::string_view current() override { return m_labels.empty() ? "end" : m_labels.front(); }
+    std::string_view current() override {
+        return m_labels.empty() ? std::string_view("end") : m_labels.front();
+    }
     void advance() override {
         if (!m_labels.empty())
             m_labels.pop_front();
