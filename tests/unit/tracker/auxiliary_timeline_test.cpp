@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -32,11 +31,6 @@ const std::string HEAD =
     "page_faults\tcommit_charge\tresident\tprofiler_num_allocs\tprofiler_num_deallocs\t"
     "profiler_num_outstanding\tprofiler_requested_total\tprofiler_requested_outstanding\t"
     "profiler_allocated_total\tprofiler_allocated_outstanding\n";
-
-std::string contents(const std::string& file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
 
 // The sample log of the manual: its only fenced block.
 std::string sample_of_manual() {
@@ -73,14 +67,10 @@ void script(std::map<std::string, std::uint64_t> figures) {
 class AUXILIARY_TIMELINE_TEST : public testing::Test {
   protected:
     AUXILIARY_TIMELINE_TEST() {
-        char folder[] = "/tmp/auxiliary_test_XXXXXX";
-        m_folder = mkdtemp(folder);
-        std::filesystem::current_path(m_folder);
         mem_create_executable_tag();
         mem_memory_source = &SCRIPTED;
         script({{"page_faults", 0xFFFFFFFF}, {"resident", 2000}, {"commit_charge", 3000}});
     }
-    ~AUXILIARY_TIMELINE_TEST() override { std::filesystem::remove_all(m_folder); }
 
     std::string dumped() {
         timeline.dump();
@@ -90,7 +80,7 @@ class AUXILIARY_TIMELINE_TEST : public testing::Test {
     MEM_AUXILIARY_TIMELINE timeline;
 
   private:
-    std::filesystem::path m_folder;
+    const EMPTY_FOLDER m_folder;
 };
 
 TEST_F(AUXILIARY_TIMELINE_TEST, LogsTheSampleOfTheManual) {

@@ -6,8 +6,10 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <sstream>
 
 namespace {
 
@@ -132,4 +134,40 @@ TEST_F(MEMORY_FAILURE_TEST, AnOpenThatFailsLeavesNothingOpen) {
     }
     EXPECT_GT(failures, 5);
     EXPECT_LT(failures, 30);
+}
+
+// A sample is taken in all series or in none, so the rows stay in line.
+TEST_F(MEMORY_FAILURE_TEST, SamplesAreTakenWholeOrNotAtAll) {
+    set_variable("mem_profile_library_snapshot_period", "1");
+    start(MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_BIN_DETAILED);
+    testing::internal::CaptureStdout();
+    for (int left = 0; left < 40; ++left) {
+        const std::uint64_t address = 0x5000 + static_cast<std::uint64_t>(left);
+        fake_define_symbol(address, {"f", "/src/f.cpp", 1, "m" + std::to_string(left)});
+        const FAKE_STACK_SCOPE stack({address});
+        fake_captures().reserve(fake_captures().size() + 2);
+        allocations_left = left % 20;
+        fake_allocate(0xA0000 + 0x1001 * static_cast<std::uint64_t>(left), 64, 64);
+        allocations_left = -1;
+    }
+    testing::internal::GetCapturedStdout();
+    mem_user_snapshot_tracking_data();
+    std::ostringstream plain, detailed, tags;
+    ASSERT_TRUE(mem_dump_tbb_module_tracking(plain, detailed));
+    ASSERT_TRUE(mem_dump_tbb_profile_bin_tag_timeline_tracking(plain, tags));
+    const auto cells_of_last_row = [](const std::string& text) {
+        const std::size_t end = text.find("\nTime spent");
+        std::istringstream cells(text.substr(text.rfind('\n', end - 1), end - text.rfind('\n', end - 1)));
+        std::string label;
+        std::vector<std::int64_t> figures;
+        cells >> label;
+        for (std::int64_t figure; cells >> figure;)
+            figures.push_back(figure);
+        return figures;
+    };
+    // A module's record can be missing for want of memory, but one that is sampled holds one block.
+    const std::vector<std::int64_t> modules = cells_of_last_row(detailed.str());
+    EXPECT_GE(modules.size(), 20U);
+    EXPECT_EQ(std::ranges::count(modules, 64), static_cast<std::ptrdiff_t>(modules.size()) - 1); // OTHER
+    EXPECT_EQ(cells_of_last_row(tags.str()), std::vector<std::int64_t>{40 * 64});
 }
