@@ -1,9 +1,10 @@
-// The tracker's own heap runs out inside events, at every allocation in turn: nothing escapes, nothing stays
-// locked, and what is charged still adds up.
+// The heap runs out, at every allocation in turn. Inside events nothing escapes, nothing stays locked, and
+// what is charged still adds up; the opening of a bin fails as a whole.
 
 #include "tests/unit/tracker/tracker_fixture.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,11 +13,13 @@
 
 namespace {
 
-// Allocations of the tracker that still succeed; below 0, all do.
+// Allocations that still succeed; below 0, all do. Those outside of events always do unless the host's fail
+// too.
 thread_local int allocations_left = -1;
+thread_local bool host_fails_too = false;
 
 bool next_allocation_fails() {
-    if (mem_thread_state.in_tracker_byte == 0 || allocations_left < 0)
+    if (allocations_left < 0 || (mem_thread_state.in_tracker_byte == 0 && !host_fails_too))
         return false;
     if (allocations_left == 0)
         return true;
@@ -71,6 +74,66 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
     EXPECT_NE(catch_all().cumulative_blocks, 0); // it did fail
     allocate(0xA000, 64, {PARSE});
     EXPECT_EQ(rendered_site(PARSE), "parse cur 64/1 max 64/1 peak 0/0 cum 64/1 req 64 mis 0");
+}
+
+TEST_F(MEMORY_FAILURE_TEST, ABlockWithoutARecordIsChargedToRoot) {
+    start(MEM_GRANULARITY_PER_BIN_DETAILED);
+    // Far behind what the tables have ever charged.
+    for (int bin = 0; bin < 40; ++bin)
+        const MEM_PROFILE_BIN_SCOPE scope("bin " + std::to_string(bin), "tag " + std::to_string(bin));
+    const MEM_PROFILE_BIN_SCOPE late("late", "late");
+    const std::uint32_t late_id = MEM_PROFILE_BINS::get_instance().m_bins().get_curr_id();
+    for (int left = 0; left < 6; ++left) {
+        SCOPED_TRACE(left);
+        const std::uint64_t block = 0xA0000 + 0x1001 * static_cast<std::uint64_t>(left);
+        allocations_left = left;
+        fake_allocate(block, 64, 64);
+        allocations_left = -1;
+        for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats})
+            EXPECT_EQ(table->figures(MEM_ROOT_ID).current_bytes + table->figures(late_id).current_bytes, 64);
+        release(block, 64);
+        for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats}) {
+            EXPECT_EQ(table->figures(MEM_ROOT_ID).current_bytes, 0);
+            EXPECT_EQ(table->figures(late_id).current_bytes, 0);
+        }
+    }
+    EXPECT_NE(pbin_stats->figures(MEM_ROOT_ID).cumulative_bytes, 0);
+    EXPECT_NE(pbin_stats->figures(late_id).cumulative_bytes, 0);
+}
+
+TEST_F(MEMORY_FAILURE_TEST, AnOpenThatFailsLeavesNothingOpen) {
+    start(MEM_GRANULARITY_ALL);
+    MEM_PROFILE_BINS& bins = MEM_PROFILE_BINS::get_instance();
+    mem_open_profile_bin("outer", "");
+    int failures = 0;
+    for (int left = 0; left < 30; ++left) {
+        SCOPED_TRACE(left);
+        // New and long names, so that every kind of allocation has its turn.
+        const std::string name =
+            "a bin with a name that is too long for a small string " + std::to_string(left);
+        const std::string tag =
+            "a tag with a name that is too long for a small string " + std::to_string(left);
+        bool is_open = true;
+        allocations_left = left;
+        host_fails_too = true;
+        try {
+            mem_open_profile_bin(name, tag);
+        } catch (const std::bad_alloc&) {
+            is_open = false;
+        }
+        allocations_left = -1;
+        host_fails_too = false;
+        EXPECT_EQ(bins.m_bins().get_curr_name(), is_open ? tag + "::" + name : "Root::outer");
+        EXPECT_EQ(bins.m_tags().get_curr_name(), is_open ? tag : "Root");
+        EXPECT_EQ(bins.labels.stack.size(), is_open ? 1U : 0U);
+        EXPECT_EQ(std::distance(bins.stack.begin(), bins.stack.end()), is_open ? 2 : 1);
+        failures += !is_open;
+        std::uint64_t figures[3];
+        if (is_open)
+            mem_close_profile_bin(tag, &figures[0], &figures[1], &figures[2]);
+    }
+    EXPECT_GT(failures, 5);
+    EXPECT_LT(failures, 30);
 }
 
 // A sample is taken in all series or in none, so the rows stay in line.

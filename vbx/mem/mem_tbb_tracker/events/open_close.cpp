@@ -141,6 +141,6 @@ void mem_close_profile_bin(const std::string& tag, std::uint64_t* bytes_at_open,
 
 void mem_disable_profile_bin_tag_timeline_labels() {
     MEM_TIMELINE_LABELS& labels = MEM_PROFILE_BINS::get_instance().labels;
-    labels.stack = {};
+    labels.stack = std::vector<std::string>(); // an empty list would keep the storage
     labels.enabled = false;
 }

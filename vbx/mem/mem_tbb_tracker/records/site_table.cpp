@@ -25,7 +25,7 @@ MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() {
 }
 
 void MEM_SITE_TABLE::clear() {
-    m_records = {};
+    m_records = decltype(m_records)(); // an empty list would keep the buckets
 }
 
 void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {

@@ -1,6 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/reports/pb_stats_report.h"
 
-#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
 #include <vbx/mem/profile_bins.h>
@@ -66,7 +66,7 @@ void write_rows(const MEM_PB_STATS_TABLE& table, std::ostream& stream, const MEM
 bool dump_for_host(MEM_PB_STATS_TABLE* const& table, std::ostream& stream, const char* title,
                    const MEM_PB_TABLE& names) {
     write_head(stream, title, BYTES);
-    if (mem_tracker_objects_exist.load(std::memory_order_acquire))
+    if (const MEM_TRACKER_USE use; use)
         write_rows(*table, stream, names, BYTES);
     return true;
 }
