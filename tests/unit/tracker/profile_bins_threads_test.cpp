@@ -73,6 +73,10 @@ void open_and_close(std::uint64_t round) {
 
 class PROFILE_BINS_THREADS_TEST : public TRACKER_TEST, public testing::WithParamInterface<DURATION> {
   protected:
+    PROFILE_BINS_THREADS_TEST() {
+        // Samples of all timelines join in.
+        set_variable("mem_profile_library_snapshot_period", "2000");
+    }
     EVENT_THREAD first{0}, second{1};
     // Both event threads, and what else is to go on.
     void run_with_events(std::vector<std::function<void(std::uint64_t)>> jobs) {
