@@ -1,7 +1,7 @@
 // What a sample of the bin-tag timeline holds, and how its rows and columns are named.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-#include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/reports/bin_row_labels.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
 #include <sstream>
@@ -97,4 +97,17 @@ TEST_F(BIN_TAG_TIMELINE_TEST, AnswersTrueWhateverBecomesOfTheStreams) {
     detailed.setstate(std::ios_base::badbit);
     EXPECT_TRUE(mem_dump_tbb_profile_bin_tag_timeline_tracking(plain, detailed));
     EXPECT_EQ(plain.str(), "");
+}
+
+TEST_F(BIN_TAG_TIMELINE_TEST, ARowWithoutABinIsNamedAsAnError) {
+    MEM_RUNS<PB_ID> bins;
+    bins.append(MEM_ROOT_ID);
+    MEM_BIN_ROW_LABELS labels(bins);
+    std::ostringstream plain, detailed;
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(mem_write_timeline(plain, detailed, {}, 3, labels));
+    const std::string said = "Mem tracking bin label iter past the end!";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), said + said);
+    EXPECT_NE(plain.str().find("\nRoot\t0\nBinIterError\t0\nBinIterError\t0\nTime"), std::string::npos);
+    EXPECT_NE(detailed.str().find("\nRoot\nBinIterError\nBinIterError\nTime"), std::string::npos);
 }

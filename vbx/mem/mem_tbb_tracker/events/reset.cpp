@@ -1,6 +1,7 @@
 // Forgetting what the tracker has attributed so far.
 
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
@@ -39,6 +40,7 @@ void begin_search_for_peak_anew() {
 void mem_reset_tracking_entries() {
     MEM_CHECK(mem_tbb_tracker_is_inited());
     // Behind the teardown, and in the child of a fork, there is nothing to forget.
+    const MEM_LONG_OPERATION operation;
     const MEM_TRACKER_USE use;
     if (!use)
         return;

@@ -1,6 +1,7 @@
 #include "vbx/mem/mem_tbb_tracker/events/samples.h"
 
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
@@ -51,6 +52,7 @@ void mem_sample_labels_and_auxiliary(std::uint32_t mask) noexcept {
 
 void mem_user_snapshot_tracking_data() {
     MEM_CHECK(mem_tbb_tracker_is_inited());
+    const MEM_LONG_OPERATION operation;
     const MEM_TRACKER_USE use;
     if (!use)
         return;
@@ -68,6 +70,8 @@ void mem_set_timeline_label(const std::string& label) {
     if (!use)
         return;
     const MEM_BLOCK_SCOPE own_heap_use;
+    // Under the lock nothing is allocated and nothing freed: events that take a sample wait for it.
+    std::string exchanged = label;
     const MEM_SPIN_GUARD guard(mem_label_timeline->lock);
-    mem_label_timeline->set_label(label);
+    mem_label_timeline->exchange_label(exchanged);
 }

@@ -1,7 +1,8 @@
 // The rows of the bin-tag timeline, named by the bin that was current.
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
-#include "vbx/mem/mem_tbb_tracker/reports/timeline_report.h"
+#include "vbx/mem/mem_tbb_tracker/reports/bin_row_labels.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
@@ -22,39 +23,33 @@ std::string name_of_stored(PB_ID id) {
     return id == LAST && bins.size() > std::size_t{LAST} + 1 ? "Other" : bins.name_of(id);
 }
 
-class NAMES_OF_BINS final : public MEM_ROW_LABELS {
-  public:
-    explicit NAMES_OF_BINS(const MEM_RUNS<PB_ID>& bins) : m_cursor(bins.runs) { look_up(); }
-
-    std::string_view current() override {
-        return m_run != nullptr ? std::string_view(m_name) : "BinIterError";
-    }
-
-    void advance() override {
-        if (m_run == nullptr) {
-            // Not through the streams of the host, which may have closed or oriented them.
-            constexpr std::string_view TEXT = "Mem tracking bin label iter past the end!";
-            os_write(STDERR_FILENO, TEXT.data(), TEXT.size());
-            return;
-        }
-        m_cursor.advance();
-        if (m_cursor.run() != m_run)
-            look_up();
-    }
-
-  private:
-    void look_up() {
-        m_run = m_cursor.run();
-        if (m_run != nullptr)
-            m_name = name_of_stored(m_run->value);
-    }
-
-    MEM_RUNS_CURSOR<PB_ID> m_cursor;
-    const MEM_RUN<PB_ID>* m_run = nullptr;
-    std::string m_name; // of the run; copied once a run and not once a row
-};
-
 } // namespace
+
+MEM_BIN_ROW_LABELS::MEM_BIN_ROW_LABELS(const MEM_RUNS<PB_ID>& bins) : m_cursor(bins.runs) {
+    look_up();
+}
+
+std::string_view MEM_BIN_ROW_LABELS::current() {
+    return m_run != nullptr ? std::string_view(m_name) : "BinIterError";
+}
+
+void MEM_BIN_ROW_LABELS::advance() {
+    if (m_run == nullptr) {
+        // Not through the streams of the host, which may have closed or oriented them.
+        constexpr std::string_view TEXT = "Mem tracking bin label iter past the end!";
+        os_write(STDERR_FILENO, TEXT.data(), TEXT.size());
+        return;
+    }
+    m_cursor.advance();
+    if (m_cursor.run() != m_run)
+        look_up();
+}
+
+void MEM_BIN_ROW_LABELS::look_up() {
+    m_run = m_cursor.run();
+    if (m_run != nullptr)
+        m_name = name_of_stored(m_run->value);
+}
 
 bool MEM_BIN_TAG_TIMELINE::dump(std::ostream& plain, std::ostream& detailed) {
     const MEM_TIMELINE_GUARD guard(section);
@@ -63,11 +58,12 @@ bool MEM_BIN_TAG_TIMELINE::dump(std::ostream& plain, std::ostream& detailed) {
     columns.reserve(m_tag_series.size());
     for (const MEM_SERIES& series : m_tag_series)
         columns.push_back({tags.name_of(static_cast<std::uint32_t>(columns.size())), &series});
-    NAMES_OF_BINS row_labels(m_bins);
+    MEM_BIN_ROW_LABELS row_labels(m_bins);
     return mem_write_timeline(plain, detailed, columns, m_sample_count, row_labels);
 }
 
 bool mem_dump_tbb_profile_bin_tag_timeline_tracking(std::ostream& plain, std::ostream& detailed) {
+    const MEM_LONG_OPERATION operation;
     const MEM_TRACKER_USE use;
     if (!use)
         return true;

@@ -1,5 +1,6 @@
 // The rows of the module timeline, named by the labels that the host has set.
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/reports/timeline_report.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
@@ -37,6 +38,7 @@ bool MEM_MODULE_TIMELINE::dump(const SERIES_BY_MODULE& selection, const MEM_LABE
 }
 
 bool mem_dump_tbb_module_tracking(std::ostream& plain, std::ostream& detailed) {
+    const MEM_LONG_OPERATION operation;
     const MEM_TRACKER_USE use;
     if (!use)
         return false;

@@ -11,8 +11,8 @@
 
 class MEM_LABEL_TIMELINE {
   public:
-    // The label of all samples from now on; empty for none. Throws std::bad_alloc, the old one stays then.
-    void set_label(const std::string& label) MEM_REQUIRES(lock) { m_current_label = label; }
+    // Puts the label of all samples from now on in place, empty for none, and gives the old one back.
+    void exchange_label(std::string& label) noexcept MEM_REQUIRES(lock) { m_current_label.swap(label); }
 
     // Samples the current label. Throws std::bad_alloc, with nothing changed.
     void take_sample() MEM_REQUIRES(lock) { m_labels.append(m_current_label); }
