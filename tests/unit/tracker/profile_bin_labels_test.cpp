@@ -87,9 +87,9 @@ TEST_F(PROFILE_BIN_LABELS_TEST, InAForkedChildEveryCallReturns) {
     mem_open_profile_bin("a", "tag");
     allocate(0xA000, 100, {PARSE});
     // Threads that the child doesn't have stand in both tables.
-    new MEM_PB_STATS_TABLE::STILL(*ptag_stats);
+    [[maybe_unused]] static const auto* const in_tags = new MEM_PB_STATS_TABLE::STILL(*ptag_stats);
     mem_rank_release(MEM_LOCK_RANK::leaf);
-    new MEM_PB_STATS_TABLE::STILL(*pbin_stats);
+    [[maybe_unused]] static const auto* const in_bins = new MEM_PB_STATS_TABLE::STILL(*pbin_stats);
     mem_rank_release(MEM_LOCK_RANK::leaf);
     mem_abandon_tracker_after_fork();
     mem_open_profile_bin("b", "tag");

@@ -1,8 +1,9 @@
-// An allocator of oneTBB's that ThreadSanitizer can follow.
+// An allocator of oneTBB's that the sanitizers can follow. In other builds nothing is left of it.
 //
-// oneTBB's heaps are not instrumented, so the sanitizer doesn't see that a node which one thread gives back
-// and another one gets has changed hands in between, and takes the two uses for a race. Here the hand-over is
-// told. In other builds nothing is left of it.
+// oneTBB's heaps are not instrumented. So ThreadSanitizer doesn't see that a node which one thread gives back
+// and another one gets has changed hands in between, and takes the two uses for a race: the hand-over is
+// told. LeakSanitizer doesn't look for pointers where a pool keeps those to its raw memory, and takes an
+// empty pool for a leak: it is told to leave that memory alone.
 #pragma once
 
 #include <cstddef>
@@ -19,6 +20,15 @@ inline void mem_note_memory_given_back(void* block) {
 #else
 inline void mem_note_memory_obtained(void*) {}
 inline void mem_note_memory_given_back(void*) {}
+#endif
+
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" void __lsan_ignore_object(const void* object);
+inline void mem_note_memory_of_pool(const void* memory) {
+    __lsan_ignore_object(memory);
+}
+#else
+inline void mem_note_memory_of_pool(const void*) {}
 #endif
 
 // INNER  template of the allocator; what is given to the constructor goes to it

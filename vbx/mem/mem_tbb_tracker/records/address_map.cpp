@@ -7,7 +7,9 @@
 
 char* MEM_POOL_MEMORY::allocate(std::size_t count) {
     const MEM_BLOCK_SCOPE own_heap_use;
-    return std::allocator<char>().allocate(count);
+    char* const memory = std::allocator<char>().allocate(count);
+    mem_note_memory_of_pool(memory);
+    return memory;
 }
 
 void MEM_POOL_MEMORY::deallocate(char* memory, std::size_t count) {
