@@ -87,9 +87,11 @@ TEST_F(PROFILE_BIN_LABELS_TEST, InAForkedChildEveryCallReturns) {
     mem_open_profile_bin("a", "tag");
     allocate(0xA000, 100, {PARSE});
     // Threads that the child doesn't have stand in both tables.
-    [[maybe_unused]] static const auto* const in_tags = new MEM_PB_STATS_TABLE::STILL(*ptag_stats);
+    using STILL = MEM_PB_STATS_TABLE::STILL;
+    alignas(STILL) std::byte for_good[2][sizeof(STILL)];
+    new (for_good[0]) STILL(*ptag_stats);
     mem_rank_release(MEM_LOCK_RANK::leaf);
-    [[maybe_unused]] static const auto* const in_bins = new MEM_PB_STATS_TABLE::STILL(*pbin_stats);
+    new (for_good[1]) STILL(*pbin_stats);
     mem_rank_release(MEM_LOCK_RANK::leaf);
     mem_abandon_tracker_after_fork();
     mem_open_profile_bin("b", "tag");
