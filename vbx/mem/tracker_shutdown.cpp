@@ -13,6 +13,7 @@
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
+#include "vbx/mem/mem_tbb_tracker/reports/attempt_report.h"
 #include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_files.h"
 #include "vbx/mem/mem_tbb_tracker/reports/timeline_files.h"
@@ -26,11 +27,10 @@
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/os/thread.h"
+#include "vbx/platform/os/write.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
 #include <vbx/mem/reports.h>
-
-#include <exception>
 
 namespace {
 
@@ -71,27 +71,16 @@ void write_leak_report() {
         mem_write_fast_leak_report();
 }
 
-// One step of the sequence. It runs inside static destructors, where an exception would end the process in
-// another way than its own; what one report lacks doesn't keep the others from being written.
-template <class STEP>
-void attempt(const char* what, STEP step) {
-    try {
-        step();
-    } catch (const std::exception& failure) {
-        mem_warn("%s missing: %s", what, failure.what());
-    } catch (...) {
-        mem_warn("%s missing", what);
-    }
-}
-
 // Everything that needs a tracker that stands still.
 void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
-    attempt("the peak figures are", mem_tbb_apply_final_peak);
+    mem_attempt_report("the peak figures are", mem_tbb_apply_final_peak);
     if (mem_report_flags.fileline)
-        attempt("the site reports are", write_site_reports);
-    attempt("timeline reports are", mem_write_timeline_reports);
-    attempt("the leak report is", write_leak_report);
-    mem_disable_tracking(MEM_GRANULARITY_ALL);
+        mem_attempt_report("the site reports are", write_site_reports);
+    mem_write_timeline_reports();
+    mem_attempt_report("the leak report is", write_leak_report);
+    // Without memory for the shorter callback table the handler stays in it, and finds nothing to do.
+    mem_attempt_report("the removal of the event handler is",
+                       [] { mem_disable_tracking(MEM_GRANULARITY_ALL); });
     mem_clear_report_flags();
 }
 
@@ -99,11 +88,15 @@ void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
 bool shut_down() {
     // The allocation log is closed here, before all else, once it exists.
     clear_tracking_flags();
+    // Another thread that changes the callbacks puts a handler on the hook again. Events of this thread must
+    // find it closed: they would wait at the gate for this thread itself.
+    const MEM_BLOCK_SCOPE own_heap_use;
     tbbk_set_mem_tracker_callback(nullptr);
     // exit() was called from inside an event of this thread. It may hold the gate and any lock, so whatever
     // follows could wait for itself.
     if (mem_thread_state.in_tracker_byte != 0)
         return false;
+    const OS_NO_WRITE_SIGNALS no_signals;
     const bool ended = events_in_flight_have_ended();
     if (!mem_tbb_gate->enter_as_cat_within(EVENTS_TIMEOUT_MS)) {
         mem_warn("no reports: an allocation on another thread does not end");

@@ -6,7 +6,7 @@
 // descriptor 2, by write().
 
 #include "vbx/mem/host/preload_seam.h"
-#include "vbx/platform/os/process.h"
+#include "vbx/platform/os/write.h"
 #include "vbx/preload/expand_tag.h"
 
 #include <vbx/mem.h>

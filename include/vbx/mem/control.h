@@ -33,7 +33,8 @@ VBX_MEM_API bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits);
 // Forgets what has been attributed so far: sites, modules, live blocks, the figures of tags with their
 // timeline, and the threshold peak. The figures of bins, the global statistics and the other timelines stay.
 // The free of a block that was live goes to the catch-all record from then on, which may drive that below 0;
-// no tag is charged for it. Stops all attributed events while it runs. Needs a started tracker.
+// its tag is left alone while the table doesn't hold it, and may go below 0 once it does. Stops all
+// attributed events while it runs. Needs a started tracker.
 VBX_MEM_API void mem_reset_tracking_entries();
 
 // Works the mask out from the environment and the configuration, and sets the flags that say which reports

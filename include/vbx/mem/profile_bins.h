@@ -12,7 +12,8 @@
 //
 // Two mechanisms hang on the pair of calls. With MEM_GRANULARITY_PER_BIN each pair measures its region: the
 // bytes at its two ends and the highest between. With MEM_GRANULARITY_PER_BIN_DETAILED each pair moves the
-// current bin and tag. With neither, the calls do nothing.
+// current bin and tag. With neither, the calls do nothing. What counts is how the process started (for
+// regions also mem_set_tbb_memory_tracking_enabled): mem_enable_tracking brings neither later.
 //
 // Opens and closes come in balanced pairs and from one thread at a time, across the whole process, and
 // neither switch changes while a bin is open. Breaking this ends the process with an internal error.
@@ -46,7 +47,8 @@ VBX_MEM_API void mem_disable_profile_bin_tag_timeline_labels();
 // One line a bin (a tag) up to the last one that was ever charged: the highest its current bytes have been,
 // what it held at the peak of the process, all that was ever charged to it, what it holds now. Numbers have
 // the stream's own format. Returns true whatever became of the stream. Needs a started tracker; holds up no
-// event, so the figures of a busy process are not of one instant.
+// event, so the figures of a busy process are not of one instant. Throws
+// std::bad_alloc, and what the stream is set to throw.
 VBX_MEM_API bool mem_dump_tbb_profile_bin_stats_tracking(std::ostream& stream);
 VBX_MEM_API bool mem_dump_tbb_profile_bin_tag_stats_tracking(std::ostream& stream);
 

@@ -15,7 +15,8 @@ VBX_MEM_API void mem_shutdown_tbb_tracking();
 VBX_MEM_API void mem_set_tbb_exe_string(const char* exe_string);
 
 // One line an allocation site, highest peak first. Returns true whatever became of the stream. Needs a
-// started tracker; holds up events that need a site until it is done.
+// started tracker; holds up events that need a site until it is done. Throws std::bad_alloc, and what the
+// stream is set to throw.
 VBX_MEM_API bool mem_dump_tbb_fileline_tracking(std::ostream& stream);
 
 // One line a module, highest peak first. As above.

@@ -19,5 +19,4 @@
 #define MEM_RELEASE(...) MEM_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define MEM_RELEASE_GENERIC(...) MEM_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define MEM_EXCLUDES(...) MEM_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define MEM_RETURN_CAPABILITY(lock) MEM_THREAD_ANNOTATION(lock_returned(lock))
 #define MEM_NO_THREAD_SAFETY_ANALYSIS MEM_THREAD_ANNOTATION(no_thread_safety_analysis)

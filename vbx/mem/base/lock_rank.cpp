@@ -29,10 +29,6 @@ void mem_rank_release(MEM_LOCK_RANK rank) {
     held_ranks &= ~bit_of(rank);
 }
 
-bool mem_rank_holds_any() {
-    return held_ranks != 0;
-}
-
 void mem_rank_forget_all() {
     held_ranks = 0;
 }

@@ -34,8 +34,6 @@ enum class MEM_LOCK_RANK : std::uint8_t {
 // Ends the process when the calling thread holds a lock of this rank or a higher one.
 void mem_rank_acquire(MEM_LOCK_RANK rank);
 void mem_rank_release(MEM_LOCK_RANK rank);
-// Whether the calling thread holds any lock at all.
-bool mem_rank_holds_any();
 // In a forked child: the locks of this thread's past are void.
 void mem_rank_forget_all();
 
@@ -43,9 +41,6 @@ void mem_rank_forget_all();
 
 inline void mem_rank_acquire(MEM_LOCK_RANK) {}
 inline void mem_rank_release(MEM_LOCK_RANK) {}
-inline bool mem_rank_holds_any() {
-    return false;
-}
 inline void mem_rank_forget_all() {}
 
 #endif

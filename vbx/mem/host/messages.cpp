@@ -2,8 +2,8 @@
 
 #include "vbx/mem/host/host_slots.h"
 #include "vbx/mem/host/preload_seam.h"
-#include "vbx/platform/os/process.h"
 #include "vbx/platform/os/thread.h"
+#include "vbx/platform/os/write.h"
 
 #include <unistd.h>
 

@@ -1,7 +1,6 @@
 // Facts about the process.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 // Path of the running executable; empty when the kernel doesn't tell.
@@ -11,6 +10,3 @@ std::string os_executable_path();
 // modules can be found and resolved then, but nothing in them has been constructed.
 bool os_is_before_other_initialisers();
 void os_other_initialisers_begin();
-
-// Writes a whole text to a descriptor, without stdio, whatever it takes; errors are dropped, errno is kept.
-void os_write(int descriptor, const char* text, std::size_t length);

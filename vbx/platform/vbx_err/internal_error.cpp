@@ -1,4 +1,4 @@
-#include "vbx/platform/os/process.h"
+#include "vbx/platform/os/write.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
 
 #include <unistd.h>

@@ -24,6 +24,8 @@ void mem_charge_bin_and_tag(void* block, std::uint64_t size) noexcept {
     try {
         mem_tbb_block_shards->insert(block, charged);
     } catch (const std::bad_alloc&) {
+        // The shard may have linked the entry before it failed to grow.
+        mem_tbb_block_shards->take(block);
         charged = ROOT;
     }
     // Neither can fail: the tables have had room for an id since before it could be current.

@@ -17,7 +17,8 @@
 
 namespace {
 
-// A timeline leaves nothing half done, so there is nothing to tidy up.
+// A timeline leaves nothing half done, so there is nothing to tidy up. Where the memory runs out between a
+// row and its label, all later labels stand one row off.
 template <class SAMPLE>
 void sample_if_memory_allows(SAMPLE sample) noexcept {
     try {

@@ -43,12 +43,15 @@ void copy_current_figures_of_all_sites() {
 
 void keep_figures_of_this_stretch() {
     const MEM_BLOCK_SCOPE own_heap_use;
+    {
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        if (mem_peak_snapshot == nullptr)
+            mem_peak_snapshot = new MEM_PEAK_SNAPSHOT;
+        mem_peak_snapshot->save(*mem_tbb_site_table);
+    }
+    // Last, because these can't fail: figures of two stretches must not be mixed.
     pbin_stats->save_peak();
     ptag_stats->save_peak();
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    if (mem_peak_snapshot == nullptr)
-        mem_peak_snapshot = new MEM_PEAK_SNAPSHOT;
-    mem_peak_snapshot->save(*mem_tbb_site_table);
 }
 
 // With the fast leak check alone the peak is that of the global statistics.

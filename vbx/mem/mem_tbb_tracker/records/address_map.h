@@ -52,7 +52,7 @@ class MEM_ADDRESS_MAP {
     MEM_ADDRESS_MAP();
 
     // Enters a block; one that is there already is overwritten, because its free was never seen. Throws
-    // std::bad_alloc.
+    // std::bad_alloc, and the block may be in the map then.
     void insert(const void* block, const MEM_BLOCK_RECORD& record);
 
     // Takes a block out. False when it isn't there.

@@ -26,7 +26,8 @@ class MEM_BLOCK_SHARDS {
     MEM_BLOCK_SHARDS(const MEM_BLOCK_SHARDS&) = delete;
     MEM_BLOCK_SHARDS& operator=(const MEM_BLOCK_SHARDS&) = delete;
 
-    // Enters a block; an entry that is there already stays. Throws std::bad_alloc.
+    // Enters a block; an entry that is there already stays. Throws std::bad_alloc, and the
+    // block may be in the map then.
     void insert(const void* block, MEM_BLOCK_BIN_RECORD record);
 
     // Takes a block out. An unknown one gives bin 0 and tag 0.

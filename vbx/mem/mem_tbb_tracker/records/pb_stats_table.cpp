@@ -21,19 +21,6 @@ class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
     MEM_PB_STATS_TABLE& m_table;
 };
 
-class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::EXCLUSIVE_SCOPE {
-  public:
-    explicit EXCLUSIVE_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE(table) : m_table(table) {
-        m_table.enter_exclusive();
-    }
-    ~EXCLUSIVE_SCOPE() MEM_RELEASE() { m_table.leave_exclusive(); }
-    EXCLUSIVE_SCOPE(const EXCLUSIVE_SCOPE&) = delete;
-    EXCLUSIVE_SCOPE& operator=(const EXCLUSIVE_SCOPE&) = delete;
-
-  private:
-    MEM_PB_STATS_TABLE& m_table;
-};
-
 MEM_PB_STATS_TABLE::MEM_PB_STATS_TABLE() {
     make_room_for(0);
 }
@@ -66,17 +53,15 @@ void MEM_PB_STATS_TABLE::leave_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
 
 void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
     mem_rank_acquire(MEM_LOCK_RANK::leaf);
+    // Up for the whole wait: threads that charge without pause would leave no moment in which nobody is
+    // inside.
+    waiters.fetch_add(1, std::memory_order_relaxed);
     OS_PATIENCE patience;
-    for (;;) {
-        waiters.fetch_add(1, std::memory_order_relaxed);
-        const bool was_free = users.fetch_add(ONE_HOLDER, std::memory_order_acquire) == 0;
-        if (!was_free)
-            users.fetch_sub(ONE_HOLDER, std::memory_order_relaxed);
-        waiters.fetch_sub(1, std::memory_order_relaxed);
-        if (was_free)
-            return;
+    while (users.fetch_add(ONE_HOLDER, std::memory_order_acquire) != 0) {
+        users.fetch_sub(ONE_HOLDER, std::memory_order_relaxed);
         patience.wait();
     }
+    waiters.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void MEM_PB_STATS_TABLE::leave_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
@@ -123,22 +108,22 @@ void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
 }
 
 void MEM_PB_STATS_TABLE::snapshot_peak() {
-    const EXCLUSIVE_SCOPE exclusive(*this);
+    const STILL still(*this);
     for_each([](MEM_PB_STATS& stats) { stats.peak_bytes.store(stats.current_bytes.load()); });
 }
 
 void MEM_PB_STATS_TABLE::save_peak() {
-    const EXCLUSIVE_SCOPE exclusive(*this);
+    const STILL still(*this);
     for_each([](MEM_PB_STATS& stats) { stats.saved_peak_bytes = stats.peak_bytes.load(); });
 }
 
 void MEM_PB_STATS_TABLE::restore_peak() {
-    const EXCLUSIVE_SCOPE exclusive(*this);
+    const STILL still(*this);
     for_each([](MEM_PB_STATS& stats) { stats.peak_bytes.store(stats.saved_peak_bytes); });
 }
 
 void MEM_PB_STATS_TABLE::clear() {
-    const EXCLUSIVE_SCOPE exclusive(*this);
+    const STILL still(*this);
     for_each([](MEM_PB_STATS& stats) { stats = MEM_PB_STATS{}; });
     m_size.store(0, std::memory_order_release);
 }
@@ -148,7 +133,7 @@ std::size_t MEM_PB_STATS_TABLE::size() const {
 }
 
 MEM_PB_STATS MEM_PB_STATS_TABLE::entry(std::uint32_t id) {
-    const EXCLUSIVE_SCOPE exclusive(*this);
+    const STILL still(*this);
     const MEM_PB_STATS* const stats = find(id);
     return stats != nullptr ? *stats : MEM_PB_STATS{};
 }

@@ -72,7 +72,6 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     void enter_exclusive() MEM_ACQUIRE(this);
     void leave_exclusive() MEM_RELEASE(this);
     class SHARED_SCOPE;
-    class EXCLUSIVE_SCOPE;
 
     // Of an id that the table holds.
     MEM_PB_STATS& at(std::uint32_t id) const MEM_REQUIRES_SHARED(this);
@@ -87,7 +86,7 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     std::atomic<std::size_t> m_size{0};
     // Low half: users in shared mode; high half: holders of the exclusive mode.
     std::atomic<std::uint64_t> users{0};
-    // Threads that want the exclusive mode.
+    // Threads that wait for the exclusive mode; nobody new gets in meanwhile.
     std::atomic<std::uint32_t> waiters{0};
     MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
 };

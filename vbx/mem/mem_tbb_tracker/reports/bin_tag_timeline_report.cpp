@@ -6,7 +6,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
-#include "vbx/platform/os/process.h"
+#include "vbx/platform/os/write.h"
 
 #include <vbx/mem/timelines.h>
 

@@ -63,6 +63,7 @@ void write_rows(const MEM_PB_STATS_TABLE& table, std::ostream& stream, const MEM
 }
 
 // A host's call may come when the tables are no more, or in the child of a fork.
+// table  where the pointer to it stands, which counts only once the use is granted
 bool dump_for_host(MEM_PB_STATS_TABLE* const& table, std::ostream& stream, const char* title,
                    const MEM_PB_TABLE& names) {
     write_head(stream, title, BYTES);

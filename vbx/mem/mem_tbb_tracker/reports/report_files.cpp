@@ -13,8 +13,13 @@ constexpr mode_t READABLE_AND_WRITABLE = 0666;
 // In a host that has closed its standard output the next file that is opened takes its number, and what other
 // threads still print would end up in the report.
 int open_behind_standard_streams(const std::string& name, int flags) {
-    const int descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, READABLE_AND_WRITABLE);
-    if (descriptor < 0 || descriptor >= FIRST_FREE_DESCRIPTOR)
+    // Not to wait, should the name belong to a pipe that nobody reads; the writes may wait.
+    const int descriptor =
+        open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | flags, READABLE_AND_WRITABLE);
+    if (descriptor < 0)
+        return descriptor;
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+    if (descriptor >= FIRST_FREE_DESCRIPTOR)
         return descriptor;
     const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, FIRST_FREE_DESCRIPTOR);
     close(descriptor);

@@ -43,6 +43,7 @@ std::vector<SUBSYSTEM> add_up_subsystems() {
 }
 
 // The highest figure that is known of the module: that of its timeline, or its peak if no sample was as high.
+// In the timeline's section, because hosts ask for this report while events take samples.
 void fill_max_bytes(std::vector<SUBSYSTEM>& subsystems) {
     const MEM_TIMELINE_GUARD section(mem_module_timeline->section);
     for (auto& [name, sum] : subsystems)

@@ -1,5 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/reports/timeline_files.h"
 
+#include "vbx/mem/mem_tbb_tracker/reports/attempt_report.h"
 #include "vbx/mem/mem_tbb_tracker/reports/pb_stats_report.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_files.h"
 #include "vbx/mem/mem_tbb_tracker/state/executable_tag.h"
@@ -74,11 +75,11 @@ void write_bin_tag_timeline_and_statistics() {
 
 void mem_write_timeline_reports() {
     if (mem_report_flags.library || mem_report_flags.bin_tag)
-        sample_last_label();
+        mem_attempt_report("the last timeline label is", sample_last_label);
     if (mem_report_flags.auxiliary)
-        write_auxiliary_timeline();
+        mem_attempt_report("the auxiliary timeline is", write_auxiliary_timeline);
     if (mem_report_flags.library)
-        write_module_timelines();
+        mem_attempt_report("the module timelines are", write_module_timelines);
     if (mem_report_flags.bin_tag)
-        write_bin_tag_timeline_and_statistics();
+        mem_attempt_report("the reports of bins and tags are", write_bin_tag_timeline_and_statistics);
 }

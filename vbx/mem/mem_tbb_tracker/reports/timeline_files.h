@@ -3,6 +3,6 @@
 
 // Takes the last samples and writes the logs that the report flags ask for: the auxiliary timeline, the
 // module timelines of bytes and of cumulative blocks, the bin-tag timeline with the statistics of tags and
-// bins. For the shutdown, inside the gate as a cat. A file that can't be written is just missing. Throws
-// std::bad_alloc.
+// bins. For the shutdown, inside the gate as a cat. A file that can't be written is just missing; a
+// report that fails otherwise is told in a line, and the others are written.
 void mem_write_timeline_reports();

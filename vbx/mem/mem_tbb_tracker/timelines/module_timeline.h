@@ -36,7 +36,7 @@ class MEM_MODULE_TIMELINE {
     explicit MEM_MODULE_TIMELINE(const MEM_MODULE_MAP& modules) : m_modules(modules) {}
 
     // Samples every module. Any thread, inside the gate or outside. Throws std::bad_alloc; the sample is then
-    // not taken in any series.
+    // not taken in any series (but for one that five or more names share, in different case).
     void take_sample() MEM_EXCLUDES(section, mem_module_lock);
 
     // The largest sampled bytes of a module; none if it was never sampled.
