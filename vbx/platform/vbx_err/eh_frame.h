@@ -1,0 +1,36 @@
+// The unwind information of one loaded object: .eh_frame, and .eh_frame_hdr with its sorted table.
+//
+// Understands what GNU and LLVM tools write for x86-64 and says no to everything else. Nothing outside the
+// object is ever read, whatever its tables say.
+#pragma once
+
+#include <cstdint>
+
+// Where the object is mapped, and where its .eh_frame_hdr is.
+struct ERR_UNWIND_TABLES {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+    std::uintptr_t header = 0;
+};
+
+// One frame description entry together with the common entry that it refers to.
+struct ERR_FRAME_DESCRIPTION {
+    std::uintptr_t code_begin = 0;
+    std::uintptr_t code_end = 0;
+    std::uint64_t code_factor = 1;
+    std::int64_t data_factor = 1;
+    std::uintptr_t initial_begin = 0; // instructions of the common entry
+    std::uintptr_t initial_end = 0;
+    std::uintptr_t program_begin = 0; // instructions of the entry itself
+    std::uintptr_t program_end = 0;
+    bool is_signal_frame = false;
+};
+
+// Looks the entry for an address up in the sorted table.
+// Returns its place in memory, or 0 when there is none or the table isn't of the usual form. The entry may
+// still end before the address: err_read_description tells its range. Safe anywhere; takes no lock.
+std::uintptr_t err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address);
+
+// Reads the entry at `place`. False when no entry is there or it is of an unusual form. Safe anywhere.
+bool err_read_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
+                          ERR_FRAME_DESCRIPTION& description);
