@@ -10,11 +10,12 @@ class ERR_BYTE_READER {
 
     std::uintptr_t at() const { return m_at; }
     bool at_end() const { return m_at >= m_end; }
-    // True once something was asked for that wasn't there. Everything reads as 0 from then on, so a caller may
-    // look only once, behind its last read.
+    // True once something was asked for that wasn't there. Everything reads as 0 from then on, so a caller
+    // may look only once, behind its last read.
     bool has_failed() const { return m_has_failed; }
 
-    template <class NUMBER> NUMBER fixed() {
+    template <class NUMBER>
+    NUMBER fixed() {
         NUMBER value{};
         if (m_end - m_at < sizeof value) {
             fail();

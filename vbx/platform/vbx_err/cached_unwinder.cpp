@@ -1,8 +1,8 @@
 // The stack by remembered call frame rules: about 7 ns a frame.
 //
 // Sees what libgcc sees, frame by frame. Whatever is out of the ordinary on the way (signal frames, generated
-// code, unusual unwind information, a stack that isn't the thread's own) is left to libgcc, and then the whole
-// capture is.
+// code, unusual unwind information, a stack that isn't the thread's own) is left to libgcc, and then the
+// whole capture is.
 
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/call_frame_rules.h"
@@ -66,8 +66,7 @@ enum class WALK { is_complete, needs_rbp, needs_libgcc };
         if (cfa <= frame.rsp || cfa > stack_end || cfa % WORD != 0)
             return WALK::needs_libgcc;
         if (rule.rbp_offset != 0) {
-            const std::uintptr_t saved_at =
-                cfa + static_cast<std::uintptr_t>(std::int64_t{rule.rbp_offset});
+            const std::uintptr_t saved_at = cfa + static_cast<std::uintptr_t>(std::int64_t{rule.rbp_offset});
             if (saved_at < frame.rsp || saved_at % WORD != 0)
                 return WALK::needs_libgcc;
             frame.rbp = stack_word(saved_at);

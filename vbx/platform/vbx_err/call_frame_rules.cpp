@@ -1,12 +1,12 @@
 // What may be remembered for how long.
 //
-// The rule of a frame in a permanent object is remembered as it is. Any other object can be closed and another
-// one can come to stand at its place, and nothing that can be asked without the loader's lock tells two objects
-// apart that were at one place in turn: neither address nor name, and not the loader's record of it, which is
-// memory used again as well. So for these only the place of the description is remembered, which saves the
-// search. It is read and run again at each frame: the rule then comes from the object that is there now.
-// (A cache that an interposed dlclose clears would miss what libc closes by itself.) A frame costs 5 ns in a
-// permanent object, 45 in another one.
+// The rule of a frame in a permanent object is remembered as it is. Any other object can be closed and
+// another one can come to stand at its place, and nothing that can be asked without the loader's lock tells
+// two objects apart that were at one place in turn: neither address nor name, and not the loader's record of
+// it, which is memory used again as well. So for these only the place of the description is remembered, which
+// saves the search. It is read and run again at each frame: the rule then comes from the object that is there
+// now. (A cache that an interposed dlclose clears would miss what libc closes by itself.) A frame costs 5 ns
+// in a permanent object, 45 in another one.
 
 #include "vbx/platform/vbx_err/call_frame_rules.h"
 

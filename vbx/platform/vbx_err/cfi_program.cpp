@@ -192,7 +192,8 @@ bool MACHINE::step_extended(ERR_BYTE_READER& reader, std::uint8_t code) {
     }
 }
 
-template <class NUMBER> bool fits(std::int64_t value) {
+template <class NUMBER>
+bool fits(std::int64_t value) {
     return value >= std::numeric_limits<NUMBER>::min() && value <= std::numeric_limits<NUMBER>::max();
 }
 

@@ -1,7 +1,8 @@
 // How a frame leads to its caller's, in 64 bits.
 //
-// A frame is known by three registers: its instruction pointer, its stack pointer and rbp. Its canonical frame
-// address (CFA) is what the stack pointer will be back in the caller; the return address is the word below.
+// A frame is known by three registers: its instruction pointer, its stack pointer and rbp. Its canonical
+// frame address (CFA) is what the stack pointer will be back in the caller; the return address is the word
+// below.
 //
 //     lower   rsp ->  locals           CFA = rsp + cfa_offset        (or rbp + cfa_offset)
 //                     caller's rbp     at CFA + rbp_offset

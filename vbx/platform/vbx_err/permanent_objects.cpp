@@ -16,7 +16,8 @@ constinit std::array<std::uintptr_t, 512> map_starts{};
 constinit std::size_t map_start_count = 0;
 
 // The loader lists objects in the order in which they came, so those in front of the loader itself came with
-// the program. A few that it lists behind itself may have, too; nothing tells them from what was opened later.
+// the program. A few that it lists behind itself may have, too; nothing tells them from what was opened
+// later.
 struct LISTING {
     std::uintptr_t loader;
     bool is_past_loader;
@@ -61,7 +62,8 @@ int note_object(dl_phdr_info* info, std::size_t, void* argument) {
 
 void err_note_permanent_objects() {
     LISTING listing{getauxval(AT_BASE), false};
-    // A loader that was started as a command doesn't know itself by this address; everything is then in front.
+    // A loader that was started as a command doesn't know itself by this address; everything is then in
+    // front.
     if (listing.loader == 0)
         listing.is_past_loader = !os_is_before_other_initialisers();
     map_start_count = 0;

@@ -1,8 +1,8 @@
 // The loaded objects that stay for the life of the process: the program, what it was linked with and what was
 // preloaded.
 //
-// What is known about their code stays true. Behind every other object dlclose can put another one at the same
-// place.
+// What is known about their code stays true. Behind every other object dlclose can put another one at the
+// same place.
 #pragma once
 
 #include <cstdint>

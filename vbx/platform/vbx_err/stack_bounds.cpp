@@ -1,7 +1,7 @@
-// pthread_getattr_np would give the bounds, but not here: it holds a lock of the thread while it allocates, so
-// the event of that allocation would wait for its own thread. What is known without it is the end: a thread's
-// descriptor stands at the end of its stack, and the kernel's first words at the end of the main one. From
-// there downwards the pages are tried one by one, each once in the life of the thread.
+// pthread_getattr_np would give the bounds, but not here: it holds a lock of the thread while it allocates,
+// so the event of that allocation would wait for its own thread. What is known without it is the end: a
+// thread's descriptor stands at the end of its stack, and the kernel's first words at the end of the main
+// one. From there downwards the pages are tried one by one, each once in the life of the thread.
 
 #include "vbx/platform/vbx_err/stack_bounds.h"
 
@@ -33,7 +33,8 @@ constinit __thread STACK stack{};
 bool is_readable(std::uintptr_t address) {
     constexpr int NO_SUCH_OPERATION = -1;
     constexpr std::size_t MASK_SIZE = 8;
-    return syscall(SYS_rt_sigprocmask, NO_SUCH_OPERATION, address, nullptr, MASK_SIZE) != 0 && errno == EINVAL;
+    return syscall(SYS_rt_sigprocmask, NO_SUCH_OPERATION, address, nullptr, MASK_SIZE) != 0 &&
+           errno == EINVAL;
 }
 
 bool is_main_thread() {
@@ -69,8 +70,8 @@ std::uintptr_t err_readable_stack_end(std::uintptr_t stack_pointer) {
     if (stack.end == 0)
         find_end();
     const bool is_near = stack_pointer < stack.end && stack.end - stack_pointer <= FARTHEST;
-    const bool is_stack = is_near && stack_pointer >= stack.unreadable + PAGE &&
-                          extend_to(stack_pointer & ~(PAGE - 1));
+    const bool is_stack =
+        is_near && stack_pointer >= stack.unreadable + PAGE && extend_to(stack_pointer & ~(PAGE - 1));
     errno = saved_errno;
     return is_stack ? stack.end : 0;
 }

@@ -13,8 +13,8 @@ struct ERR_CAPTURE {
     std::uintptr_t floor = 0;
 };
 
-// libgcc's: slow, follows everything there is, and decides what is right. Null when the process has no libgcc.
-// The first call takes the loader's lock.
+// libgcc's: slow, follows everything there is, and decides what is right. Null when the process has no
+// libgcc. The first call takes the loader's lock.
 ERR_UNWINDER* err_libgcc_unwinder();
 
 // The same, for a capture that began elsewhere. Adds no frame where libgcc itself is the allocator's caller.
