@@ -16,7 +16,9 @@
 
 #include <dlfcn.h>
 
+#include <array>
 #include <bit>
+#include <cstring>
 
 namespace {
 
@@ -34,30 +36,48 @@ ERR_UNWIND_TABLES tables_at(std::uint64_t address) {
             reinterpret_cast<std::uintptr_t>(object.dlfo_eh_frame)};
 }
 
-bool read_rule(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, std::uint64_t call,
-               ERR_FRAME_RULE& rule) {
+// What the description at `place` says about an address.
+ERR_LOOKUP read_rule(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, std::uint64_t address,
+                     ERR_FRAME_RULE& rule) {
     ERR_FRAME_DESCRIPTION description;
-    if (!err_read_description(tables, place, description) || call < description.code_begin ||
-        call >= description.code_end)
-        return false;
-    rule = err_run_call_frame_program(description, call);
-    return true;
+    if (!err_read_description(tables, place, description))
+        return ERR_LOOKUP::unusual;
+    if (address < description.code_begin || address >= description.code_end)
+        return ERR_LOOKUP::none;
+    rule = err_run_call_frame_program(description, address);
+    return ERR_LOOKUP::found;
+}
+
+// A frame that has no description is the outermost, as far as libgcc can tell too: the loader's own start is
+// one, below all initialisers. But libgcc knows by its code the function that ends a signal handler.
+ERR_FRAME_RULE rule_without_description(const ERR_UNWIND_TABLES& tables, std::uint64_t address) {
+    constexpr std::array<unsigned char, 9> SIGRETURN = {0x48, 0xC7, 0xC0, 0x0F, 0, 0, 0, 0x0F, 0x05};
+    ERR_FRAME_RULE rule;
+    if (tables.end - address >= SIGRETURN.size() &&
+        std::memcmp(reinterpret_cast<const void*>(address), SIGRETURN.data(), SIGRETURN.size()) != 0)
+        rule.kind = ERR_FRAME_RULE::KIND::outermost;
+    return rule;
 }
 
 [[gnu::noinline]] ERR_FRAME_RULE find_rule(std::uint64_t address) {
     // The call itself: what follows a call that doesn't return can be another function.
     const std::uint64_t call = address - 1;
     const ERR_UNWIND_TABLES tables = tables_at(call);
-    ERR_FRAME_RULE rule;
     if (tables.header == 0)
-        return rule; // generated code: libgcc may know it by a registration
-    const std::uintptr_t place = err_find_description(tables, call);
-    if (place == 0 || !read_rule(tables, place, call, rule))
+        return {}; // generated code, or an object that registers its tables: libgcc may know them
+    ERR_FRAME_RULE rule;
+    std::uintptr_t place = 0;
+    ERR_LOOKUP lookup = err_find_description(tables, call, place);
+    if (lookup == ERR_LOOKUP::found)
+        lookup = read_rule(tables, place, call, rule);
+    if (lookup == ERR_LOOKUP::unusual)
         return {};
+    if (lookup == ERR_LOOKUP::none)
+        rule = rule_without_description(tables, address);
     if (err_is_permanent_object(tables.begin)) {
         cache.store(address, std::bit_cast<std::uint64_t>(rule));
     } else if (const auto distance = static_cast<std::int64_t>(place - tables.header);
-               distance == static_cast<std::int32_t>(distance)) {
+               lookup == ERR_LOOKUP::found && distance == static_cast<std::int32_t>(distance)) {
         const ERR_FRAME_RULE stored{static_cast<std::int32_t>(distance), 0, PLACE_ONLY, 0};
         cache.store(address, std::bit_cast<std::uint64_t>(stored));
     }
@@ -69,7 +89,7 @@ bool read_rule(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, std::uint6
     const std::uintptr_t place = tables.header + static_cast<std::uintptr_t>(std::int64_t{distance});
     ERR_FRAME_RULE rule;
     // In another object than the one that was there, the place doesn't describe this address.
-    return read_rule(tables, place, address - 1, rule) ? rule : find_rule(address);
+    return read_rule(tables, place, address - 1, rule) == ERR_LOOKUP::found ? rule : find_rule(address);
 }
 
 } // namespace

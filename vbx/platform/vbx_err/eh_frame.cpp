@@ -160,9 +160,10 @@ bool read_common_entry(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, CO
 
 } // namespace
 
-std::uintptr_t err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address) {
+ERR_LOOKUP err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address,
+                                std::uintptr_t& place) {
     if (tables.header < tables.begin || tables.header > tables.end)
-        return 0;
+        return ERR_LOOKUP::unusual;
     ERR_BYTE_READER reader(tables.header, tables.end);
     const HEADER header = reader.fixed<HEADER>();
     const std::uintptr_t room = (tables.end - reader.at()) / sizeof(TABLE_ROW);
@@ -170,7 +171,7 @@ std::uintptr_t err_find_description(const ERR_UNWIND_TABLES& tables, std::uintpt
         header.eh_frame_encoding != (RELATIVE_TO_PLACE | SIGNED_4) || header.count_encoding != UNSIGNED_4 ||
         header.table_encoding != (RELATIVE_TO_HEADER | SIGNED_4) || header.count > room ||
         tables.header % alignof(TABLE_ROW) != 0)
-        return 0;
+        return ERR_LOOKUP::unusual;
     const TABLE_ROW* const rows = reinterpret_cast<const TABLE_ROW*>(reader.at());
     // The last row that begins at or before the address lies in front of `high`.
     std::size_t low = 0;
@@ -182,7 +183,10 @@ std::uintptr_t err_find_description(const ERR_UNWIND_TABLES& tables, std::uintpt
         else
             high = middle;
     }
-    return high == 0 ? 0 : moved(tables.header, rows[high - 1].description);
+    if (high == 0)
+        return ERR_LOOKUP::none;
+    place = moved(tables.header, rows[high - 1].description);
+    return ERR_LOOKUP::found;
 }
 
 bool err_read_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,

@@ -26,10 +26,18 @@ struct ERR_FRAME_DESCRIPTION {
     bool is_signal_frame = false;
 };
 
+enum class ERR_LOOKUP {
+    found,
+    none,    // the tables are complete and have nothing for the address
+    unusual, // the tables are of a form that isn't understood
+};
+
 // Looks the entry for an address up in the sorted table.
-// Returns its place in memory, or 0 when there is none or the table isn't of the usual form. The entry may
-// still end before the address: err_read_description tells its range. Safe anywhere; takes no lock.
-std::uintptr_t err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address);
+// place  its place in memory, when one is found. It may still end before the address: err_read_description
+//        tells its range.
+// Safe anywhere; takes no lock.
+ERR_LOOKUP err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address,
+                                std::uintptr_t& place);
 
 // Reads the entry at `place`. False when no entry is there or it is of an unusual form. Safe anywhere.
 bool err_read_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
