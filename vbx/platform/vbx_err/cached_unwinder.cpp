@@ -35,6 +35,7 @@ enum class WALK { is_complete, needs_rbp, needs_libgcc };
 // rbp  whether its register is given; if not, a frame that is found by it ends the walk with needs_rbp
 [[gnu::no_sanitize("address")]] WALK walk(REGISTERS frame, RBP rbp, std::uintptr_t stack_end,
                                           ERR_CAPTURE& capture) {
+    ERR_FRAME_RULES rules;
     for (;;) {
         if (frame.rip == 0)
             return WALK::is_complete;
@@ -46,7 +47,7 @@ enum class WALK { is_complete, needs_rbp, needs_libgcc };
             if (capture.count == capture.max_frames)
                 return WALK::is_complete;
         }
-        const ERR_FRAME_RULE rule = err_rule_of_frame(frame.rip);
+        const ERR_FRAME_RULE rule = rules.rule_of(frame.rip);
         std::uintptr_t cfa = static_cast<std::uintptr_t>(std::int64_t{rule.cfa_offset});
         switch (rule.kind) {
         case ERR_FRAME_RULE::KIND::from_rsp:

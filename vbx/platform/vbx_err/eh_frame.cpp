@@ -213,3 +213,14 @@ bool err_read_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
     description.program_end = end;
     return true;
 }
+
+bool err_description_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
+                           ERR_DESCRIPTION_BYTES& bytes) {
+    if (!entry_bytes(tables, place, bytes.entry_begin, bytes.entry_end))
+        return false;
+    const std::uintptr_t begin = bytes.entry_begin;
+    ERR_BYTE_READER reader(begin, bytes.entry_end);
+    const std::uint32_t distance = reader.fixed<std::uint32_t>();
+    return !reader.has_failed() && distance != 0 && distance <= begin - tables.begin &&
+           entry_bytes(tables, begin - distance, bytes.common_begin, bytes.common_end);
+}

@@ -42,3 +42,15 @@ ERR_LOOKUP err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t 
 // Reads the entry at `place`. False when no entry is there or it is of an unusual form. Safe anywhere.
 bool err_read_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
                           ERR_FRAME_DESCRIPTION& description);
+
+// The bytes that such an entry consists of, those of the common entry included.
+struct ERR_DESCRIPTION_BYTES {
+    std::uintptr_t entry_begin = 0;
+    std::uintptr_t entry_end = 0;
+    std::uintptr_t common_begin = 0;
+    std::uintptr_t common_end = 0;
+};
+
+// Finds them for the entry at `place`; false when something else is there. Safe anywhere.
+bool err_description_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
+                           ERR_DESCRIPTION_BYTES& bytes);

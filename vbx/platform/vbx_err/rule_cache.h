@@ -58,10 +58,11 @@ class ERR_RULE_CACHE {
     static constexpr std::uint64_t scrambled(std::uint64_t value) { return value * SCRAMBLER; }
 
     // Call sites of one page of code share one page of this table: a small program touches few of its 256.
+    // No multiplication: each frame of a walk waits for this one's.
     static std::size_t set_of(std::uint64_t address) {
-        const std::uint64_t page = scrambled(address >> 12) >> (64 - PAGE_BITS);
-        const std::uint64_t set = scrambled(address) >> (64 - SET_BITS);
-        return (page << SET_BITS) | set;
+        const std::uint64_t page = (address >> 12) ^ (address >> (12 + PAGE_BITS));
+        const std::uint64_t set = address ^ (address >> SET_BITS);
+        return ((page & ((1U << PAGE_BITS) - 1)) << SET_BITS) | (set & ((1U << SET_BITS) - 1));
     }
 
     ENTRY& entry_for(std::uint64_t address) {
