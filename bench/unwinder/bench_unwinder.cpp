@@ -57,6 +57,7 @@ void find_anew(benchmark::State& state) {
     for (auto _ : state) {
         dl_find_object object;
         std::uintptr_t place = 0;
+        ERR_DESCRIPTION_BYTES bytes;
         ERR_FRAME_DESCRIPTION description;
         if (_dl_find_object(reinterpret_cast<void*>(address), &object) != 0)
             state.SkipWithError("no object");
@@ -64,7 +65,7 @@ void find_anew(benchmark::State& state) {
                                           reinterpret_cast<std::uintptr_t>(object.dlfo_map_end),
                                           reinterpret_cast<std::uintptr_t>(object.dlfo_eh_frame)};
         if (err_find_description(tables, address, place) != ERR_LOOKUP::found ||
-            !err_read_description(tables, place, description))
+            !err_description_bytes(tables, place, bytes) || !err_read_description(bytes, description))
             state.SkipWithError("no description");
         benchmark::DoNotOptimize(err_run_call_frame_program(description, address));
     }

@@ -12,11 +12,10 @@ constinit ERR_RULE_CACHE ERR_FRAME_RULES::s_cache;
 
 namespace {
 
-// What the description at `place` says about an address.
-ERR_LOOKUP read_rule(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, std::uint64_t address,
-                     ERR_FRAME_RULE& rule) {
+// What a description says about an address.
+ERR_LOOKUP read_rule(const ERR_DESCRIPTION_BYTES& bytes, std::uint64_t address, ERR_FRAME_RULE& rule) {
     ERR_FRAME_DESCRIPTION description;
-    if (!err_read_description(tables, place, description))
+    if (!err_read_description(bytes, description))
         return ERR_LOOKUP::unusual;
     if (address < description.code_begin || address >= description.code_end)
         return ERR_LOOKUP::none;
@@ -81,9 +80,11 @@ void ERR_FRAME_RULES::find_tables(std::uint64_t address) {
         return {}; // generated code, or an object that registers its tables: libgcc may know them
     ERR_FRAME_RULE rule;
     std::uintptr_t place = 0;
+    ERR_DESCRIPTION_BYTES bytes;
     ERR_LOOKUP lookup = err_find_description(m_tables, call, place);
     if (lookup == ERR_LOOKUP::found)
-        lookup = read_rule(m_tables, place, call, rule);
+        lookup = err_description_bytes(m_tables, place, bytes) ? read_rule(bytes, call, rule)
+                                                               : ERR_LOOKUP::unusual;
     if (lookup == ERR_LOOKUP::unusual)
         return {};
     if (lookup == ERR_LOOKUP::none)
@@ -112,7 +113,7 @@ void ERR_FRAME_RULES::find_tables(std::uint64_t address) {
         return std::bit_cast<ERR_FRAME_RULE>(stored);
     ERR_FRAME_RULE rule;
     // In another object than the one that was there, the place doesn't describe this address.
-    if (read_rule(m_tables, place, call, rule) != ERR_LOOKUP::found)
+    if (read_rule(bytes, call, rule) != ERR_LOOKUP::found)
         return find_rule(address);
     s_cache.store(key, std::bit_cast<std::uint64_t>(rule));
     return rule;

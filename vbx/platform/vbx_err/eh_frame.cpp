@@ -130,13 +130,9 @@ bool read_augmentation(ERR_BYTE_READER& reader, const char* letters, COMMON_ENTR
     return !reader.has_failed();
 }
 
-bool read_common_entry(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, COMMON_ENTRY& common,
+bool read_common_entry(const ERR_DESCRIPTION_BYTES& bytes, COMMON_ENTRY& common,
                        ERR_FRAME_DESCRIPTION& description) {
-    std::uintptr_t begin = 0;
-    std::uintptr_t end = 0;
-    if (!entry_bytes(tables, place, begin, end))
-        return false;
-    ERR_BYTE_READER reader(begin, end);
+    ERR_BYTE_READER reader(bytes.common_begin, bytes.common_end);
     const std::uint32_t id = reader.fixed<std::uint32_t>();
     const std::uint8_t version = reader.byte();
     if (id != 0 || (version != 1 && version != 3))
@@ -154,7 +150,7 @@ bool read_common_entry(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, CO
         !read_augmentation(reader, letters, common, description))
         return false;
     description.initial_begin = reader.at();
-    description.initial_end = end;
+    description.initial_end = bytes.common_end;
     return true;
 }
 
@@ -189,31 +185,6 @@ ERR_LOOKUP err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t 
     return ERR_LOOKUP::found;
 }
 
-bool err_read_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
-                          ERR_FRAME_DESCRIPTION& description) {
-    std::uintptr_t begin = 0;
-    std::uintptr_t end = 0;
-    if (!entry_bytes(tables, place, begin, end))
-        return false;
-    ERR_BYTE_READER reader(begin, end);
-    const std::uint32_t distance = reader.fixed<std::uint32_t>();
-    COMMON_ENTRY common;
-    if (reader.has_failed() || distance == 0 || distance > begin - tables.begin ||
-        !read_common_entry(tables, begin - distance, common, description))
-        return false;
-    const POINTER code_begin = read_pointer(reader, common.pointer_encoding);
-    const POINTER code_size = read_number(reader, common.pointer_encoding);
-    if (common.has_augmentation_data)
-        reader.skip(reader.uleb());
-    if (reader.has_failed() || !code_begin.is_supported || !code_size.is_supported)
-        return false;
-    description.code_begin = code_begin.value;
-    description.code_end = code_begin.value + code_size.value;
-    description.program_begin = reader.at();
-    description.program_end = end;
-    return true;
-}
-
 bool err_description_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
                            ERR_DESCRIPTION_BYTES& bytes) {
     if (!entry_bytes(tables, place, bytes.entry_begin, bytes.entry_end))
@@ -223,4 +194,23 @@ bool err_description_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place
     const std::uint32_t distance = reader.fixed<std::uint32_t>();
     return !reader.has_failed() && distance != 0 && distance <= begin - tables.begin &&
            entry_bytes(tables, begin - distance, bytes.common_begin, bytes.common_end);
+}
+
+bool err_read_description(const ERR_DESCRIPTION_BYTES& bytes, ERR_FRAME_DESCRIPTION& description) {
+    COMMON_ENTRY common;
+    if (!read_common_entry(bytes, common, description))
+        return false;
+    ERR_BYTE_READER reader(bytes.entry_begin, bytes.entry_end);
+    reader.fixed<std::uint32_t>(); // the distance to the common entry
+    const POINTER code_begin = read_pointer(reader, common.pointer_encoding);
+    const POINTER code_size = read_number(reader, common.pointer_encoding);
+    if (common.has_augmentation_data)
+        reader.skip(reader.uleb());
+    if (reader.has_failed() || !code_begin.is_supported || !code_size.is_supported)
+        return false;
+    description.code_begin = code_begin.value;
+    description.code_end = code_begin.value + code_size.value;
+    description.program_begin = reader.at();
+    description.program_end = bytes.entry_end;
+    return true;
 }

@@ -39,11 +39,8 @@ enum class ERR_LOOKUP {
 ERR_LOOKUP err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address,
                                 std::uintptr_t& place);
 
-// Reads the entry at `place`. False when no entry is there or it is of an unusual form. Safe anywhere.
-bool err_read_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
-                          ERR_FRAME_DESCRIPTION& description);
-
-// The bytes that such an entry consists of, those of the common entry included.
+// The bytes that such an entry consists of, those of the common entry included, both behind their length
+// words.
 struct ERR_DESCRIPTION_BYTES {
     std::uintptr_t entry_begin = 0;
     std::uintptr_t entry_end = 0;
@@ -51,6 +48,9 @@ struct ERR_DESCRIPTION_BYTES {
     std::uintptr_t common_end = 0;
 };
 
-// Finds them for the entry at `place`; false when something else is there. Safe anywhere.
+// Finds them for the entry at `place`; false when they aren't all in the object. Safe anywhere.
 bool err_description_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
                            ERR_DESCRIPTION_BYTES& bytes);
+
+// Reads an entry; false when it is none, or one of an unusual form. Safe anywhere.
+bool err_read_description(const ERR_DESCRIPTION_BYTES& bytes, ERR_FRAME_DESCRIPTION& description);
