@@ -56,7 +56,7 @@ void find_anew(benchmark::State& state) {
     const auto address = reinterpret_cast<std::uintptr_t>(capture_repeatedly) + 1;
     for (auto _ : state) {
         dl_find_object object;
-        std::uintptr_t place = 0;
+        std::uint32_t row = 0;
         ERR_DESCRIPTION_BYTES bytes;
         ERR_FRAME_DESCRIPTION description;
         if (_dl_find_object(reinterpret_cast<void*>(address), &object) != 0)
@@ -64,8 +64,8 @@ void find_anew(benchmark::State& state) {
         const ERR_UNWIND_TABLES tables = {reinterpret_cast<std::uintptr_t>(object.dlfo_map_start),
                                           reinterpret_cast<std::uintptr_t>(object.dlfo_map_end),
                                           reinterpret_cast<std::uintptr_t>(object.dlfo_eh_frame)};
-        if (err_find_description(tables, address, place) != ERR_LOOKUP::found ||
-            !err_description_bytes(tables, place, bytes) || !err_read_description(bytes, description))
+        if (err_find_row(tables, address, row) != ERR_LOOKUP::found ||
+            !err_description_in_row(tables, row, address, bytes) || !err_read_description(bytes, description))
             state.SkipWithError("no description");
         benchmark::DoNotOptimize(err_run_call_frame_program(description, address));
     }

@@ -1,4 +1,4 @@
-// The stack by remembered call frame rules: about 7 ns a frame.
+// The stack by remembered call frame rules: 7 ns a frame, 35 in an object that could be closed.
 //
 // Sees what libgcc sees, frame by frame. Whatever is out of the ordinary on the way (signal frames, generated
 // code, unusual unwind information, a stack that isn't the thread's own) is left to libgcc, and then the

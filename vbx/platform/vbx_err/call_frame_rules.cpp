@@ -79,40 +79,37 @@ void ERR_FRAME_RULES::find_tables(std::uint64_t address) {
     if (m_tables.header == 0)
         return {}; // generated code, or an object that registers its tables: libgcc may know them
     ERR_FRAME_RULE rule;
-    std::uintptr_t place = 0;
     ERR_DESCRIPTION_BYTES bytes;
-    ERR_LOOKUP lookup = err_find_description(m_tables, call, place);
+    std::uint32_t row = 0;
+    ERR_LOOKUP lookup = err_find_row(m_tables, call, row);
     if (lookup == ERR_LOOKUP::found)
-        lookup = err_description_bytes(m_tables, place, bytes) ? read_rule(bytes, call, rule)
-                                                               : ERR_LOOKUP::unusual;
+        lookup = err_description_in_row(m_tables, row, call, bytes) ? read_rule(bytes, call, rule)
+                                                                    : ERR_LOOKUP::unusual;
     if (lookup == ERR_LOOKUP::unusual)
         return {};
     if (lookup == ERR_LOOKUP::none)
         rule = rule_without_description(m_tables, address);
     if (err_is_permanent_object(m_tables.begin)) {
         s_cache.store(address, std::bit_cast<std::uint64_t>(rule));
-    } else if (const auto distance = static_cast<std::int64_t>(place - m_tables.header);
-               lookup == ERR_LOOKUP::found && distance == static_cast<std::int32_t>(distance)) {
-        const ERR_FRAME_RULE stored{static_cast<std::int32_t>(distance), 0, PLACE_ONLY, 0};
+    } else if (lookup == ERR_LOOKUP::found) {
+        const ERR_FRAME_RULE stored{std::bit_cast<std::int32_t>(row), 0, ROW_ONLY, 0};
         s_cache.store(address, std::bit_cast<std::uint64_t>(stored));
     }
     return rule;
 }
 
-[[gnu::noinline]] ERR_FRAME_RULE ERR_FRAME_RULES::rule_at_place(std::uint64_t address,
-                                                                std::int32_t distance) {
+[[gnu::noinline]] ERR_FRAME_RULE ERR_FRAME_RULES::rule_in_row(std::uint64_t address, std::uint32_t row) {
     const std::uint64_t call = address - 1;
     find_tables(call);
-    const std::uintptr_t place = m_tables.header + static_cast<std::uintptr_t>(std::int64_t{distance});
     ERR_DESCRIPTION_BYTES bytes;
-    if (!err_description_bytes(m_tables, place, bytes))
+    // Another object than the one that was there mostly has another row for the address.
+    if (!err_description_in_row(m_tables, row, call, bytes))
         return find_rule(address);
     const std::uint64_t key = key_of_source(bytes, call);
     std::uint64_t stored;
     if (s_cache.find(key, stored))
         return std::bit_cast<ERR_FRAME_RULE>(stored);
     ERR_FRAME_RULE rule;
-    // In another object than the one that was there, the place doesn't describe this address.
     if (read_rule(bytes, call, rule) != ERR_LOOKUP::found)
         return find_rule(address);
     s_cache.store(key, std::bit_cast<std::uint64_t>(rule));

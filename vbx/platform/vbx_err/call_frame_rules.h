@@ -24,15 +24,16 @@ class ERR_FRAME_RULES {
         if (!s_cache.find(address, stored))
             return find_rule(address);
         const ERR_FRAME_RULE rule = std::bit_cast<ERR_FRAME_RULE>(stored);
-        return rule.kind == PLACE_ONLY ? rule_at_place(address, rule.cfa_offset) : rule;
+        return rule.kind == ROW_ONLY ? rule_in_row(address, std::bit_cast<std::uint32_t>(rule.cfa_offset))
+                                     : rule;
     }
 
   private:
-    // Stored in place of a kind: cfa_offset is the distance from the object's header to the description.
-    static constexpr auto PLACE_ONLY = static_cast<ERR_FRAME_RULE::KIND>(0xFF);
+    // Stored in place of a kind: cfa_offset is a number of a row.
+    static constexpr auto ROW_ONLY = static_cast<ERR_FRAME_RULE::KIND>(0xFF);
 
     ERR_FRAME_RULE find_rule(std::uint64_t address);
-    ERR_FRAME_RULE rule_at_place(std::uint64_t address, std::int32_t distance);
+    ERR_FRAME_RULE rule_in_row(std::uint64_t address, std::uint32_t row);
     void find_tables(std::uint64_t address);
 
     static ERR_RULE_CACHE s_cache;

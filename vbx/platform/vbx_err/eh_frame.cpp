@@ -87,6 +87,25 @@ bool entry_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place, std::uin
     return true;
 }
 
+// The sorted table; no rows when it isn't of the usual form.
+struct TABLE {
+    const TABLE_ROW* rows = nullptr;
+    std::uint32_t count = 0;
+};
+
+TABLE table_of(const ERR_UNWIND_TABLES& tables) {
+    if (tables.header < tables.begin || tables.header > tables.end || tables.header % alignof(TABLE_ROW) != 0)
+        return {};
+    ERR_BYTE_READER reader(tables.header, tables.end);
+    const HEADER header = reader.fixed<HEADER>();
+    const std::uintptr_t room = (tables.end - reader.at()) / sizeof(TABLE_ROW);
+    if (reader.has_failed() || header.version != 1 ||
+        header.eh_frame_encoding != (RELATIVE_TO_PLACE | SIGNED_4) || header.count_encoding != UNSIGNED_4 ||
+        header.table_encoding != (RELATIVE_TO_HEADER | SIGNED_4) || header.count > room)
+        return {};
+    return {reinterpret_cast<const TABLE_ROW*>(reader.at()), header.count};
+}
+
 struct COMMON_ENTRY {
     std::uint8_t pointer_encoding = ABSOLUTE_POINTER;
     bool has_augmentation_data = false;
@@ -156,37 +175,33 @@ bool read_common_entry(const ERR_DESCRIPTION_BYTES& bytes, COMMON_ENTRY& common,
 
 } // namespace
 
-ERR_LOOKUP err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address,
-                                std::uintptr_t& place) {
-    if (tables.header < tables.begin || tables.header > tables.end)
+ERR_LOOKUP err_find_row(const ERR_UNWIND_TABLES& tables, std::uintptr_t address, std::uint32_t& row) {
+    const TABLE table = table_of(tables);
+    if (table.rows == nullptr)
         return ERR_LOOKUP::unusual;
-    ERR_BYTE_READER reader(tables.header, tables.end);
-    const HEADER header = reader.fixed<HEADER>();
-    const std::uintptr_t room = (tables.end - reader.at()) / sizeof(TABLE_ROW);
-    if (reader.has_failed() || header.version != 1 ||
-        header.eh_frame_encoding != (RELATIVE_TO_PLACE | SIGNED_4) || header.count_encoding != UNSIGNED_4 ||
-        header.table_encoding != (RELATIVE_TO_HEADER | SIGNED_4) || header.count > room ||
-        tables.header % alignof(TABLE_ROW) != 0)
-        return ERR_LOOKUP::unusual;
-    const TABLE_ROW* const rows = reinterpret_cast<const TABLE_ROW*>(reader.at());
     // The last row that begins at or before the address lies in front of `high`.
-    std::size_t low = 0;
-    std::size_t high = header.count;
+    std::uint32_t low = 0;
+    std::uint32_t high = table.count;
     while (low < high) {
-        const std::size_t middle = low + (high - low) / 2;
-        if (moved(tables.header, rows[middle].code_begin) <= address)
+        const std::uint32_t middle = low + (high - low) / 2;
+        if (moved(tables.header, table.rows[middle].code_begin) <= address)
             low = middle + 1;
         else
             high = middle;
     }
     if (high == 0)
         return ERR_LOOKUP::none;
-    place = moved(tables.header, rows[high - 1].description);
+    row = high - 1;
     return ERR_LOOKUP::found;
 }
 
-bool err_description_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
-                           ERR_DESCRIPTION_BYTES& bytes) {
+bool err_description_in_row(const ERR_UNWIND_TABLES& tables, std::uint32_t row, std::uintptr_t address,
+                            ERR_DESCRIPTION_BYTES& bytes) {
+    const TABLE table = table_of(tables);
+    if (row >= table.count || moved(tables.header, table.rows[row].code_begin) > address ||
+        (row + 1 < table.count && moved(tables.header, table.rows[row + 1].code_begin) <= address))
+        return false;
+    const std::uintptr_t place = moved(tables.header, table.rows[row].description);
     if (!entry_bytes(tables, place, bytes.entry_begin, bytes.entry_end))
         return false;
     const std::uintptr_t begin = bytes.entry_begin;

@@ -32,14 +32,11 @@ enum class ERR_LOOKUP {
     unusual, // the tables are of a form that isn't understood
 };
 
-// Looks the entry for an address up in the sorted table.
-// place  its place in memory, when one is found. It may still end before the address: err_read_description
-//        tells its range.
-// Safe anywhere; takes no lock.
-ERR_LOOKUP err_find_description(const ERR_UNWIND_TABLES& tables, std::uintptr_t address,
-                                std::uintptr_t& place);
+// Looks the row for an address up in the sorted table: the last one that begins at or before it. Its entry
+// may still end before the address. Safe anywhere; takes no lock.
+ERR_LOOKUP err_find_row(const ERR_UNWIND_TABLES& tables, std::uintptr_t address, std::uint32_t& row);
 
-// The bytes that such an entry consists of, those of the common entry included, both behind their length
+// The bytes that an entry consists of, those of the common entry included, both behind their length
 // words.
 struct ERR_DESCRIPTION_BYTES {
     std::uintptr_t entry_begin = 0;
@@ -48,9 +45,10 @@ struct ERR_DESCRIPTION_BYTES {
     std::uintptr_t common_end = 0;
 };
 
-// Finds them for the entry at `place`; false when they aren't all in the object. Safe anywhere.
-bool err_description_bytes(const ERR_UNWIND_TABLES& tables, std::uintptr_t place,
-                           ERR_DESCRIPTION_BYTES& bytes);
+// Finds those of a row, after making sure that it still is the row for the address. False when it isn't, or
+// when they aren't all in the object. Safe anywhere, with any number for a row.
+bool err_description_in_row(const ERR_UNWIND_TABLES& tables, std::uint32_t row, std::uintptr_t address,
+                            ERR_DESCRIPTION_BYTES& bytes);
 
 // Reads an entry; false when it is none, or one of an unusual form. Safe anywhere.
 bool err_read_description(const ERR_DESCRIPTION_BYTES& bytes, ERR_FRAME_DESCRIPTION& description);
