@@ -51,7 +51,7 @@ class UNWIND_IMAGE {
     std::uint8_t* begin() const { return m_pages + 2 * PAGE - m_bytes.size(); }
     std::size_t size() const { return m_bytes.size(); }
     std::uintptr_t code(std::int32_t offset) const {
-        return tables().begin + 4096 + static_cast<unsigned>(offset);
+        return tables().begin + static_cast<std::uintptr_t>(4096 + std::int64_t{offset});
     }
     ERR_UNWIND_TABLES tables() const {
         const auto header = reinterpret_cast<std::uintptr_t>(begin());
