@@ -32,6 +32,9 @@ show_modules() {
     awk -F '\t' -v rows="$2" '
         NR >= 3 && NF >= 9 && shown <= rows { printf "%-16s %14s %16s %15s\n", $1, $2, $(NF - 5), $NF; ++shown }' "$1"
 }
+show_statistics() {
+    awk -F '\t' 'NF == 5 { printf "%-18s %16s %16s %18s %16s\n", $1, $2, $3, $4, $5 }' "$1"
+}
 heading() { printf '\n== %s\n\n' "$1"; }
 
 runs=$build/runs
@@ -46,6 +49,14 @@ show_sites mem_tbb_fileline.word_index.log 8
 printf '\nLeaks (mem_tbb_leak_warning.word_index.log), those of the suite:\n\n'
 grep -E '^(text_source|word_table|word_index) leaked' mem_tbb_leak_warning.word_index.log | sed "s|$root/||"
 
+heading "2. The same program by phases: its profile bins and tags"
+echo '$ TARVANE_MEM_PROFILE_BIN_TAG_PLOT=1 word_index'
+TARVANE_MEM_PROFILE_BIN_TAG_PLOT=1 "$build/examples/suite/word_index"
+printf '\nPer bin, a phase or one of its steps (mem_tbb_pbin_stats.word_index.log):\n\n'
+show_statistics mem_tbb_pbin_stats.word_index.log
+printf '\nPer tag, a category of phases (mem_tbb_pbin_tag_stats.word_index.log):\n\n'
+show_statistics mem_tbb_pbin_tag_stats.word_index.log
+
 # A minimal system has perl, but no Python.
 # Python's own pools ask the kernel and not malloc; the variable sends its objects through malloc.
 if [ -x /usr/bin/python3 ]; then
@@ -58,7 +69,7 @@ else
     text='my %h = map { $_ => [(1) x 10] } 1 .. 50000; print scalar(keys %h), "\n"'
     option=-e
 fi
-heading "2. An unmodified program, preloaded: $program"
+heading "3. An unmodified program, preloaded: $program"
 cat <<END
 \$ export LD_PRELOAD="libtbbamalloc.so libvbx_mem_preload.so" TARVANE_MEM_PRELOAD_TAG=%e
 \$ TARVANE_MEM_PROFILE_PER_FILELINE=1 mem_profile_with_incomplete_fileline_info=on \\

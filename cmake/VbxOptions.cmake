@@ -29,6 +29,10 @@ endif()
 if(VBX_RANK_CHECK)
   target_compile_definitions(vbx_flags INTERFACE VBX_RANK_CHECK=1)
 endif()
+if(NOT VBX_SANITIZER STREQUAL "none" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # Instrumented code of the standard library confuses this warning; the other builds have it on.
+  target_compile_options(vbx_flags INTERFACE -Wno-maybe-uninitialized)
+endif()
 if(VBX_SANITIZER STREQUAL "address")
   target_compile_options(vbx_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
                                              -fno-omit-frame-pointer)

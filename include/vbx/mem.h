@@ -12,8 +12,11 @@
 #include <vbx/mem/callbacks.h>
 #include <vbx/mem/control.h>
 #include <vbx/mem/host.h>
+#include <vbx/mem/info.h>
 #include <vbx/mem/initializer.h>
 #include <vbx/mem/peaks.h>
+#include <vbx/mem/profile_bins.h>
 #include <vbx/mem/reports.h>
 #include <vbx/mem/stats.h>
+#include <vbx/mem/timelines.h>
 #include <vbx/mem/trackers.h>

@@ -31,9 +31,6 @@ bool fake_hook_is_installed() {
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
     hook = callback;
 }
-tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept {
-    return hook;
-}
 bool tbbk_process_malloc_is_shim() noexcept {
     return true;
 }

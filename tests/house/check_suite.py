@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """The example suite's reports against the figures that its README tells.
 
-    check_suite.py PROGRAM README MANUAL
+    check_suite.py PROGRAM README SITES_MANUAL BINS_MANUAL
 
-Every planted site has to have exactly the figures of the table, and the two libraries of the suite no other site. The
-sample report of the manual has to have them too, and the lines of a real one.
+Every planted site and every step's bin has to have exactly the figures of its table, and the two libraries of the suite
+no other site. The sample reports of the manual have to have them too, and the lines of a real one.
 """
 import os
 import re
@@ -42,9 +42,9 @@ def source_lines(report):
     return {(row[14], row[12].split("/")[-1], row[13]) for row in rows[3:] if len(row) == 15}
 
 
-def run(program, folder):
-    environment = dict(os.environ, TARVANE_MEM_PROFILE_PER_FILELINE="1", TARVANE_MEM_CHECK_LEAKS="1",
-                       TARVANE_MEM_PROFILE_FILELINE_PEAK_SNAPSHOT_THRESHOLD="1")
+def run(program, folder, *switches):
+    environment = dict(os.environ, TARVANE_MEM_PROFILE_FILELINE_PEAK_SNAPSHOT_THRESHOLD="1", **{
+        f"TARVANE_MEM_{switch}": "1" for switch in switches})
     result = subprocess.run([program], cwd=folder, env=environment, capture_output=True, text=True, timeout=60)
     if result.returncode != 0 or "640 words in 64 documents" not in result.stdout or result.stderr:
         yield f"status {result.returncode}, output {result.stdout!r}, errors {result.stderr!r}"
@@ -86,22 +86,81 @@ def compare_manual(expected, manual, report):
         yield f"{manual}: its sample has {row}, a run has not"
 
 
-def main(program, readme, manual):
+def expected_bins(readme):
+    """bin -> max, peak, cumulative and current bytes."""
+    rows = re.findall(r"^\| (\w+::\w+) \| ([\d| -]+) \|$", readme.read_text(), re.MULTILINE)
+    return {name: [int(cell) for cell in cells.split("|")] for name, cells in rows}
+
+
+def statistics_rows(text, title):
+    """The rows of one table of bin or tag statistics, down to the first line that is none."""
+    rows = {}
+    for line in text.partition(f"{title}\n\nName\t")[2].splitlines()[1:]:
+        cells = line.split("\t")
+        if len(cells) != 5:
+            break
+        rows[cells[0]] = cells[1:]
+    return rows
+
+
+def compare_bins(expected, text, whose):
+    """Every block is charged to one bin and to one tag; both tables in MiB show what those in bytes show."""
+    title = "Memory Tracking - Profile {} Stats"
+    bins, tags = ({name: [int(cell) for cell in row] for name, row in statistics_rows(text, title.format(kind)).items()}
+                  for kind in ("Bin", "Tag"))
+    for name, figures in expected.items():
+        if bins.get(name) != figures:
+            yield f"{whose}: bin {name}: expected {figures}, found {bins.get(name)}"
+    for column in (2, 3):
+        sums = [sum(row[column] for row in table.values()) for table in (bins, tags)]
+        if sums[0] != sums[1] or sums[0] == 0:
+            yield f"{whose}: column {column} of the bins adds up to {sums[0]}, of the tags to {sums[1]}"
+    for kind, table in (("Bin", bins), ("Tag", tags)):
+        shown = statistics_rows(text, title.format(kind) + " (MiB)")
+        wanted = {name: [f"{figure / 1048576:.3f}" for figure in row] for name, row in table.items()}
+        if shown and shown != wanted:
+            yield f"{whose}: {kind} table in MiB: expected {wanted}, found {shown}"
+    if list(tags) != ["Root", "input", "search", "index"]:
+        yield f"{whose}: tags are {list(tags)}"
+
+
+def check_sites(program, readme, manual):
     expected = expected_sites(readme)
     if len(expected) != 6:
-        print(f"the table of {readme} has {len(expected)} sites that can be read")
-        return 1
+        return [f"the table of {readme} has {len(expected)} sites that can be read"]
     with tempfile.TemporaryDirectory() as name:
         folder = Path(name)
-        found = list(run(program, folder))
+        found = list(run(program, folder, "PROFILE_PER_FILELINE", "CHECK_LEAKS"))
         if not found:
             found += compare_manual(expected, manual, folder / "mem_tbb_fileline.word_index.log")
             found += compare_sites(expected, reported_sites(folder / "mem_tbb_fileline.word_index.log"))
             found += compare_modules(expected, folder / "mem_tbb_subsystem.word_index.log")
             found += compare_leaks(expected, folder / "mem_tbb_leak_warning.word_index.log")
-    print("\n".join(found) or "every planted site as expected")
+    return found
+
+
+def check_bins(program, readme, manual):
+    expected = expected_bins(readme)
+    if len(expected) != 5:
+        return [f"the table of {readme} has {len(expected)} bins that can be read"]
+    with tempfile.TemporaryDirectory() as name:
+        folder = Path(name)
+        found = list(run(program, folder, "PROFILE_BIN_TAG_PLOT", "PROFILE_PER_BIN"))
+        if not found:
+            prefixes = ("pbin_stats", "pbin_tag_stats", "pbin_stats_mb", "pbin_tag_stats_mb")
+            reports = [folder / f"mem_tbb_{prefix}.word_index.log" for prefix in prefixes]
+            found += [f"{report.name} is missing" for report in reports if not report.exists()]
+        if not found:
+            found += compare_bins(expected, "\n".join(report.read_text() for report in reports), "the run")
+            found += compare_bins(expected, manual.read_text(), manual)
+    return found
+
+
+def main(program, readme, sites_manual, bins_manual):
+    found = check_sites(program, readme, sites_manual) + check_bins(program, readme, bins_manual)
+    print("\n".join(found) or "every planted site and every step's bin as expected")
     return 1 if found else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1], Path(sys.argv[2]), Path(sys.argv[3])))
+    sys.exit(main(sys.argv[1], *map(Path, sys.argv[2:])))

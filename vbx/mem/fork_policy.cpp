@@ -17,6 +17,7 @@
 
 #include "vbx/mem/base/library_lock.h"
 #include "vbx/mem/base/lock_rank.h"
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/os/thread.h"
@@ -31,13 +32,15 @@ void leave_tracking_to_the_parent() {
     mem_rank_forget_all();
     mem_thread_state.in_tracker_byte = 0;
     mem_library_lock.reset_after_fork();
+    mem_reset_long_operations_after_fork();
     mem_abandon_tracker_after_fork();
 }
 
 } // namespace
 
 void mem_install_fork_policy() {
-    // Before our own handler, so that the gate is still up around the other side of the fork.
+    // Before our own handlers: the gate goes up behind our prepare handler and is still up when the child's
+    // runs.
     tbbk_guard_forks();
-    pthread_atfork(nullptr, nullptr, leave_tracking_to_the_parent);
+    pthread_atfork(mem_hold_long_operations, mem_release_long_operations, leave_tracking_to_the_parent);
 }

@@ -19,16 +19,17 @@ namespace {
 class PRINT_SWITCH {
   public:
     bool is_on() {
-        if (!m_was_read) {
-            m_was_read = true;
-            m_is_on = std::getenv("MEM_PRINT_LIB_LOAD") != nullptr;
+        STATE state = m_state.load(std::memory_order_relaxed);
+        if (state == STATE::unread) {
+            state = std::getenv("MEM_PRINT_LIB_LOAD") != nullptr ? STATE::on : STATE::off;
+            m_state.store(state, std::memory_order_relaxed);
         }
-        return m_is_on;
+        return state == STATE::on;
     }
 
   private:
-    bool m_was_read = false;
-    bool m_is_on = false;
+    enum class STATE { unread, off, on };
+    std::atomic<STATE> m_state{STATE::unread};
 };
 
 constinit PRINT_SWITCH load_lines;

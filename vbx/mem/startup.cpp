@@ -17,9 +17,14 @@ struct COUNTERS_FROM_ZERO {
         mem_global_stats() = MEM_STATS();
         mem_tracked_total_bytes().store(0);
         mem_timeline_index().store(0);
-        os_other_initialisers_begin();
     }
 };
 COUNTERS_FROM_ZERO counters_from_zero;
+
+// The last of this library's: from here on other modules' initialisers run.
+struct END_OF_START {
+    END_OF_START() { os_other_initialisers_begin(); }
+};
+END_OF_START end_of_start;
 
 } // namespace

@@ -1,5 +1,6 @@
 // The end of tracking: the reports in their order, then the teardown.
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
@@ -14,10 +15,17 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_files.h"
+#include "vbx/mem/mem_tbb_tracker/reports/timeline_files.h"
 #include "vbx/mem/mem_tbb_tracker/state/executable_tag.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/auxiliary_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/tracker.h"
+#include "vbx/platform/os/thread.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
 #include <vbx/mem/reports.h>
@@ -49,9 +57,9 @@ void clear_tracking_flags() {
 }
 
 void write_site_reports() {
-    std::ofstream fileline = mem_open_report(mem_report_file_name("mem_tbb_fileline."));
+    MEM_REPORT_FILE fileline = mem_open_report(mem_report_file_name("mem_tbb_fileline."));
     mem_dump_tbb_fileline_tracking(fileline);
-    std::ofstream subsystem = mem_open_report(mem_report_file_name("mem_tbb_subsystem."));
+    MEM_REPORT_FILE subsystem = mem_open_report(mem_report_file_name("mem_tbb_subsystem."));
     mem_dump_tbb_subsystem_tracking(subsystem);
 }
 
@@ -63,25 +71,28 @@ void write_leak_report() {
         mem_write_fast_leak_report();
 }
 
-// Everything that needs a tracker that stands still.
-void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
-    mem_tbb_apply_final_peak();
-    if (mem_report_flags.fileline)
-        write_site_reports();
-    // The label's, auxiliary, module and bin-tag reports stand here, in this order, once their timelines
-    // exist.
-    write_leak_report();
-    mem_disable_tracking(MEM_GRANULARITY_ALL);
-    mem_clear_report_flags();
+// One step of the sequence. It runs inside static destructors, where an exception would end the process in
+// another way than its own; what one report lacks doesn't keep the others from being written.
+template <class STEP>
+void attempt(const char* what, STEP step) {
+    try {
+        step();
+    } catch (const std::exception& failure) {
+        mem_warn("%s missing: %s", what, failure.what());
+    } catch (...) {
+        mem_warn("%s missing", what);
+    }
 }
 
-// This runs inside static destructors, where an exception would end the process in another way than its own.
-void write_reports_or_say_why_not() MEM_REQUIRES(*mem_tbb_gate) {
-    try {
-        write_reports();
-    } catch (const std::exception& failure) {
-        mem_warn("reports are missing: %s", failure.what());
-    }
+// Everything that needs a tracker that stands still.
+void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
+    attempt("the peak figures are", mem_tbb_apply_final_peak);
+    if (mem_report_flags.fileline)
+        attempt("the site reports are", write_site_reports);
+    attempt("timeline reports are", mem_write_timeline_reports);
+    attempt("the leak report is", write_leak_report);
+    mem_disable_tracking(MEM_GRANULARITY_ALL);
+    mem_clear_report_flags();
 }
 
 // True when no event can be using the tracker's objects any more.
@@ -98,7 +109,7 @@ bool shut_down() {
         mem_warn("no reports: an allocation on another thread does not end");
         return false;
     }
-    write_reports_or_say_why_not();
+    write_reports();
     mem_tbb_gate->leave_as_cat();
     return ended;
 }
@@ -109,10 +120,12 @@ bool tracker_is_there() {
 }
 
 void destroy_objects() {
-    delete mem_tbb_gate;
+    delete mem_bin_tag_timeline;
     delete ptag_stats;
     delete pbin_stats;
+    delete mem_label_timeline;
     delete mem_tbb_block_shards;
+    delete mem_module_timeline;
     delete mem_tbb_address_map;
     {
         const MEM_SPIN_GUARD guard(mem_site_lock);
@@ -128,22 +141,44 @@ void destroy_objects() {
 
 } // namespace
 
+// Writing files is where a pending cancellation strikes; a thread that ends its process must get to the end.
+
 void mem_shutdown_tbb_tracking() {
+    const OS_NO_CANCELLATION no_cancellation;
+    const MEM_LONG_OPERATION operation;
     if (tracker_is_there())
         shut_down();
 }
 
 void mem_tbb_tracker_teardown() {
+    const OS_NO_CANCELLATION no_cancellation;
+    const MEM_LONG_OPERATION operation;
     if (!tracker_is_there())
         return;
-    const bool is_unused = shut_down();
+    if (!shut_down()) {
+        // Somebody may be inside the objects for good. Leaking them at process end costs nothing.
+        mem_end_tracker_use();
+        return;
+    }
     // From here on a late event does nothing, also one that reads the hook again because callbacks of the
     // host are left in the table.
-    mem_tracker_objects_exist.store(false, std::memory_order_release);
-    // The objects go only when nobody can be inside them; leaking them at process end costs nothing.
-    if (is_unused && events_in_flight_have_ended())
+    mem_end_tracker_use();
+    if (events_in_flight_have_ended() && mem_tracker_uses_have_ended(EVENTS_TIMEOUT_MS))
         destroy_objects();
 }
+
+namespace {
+void free_timelines_after_fork() {
+    if (mem_module_timeline != nullptr)
+        mem_module_timeline->section.reset_after_fork();
+    if (mem_label_timeline != nullptr)
+        mem_label_timeline->lock.reset();
+    if (mem_bin_tag_timeline != nullptr)
+        mem_bin_tag_timeline->section.reset_after_fork();
+    if (mem_auxiliary_timeline != nullptr)
+        mem_auxiliary_timeline->reset_lock_after_fork();
+}
+} // namespace
 
 void mem_abandon_tracker_after_fork() {
     is_abandoned.store(true, std::memory_order_relaxed);
@@ -156,6 +191,10 @@ void mem_abandon_tracker_after_fork() {
     mem_reset_symbol_lock();
     mem_site_lock.reset();
     mem_module_lock.reset();
-    if (mem_tbb_gate != nullptr)
-        mem_tbb_gate->reset();
+    for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats})
+        if (table != nullptr)
+            table->reset_modes();
+    mem_tbb_gate->reset();
+    mem_forget_tracker_uses();
+    free_timelines_after_fork();
 }

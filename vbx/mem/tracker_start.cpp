@@ -12,6 +12,11 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/auxiliary_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
+#include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
@@ -29,12 +34,16 @@ void build_objects() {
     {
         const MEM_SPIN_GUARD guard(mem_module_lock);
         mem_tbb_module_map = new MEM_MODULE_MAP;
+        mem_module_timeline = new MEM_MODULE_TIMELINE(*mem_tbb_module_map);
     }
-    // The module, auxiliary and label timelines are built here once they exist.
+    mem_auxiliary_timeline = new MEM_AUXILIARY_TIMELINE;
+    mem_label_timeline = new MEM_LABEL_TIMELINE;
     mem_tbb_block_shards = new MEM_BLOCK_SHARDS;
     pbin_stats = new MEM_PB_STATS_TABLE;
     ptag_stats = new MEM_PB_STATS_TABLE;
-    // So is the bin-tag timeline, which needs the tags' table.
+    // First used here and not inside an event.
+    MEM_PROFILE_BINS::get_instance();
+    mem_bin_tag_timeline = new MEM_BIN_TAG_TIMELINE(*ptag_stats);
 }
 
 MEMORY_TRACKER_BASE& create_other_module() {
@@ -66,7 +75,6 @@ void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask) {
     mem_tbb_unwinder = ERR_UNWINDER::get_default_unwinder();
     MEM_CHECK(mem_tbb_unwinder);
     mem_create_executable_tag();
-    mem_tbb_gate = new MEM_TRACKER_GATE;
     create_catch_all_site(create_other_module());
     // Started before the hook goes on: in a process that loads the library late, other threads have events
     // from that moment, and attribution takes a tracker that has not started for a fault.

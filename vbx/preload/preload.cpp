@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -33,44 +34,19 @@ class MESSAGE_DESCRIPTOR {
         struct stat now;
         if (fstat(STDERR_FILENO, &now) != 0)
             now = {};
-        if (!m_is_known) {
-            m_is_known = true;
+        if (!m_is_known.load(std::memory_order_acquire)) {
             m_file = now;
+            m_is_known.store(true, std::memory_order_release);
         }
         return now.st_ino != 0 && now.st_dev == m_file.st_dev && now.st_ino == m_file.st_ino;
     }
 
   private:
-    bool m_is_known = false;
+    std::atomic<bool> m_is_known{false};
     struct stat m_file {};
 };
 
 constinit MESSAGE_DESCRIPTOR message_descriptor;
-
-// Cut at about 1000 characters: this can run on a small stack, inside an allocation.
-void print(const char* prefix, const char* format, std::va_list args, const char* suffix) {
-    if (!message_descriptor.is_still_ours())
-        return;
-    char text[1024];
-    std::size_t length = 0;
-    const auto append = [&](int written) {
-        if (written > 0)
-            length = std::min(length + static_cast<std::size_t>(written), sizeof text - 1);
-    };
-    append(std::snprintf(text, sizeof text, "%s", prefix));
-    append(std::vsnprintf(text + length, sizeof text - length, format, args));
-    if (*suffix != '\0' && length == sizeof text - 1)
-        --length;
-    append(std::snprintf(text + length, sizeof text - length, "%s", suffix));
-    os_write(STDERR_FILENO, text, length);
-}
-
-bool send_debug_message(const char* tag, const char* format, std::va_list args) {
-    char prefix[32];
-    std::snprintf(prefix, sizeof prefix, "%s: ", tag);
-    print(prefix, format, args, "\n");
-    return true;
-}
 
 // The initialiser that keeps the library up until everything else of the process is gone.
 alignas(MEM_INITIALIZER) constinit unsigned char last_initializer[sizeof(MEM_INITIALIZER)] = {};
@@ -81,7 +57,6 @@ void bring_library_down(void*) {
 
 [[gnu::constructor]] void bring_library_up() {
     message_descriptor.is_still_ours();
-    mem_set_msg_local_vdebug_callback(send_debug_message);
     new (last_initializer) MEM_INITIALIZER("preload");
     if (const char* const tag = std::getenv("TARVANE_MEM_PRELOAD_TAG"))
         mem_set_tbb_exe_string(mem_expand_tag(tag, program_invocation_short_name, getpid()).c_str());
@@ -91,6 +66,12 @@ void bring_library_down(void*) {
 
 } // namespace
 
+// Lines are cut at about 1000 characters: this can run on a small stack, inside an allocation.
 void mem_preload_print(const char* format, std::va_list args) {
-    print("", format, args, "");
+    if (!message_descriptor.is_still_ours())
+        return;
+    char text[1024];
+    const int wanted = std::vsnprintf(text, sizeof text, format, args);
+    if (wanted > 0)
+        os_write(STDERR_FILENO, text, std::min(static_cast<std::size_t>(wanted), sizeof text - 1));
 }

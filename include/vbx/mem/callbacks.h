@@ -1,4 +1,8 @@
 // Event callbacks: functions called on every allocation and free of the process, on the thread that makes it.
+//
+// A callback runs inside malloc and free. It sees the library's own heap use as well, and may be called while
+// the library holds locks: it must not call the library's queries and reports, must not throw, and guards
+// itself against the events that its own allocations make. The child of a fork has no callbacks.
 #pragma once
 
 #include <vbx/mem/export.h>
@@ -16,6 +20,6 @@ using MEM_EVENT_CALLBACK = void (*)(void* block, std::uint64_t requested_size, s
 // holds 16 callbacks, of which the library uses at most 5; one more ends the process with an internal error.
 VBX_MEM_API void mem_add_callback_function(MEM_EVENT_CALLBACK callback);
 
-// Removes a callback; the order of the others stays. An event already under way on another thread may still
-// call it once.
+// Removes a callback; the order of the others stays. Events already under way on other threads may still call
+// it, so its code has to stay in the process.
 VBX_MEM_API void mem_remove_callback_function(MEM_EVENT_CALLBACK callback);

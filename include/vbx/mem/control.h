@@ -30,6 +30,12 @@ VBX_MEM_API void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits);
 // True if all of `bits` are on; true for 0. Lock-free.
 VBX_MEM_API bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits);
 
+// Forgets what has been attributed so far: sites, modules, live blocks, the figures of tags with their
+// timeline, and the threshold peak. The figures of bins, the global statistics and the other timelines stay.
+// The free of a block that was live goes to the catch-all record from then on, which may drive that below 0;
+// no tag is charged for it. Stops all attributed events while it runs. Needs a started tracker.
+VBX_MEM_API void mem_reset_tracking_entries();
+
 // Works the mask out from the environment and the configuration, and sets the flags that say which reports
 // are written at the end. Does not store the mask. The library calls it once, at load.
 VBX_MEM_API MEM_TRACKING_GRANULARITY mem_get_tracking_granularity_from_env();

@@ -14,6 +14,7 @@ class VBX_MEM_API MEM_INITIALIZER {
     // Counts one less; the last of the process writes the reports and frees the tracker.
     ~MEM_INITIALIZER();
 
+    // A copy would count itself out without having counted itself in.
     MEM_INITIALIZER(const MEM_INITIALIZER&) = delete;
     // Copies the name alone; the count is not touched.
     MEM_INITIALIZER& operator=(const MEM_INITIALIZER& other);

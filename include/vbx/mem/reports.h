@@ -18,6 +18,5 @@ VBX_MEM_API void mem_set_tbb_exe_string(const char* exe_string);
 // started tracker; holds up events that need a site until it is done.
 VBX_MEM_API bool mem_dump_tbb_fileline_tracking(std::ostream& stream);
 
-// One line a module, highest peak first. As above; when the module timeline is on, call it only while no
-// events run.
+// One line a module, highest peak first. As above.
 VBX_MEM_API bool mem_dump_tbb_subsystem_tracking(std::ostream& stream);

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -118,21 +117,6 @@ TEST(NewMode, HandlerIsAskedUntilItGivesUp) {
     }
     std::free(block);
     EXPECT_EQ(_set_new_handler(nullptr), give_up_later);
-}
-
-int leave_process(std::size_t) {
-    std::exit(7);
-}
-
-TEST(NewModeDeathTest, HandlerMayExit) {
-    EXPECT_EXIT(
-        {
-            alarm(20);
-            _set_new_mode(1);
-            _set_new_handler(leave_process);
-            std::free(std::malloc(too_large));
-        },
-        testing::ExitedWithCode(7), "");
 }
 
 } // namespace

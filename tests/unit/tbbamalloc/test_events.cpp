@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 extern "C" void* __libc_malloc(std::size_t size);
+extern "C" void __libc_free(void* block);
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 namespace {
@@ -74,17 +76,6 @@ const SEQUENCE sequences[] = {
 INSTANTIATE_TEST_SUITE_P(Sequences, Events, testing::ValuesIn(sequences),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST(Events, SizesOfAllocationAndFreeAgree) {
-    for (const std::size_t size : {1UL, 1000UL, 8128UL, 8129UL, 300'000UL, 20'000'000UL}) {
-        RECORDED_EVENTS recorded;
-        void* const block = std::malloc(size);
-        const std::size_t usable = malloc_usable_size(block);
-        std::free(block);
-        EXPECT_EQ(recorded.events[0].allocated, usable);
-        EXPECT_EQ(recorded.events[1].allocated, usable);
-    }
-}
-
 TEST(Events, AllocationsOfTheCallbackNest) {
     static unsigned deepest;
     deepest = 0;
@@ -99,47 +90,57 @@ TEST(Events, AllocationsOfTheCallbackNest) {
     EXPECT_EQ(tbbk_entry_depth(), 0U);
 }
 
-TEST(Events, ErrnoBelongsToTheCaller) {
-    RECORDED_EVENTS recorded(RECORDED_EVENTS::scribble);
-    errno = 0;
-    void* block = std::calloc(1, 10);
-    block = std::realloc(block, 1000);
-    std::free(block);
-    EXPECT_EQ(errno, 0);
-    EXPECT_EQ(recorded.count, 4U);
-}
-
 // Sizes on both sides of every change of method.
-TEST(Events, ScribblingCallbackSpoilsNoContents) {
+TEST(Events, ScribblingCallbackSpoilsNothing) {
+    const auto expect_filled = [](const unsigned char* block, std::size_t size, unsigned char with) {
+        EXPECT_EQ(static_cast<std::size_t>(std::count(block, block + size, with)), size);
+    };
     for (const std::size_t size : {24UL, 8128UL, 100'000UL, 131'072UL, 3'000'000UL, 17'000'000UL}) {
+        SCOPED_TRACE(size);
         RECORDED_EVENTS recorded(RECORDED_EVENTS::scribble);
         for (int round = 0; round != 2; ++round) { // the second block is a used one
-            unsigned char* block = static_cast<unsigned char*>(std::calloc(size, 1));
-            for (std::size_t i = 0; i != size; ++i)
-                ASSERT_EQ(block[i], 0) << "calloc of " << size << " at " << i;
+            errno = 0;
+            auto* block = static_cast<unsigned char*>(std::calloc(size, 1));
+            EXPECT_EQ(recorded.events[recorded.count - 1].allocated, malloc_usable_size(block));
+            expect_filled(block, size, 0);
             std::memset(block, 0x5C, size);
-            const std::size_t larger = 3 * size;
-            block = static_cast<unsigned char*>(std::realloc(block, larger));
-            for (std::size_t i = 0; i != size; ++i)
-                ASSERT_EQ(block[i], 0x5C) << "realloc of " << size << " at " << i;
-            block = static_cast<unsigned char*>(std::realloc(block, size / 2));
-            for (std::size_t i = 0; i != size / 2; ++i)
-                ASSERT_EQ(block[i], 0x5C) << "shrinking realloc of " << size << " at " << i;
+            for (const std::size_t next : {3 * size, size / 2}) {
+                block = static_cast<unsigned char*>(std::realloc(block, next));
+                expect_filled(block, std::min(size, next), 0x5C);
+            }
+            const std::size_t usable = malloc_usable_size(block);
             std::free(block);
+            EXPECT_EQ(recorded.events[recorded.count - 1].allocated, usable);
+            EXPECT_EQ(errno, 0) << "it belongs to the caller";
         }
     }
 }
 
-// Straight from the system: nothing need be mapped where the heap looks for its own header.
+// Straight from the system, amid the heap's own: once the neighbour below has gone, nothing is mapped where
+// the heap looks for its header.
 TEST(Events, LargeForeignBlocksAreToldApart) {
-    RECORDED_EVENTS recorded;
-    for (int i = 0; i != 8; ++i) {
-        void* const block = i % 2 == 0 ? __libc_malloc(200'000) : __libc_memalign(8192, 200'000);
-        EXPECT_GE(malloc_usable_size(block), 200'000U);
-        std::free(std::realloc(block, 300'000));
-        std::free(std::malloc(30'000)); // moves the places of the next ones
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    std::vector<void*> own;
+    std::vector<void*> foreign;
+    const auto add_own = [&] {
+        for (int i = 0; i != 20; ++i)
+            own.push_back(std::malloc(4'000'000));
+    };
+    add_own();
+    for (std::size_t i = 0; i != 400; ++i) {
+        const std::size_t size = 135'168 + i % 7 * 4096;
+        foreign.push_back(i % 16 != 1 ? __libc_malloc(size) : __libc_memalign(8192, size));
     }
-    EXPECT_EQ(recorded.count, 16U);
+    add_own();
+    for (std::size_t i = 0; i != foreign.size(); i += 2)
+        __libc_free(foreign[i]);
+    const RECORDED_EVENTS recorded;
+    for (std::size_t i = 1; i != 401; i += 2) {
+        EXPECT_GE(malloc_usable_size(foreign[i]), 135'168U);
+        std::free(i % 4 == 1 ? foreign[i] : std::realloc(foreign[i], 300'000));
+    }
+    EXPECT_EQ(recorded.count, 0U);
+    std::for_each(own.begin(), own.end(), std::free);
 }
 
 const void* seen_frame = nullptr;

@@ -16,44 +16,33 @@ void count_foreign_event(void*, std::uint64_t, std::uint64_t, bool) {
         foreign_events.fetch_add(1);
 }
 
-TEST(Gate, QuietThreadIsAlone) {
+TEST(Gate, QuietThreadIsAloneAndThreadsTakeTurns) {
     tbbk_set_mem_tracker_callback(count_foreign_event);
     {
-        BUSY_THREADS busy(3);
-        quiet_thread = pthread_self();
-        for (int i = 0; i != 50; ++i) {
-            const std::uint64_t events_before = foreign_events;
-            while (foreign_events == events_before)
-                usleep(100); // the others have been let in again
-            ASSERT_TRUE(tbbk_quiesce_begin(10'000));
-            const std::uint64_t events_at_start = foreign_events;
-            std::free(std::malloc(1000)); // its own way stays open
-            ASSERT_TRUE(tbbk_quiesce_begin(10'000));
-            usleep(1000);
-            tbbk_quiesce_end();
-            ASSERT_EQ(foreign_events, events_at_start);
-            tbbk_quiesce_end();
-        }
+        BUSY_THREADS_AND_ENDS busy(2);
+        std::vector<std::thread> threads;
+        for (int i = 0; i != 3; ++i)
+            threads.emplace_back([] {
+                for (int round = 0; round != 40; ++round) {
+                    const std::uint64_t events_before = foreign_events;
+                    while (foreign_events == events_before)
+                        usleep(100); // the others have been let in again
+                    ASSERT_TRUE(tbbk_quiesce_begin(20'000));
+                    quiet_thread = pthread_self();
+                    const std::uint64_t events_at_start = foreign_events;
+                    std::free(std::malloc(1000)); // its own way stays open
+                    ASSERT_TRUE(tbbk_quiesce_begin(10'000));
+                    usleep(500);
+                    tbbk_quiesce_end();
+                    EXPECT_EQ(foreign_events, events_at_start);
+                    quiet_thread = 0;
+                    tbbk_quiesce_end();
+                }
+            });
+        for (std::thread& thread : threads)
+            thread.join();
     }
     tbbk_set_mem_tracker_callback(nullptr);
-}
-
-TEST(Gate, SeveralThreadsTakeTurns) {
-    static std::atomic<int> alone;
-    alone = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i != 4; ++i)
-        threads.emplace_back([] {
-            for (int round = 0; round != 100; ++round) {
-                EXPECT_TRUE(tbbk_quiesce_begin(20'000));
-                EXPECT_EQ(alone.fetch_add(1), 0);
-                std::free(std::malloc(5000));
-                alone.fetch_sub(1);
-                tbbk_quiesce_end();
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 std::atomic<int> waiting_callbacks = 0;
@@ -67,15 +56,30 @@ void wait_inside(void*, std::uint64_t, std::uint64_t, bool is_allocation) {
         usleep(1000);
 }
 
+// A thread that stays inside the hook until it may leave.
+class STUCK_THREAD {
+  public:
+    STUCK_THREAD() {
+        waiting_callbacks = 0;
+        may_leave = false;
+        quiet_thread = pthread_self();
+        tbbk_set_mem_tracker_callback(wait_inside);
+        thread = std::thread([] { std::free(std::malloc(10)); });
+        while (waiting_callbacks == 0)
+            usleep(1000);
+        tbbk_set_mem_tracker_callback(nullptr);
+    }
+    void leave() {
+        may_leave = true;
+        thread.join();
+    }
+
+  private:
+    std::thread thread;
+};
+
 TEST(Gate, StuckCallbackIsReportedAndNobodyElseGetsIn) {
-    waiting_callbacks = 0;
-    may_leave = false;
-    quiet_thread = pthread_self();
-    tbbk_set_mem_tracker_callback(wait_inside);
-    std::thread stuck([] { std::free(std::malloc(10)); });
-    while (waiting_callbacks == 0)
-        usleep(1000);
-    tbbk_set_mem_tracker_callback(nullptr);
+    STUCK_THREAD stuck;
     std::atomic<bool> did_get_in = false;
     std::atomic<bool> is_there = false;
     std::thread late([&] {
@@ -93,8 +97,35 @@ TEST(Gate, StuckCallbackIsReportedAndNobodyElseGetsIn) {
     tbbk_quiesce_end();
     tbbk_quiesce_end();
     late.join();
-    stuck.join();
+    stuck.leave();
     EXPECT_TRUE(did_get_in);
+}
+
+// A thread that is cancelled while it waits for the quiet, as fork() and exit() do, would leave the gate up.
+TEST(Gate, DoesNotOutliveTheThreadThatRaisedIt) {
+    STUCK_THREAD stuck;
+    static bool did_come_back;
+    did_come_back = false;
+    const auto run_to_its_end = [](void* (*body)(void*)) {
+        pthread_t thread = 0;
+        EXPECT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
+        EXPECT_EQ(pthread_join(thread, nullptr), 0);
+    };
+    run_to_its_end([](void*) -> void* {
+        pthread_cancel(pthread_self());
+        EXPECT_FALSE(tbbk_quiesce_begin(20));
+        tbbk_quiesce_end();
+        did_come_back = true;
+        return nullptr;
+    });
+    EXPECT_TRUE(did_come_back);
+    run_to_its_end([](void*) -> void* {
+        tbbk_quiesce_begin(0);
+        return nullptr; // and never ends it
+    });
+    stuck.leave(); // through the gate, which has to be open
+    EXPECT_TRUE(tbbk_quiesce_begin(10'000)) << "the turn is free again";
+    tbbk_quiesce_end();
 }
 
 void quiesce_inside(void*, std::uint64_t requested, std::uint64_t, bool) {

@@ -4,8 +4,6 @@
 #include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <locale>
 #include <sstream>
 
@@ -23,25 +21,11 @@ struct THOUSANDS : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-std::string contents(const char* file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 } // namespace
 
 class REPORT_TEST : public TRACKER_TEST {
   protected:
-    // Every test writes into an empty folder of its own.
-    REPORT_TEST() {
-        char folder[] = "/tmp/report_test_XXXXXX";
-        m_folder = mkdtemp(folder);
-        std::filesystem::current_path(m_folder);
-    }
-    ~REPORT_TEST() override { std::filesystem::remove_all(m_folder); }
-
-  private:
-    std::filesystem::path m_folder;
+    const EMPTY_FOLDER m_folder;
 };
 
 TEST_F(REPORT_TEST, FilelineWithoutAChargedSite) {

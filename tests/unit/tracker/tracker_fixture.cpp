@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 
 namespace {
@@ -38,6 +39,21 @@ TRACKER_TEST::TRACKER_TEST() {
 
 void TRACKER_TEST::start(std::uint32_t mask) {
     mem_tbb_tracker_start(static_cast<MEM_TRACKING_GRANULARITY>(mask));
+}
+
+EMPTY_FOLDER::EMPTY_FOLDER() {
+    char folder[] = "/tmp/tracker_test_XXXXXX";
+    m_folder = mkdtemp(folder);
+    std::filesystem::current_path(m_folder);
+}
+
+EMPTY_FOLDER::~EMPTY_FOLDER() {
+    std::filesystem::remove_all(m_folder);
+}
+
+std::string contents(const std::string& file) {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size) {

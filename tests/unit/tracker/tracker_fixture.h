@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 // Three sites of two modules, and frames that are passed over.
@@ -23,6 +24,18 @@ class TRACKER_TEST : public testing::Test {
     // Starts the tracker as the library's start does, with these features.
     void start(std::uint32_t mask);
 };
+
+// An empty folder, in which the process is for as long as this lives.
+class EMPTY_FOLDER {
+  public:
+    EMPTY_FOLDER();
+    ~EMPTY_FOLDER();
+
+  private:
+    std::filesystem::path m_folder;
+};
+// Empty when there is no such file.
+std::string contents(const std::string& file);
 
 // One allocation, one free, seen from a stack.
 void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size = 0);

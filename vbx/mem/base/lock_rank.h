@@ -7,10 +7,10 @@
 // | callbacks   | changes of the callback table, which the one above may be held for                        |
 // | gate        | the gate, as a mouse or as a cat                                                          |
 // | accessor    | an entry of the live-block map                                                            |
-// | subsystem   | the module walk of the subsystem report                                                   |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
 // | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
-// | innermost   | init lock, and the two words inside the gate: a load or a store, nothing is called        |
+// | innermost   | the two words inside the gate: a load or a store, nothing is called; the growing of a bin |
+// |             | or tag table, whose allocation's event is turned away at once                             |
 //
 // The shutdown changes the mask while it is inside the gate as a cat. That is the one step down, and safe:
 // who holds the granularity or the callback lock never enters the gate, because its events are turned away.
@@ -24,7 +24,6 @@ enum class MEM_LOCK_RANK : std::uint8_t {
     callbacks,
     gate,
     accessor,
-    subsystem,
     timeline,
     leaf,
     innermost,

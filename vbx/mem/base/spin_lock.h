@@ -17,8 +17,9 @@ class MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
 
     void acquire() MEM_ACQUIRE() {
         mem_rank_acquire(m_rank);
+        OS_PATIENCE patience;
         while (m_word.exchange(1, std::memory_order_acquire) != 0)
-            os_yield();
+            patience.wait();
     }
     void release() MEM_RELEASE() {
         m_word.store(0, std::memory_order_release);

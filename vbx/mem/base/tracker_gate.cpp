@@ -10,8 +10,9 @@ void MEM_TRACKER_GATE::enter(MEM_GATE_ROLE role) {
         return;
     }
     announce_cat();
+    OS_PATIENCE patience;
     while (!try_enter_cat())
-        os_yield();
+        patience.wait();
     end_announcement();
 }
 
@@ -33,8 +34,9 @@ void MEM_TRACKER_GATE::leave(MEM_GATE_ROLE role) {
 
 // All waits yield: with more threads than processors the one that is waited for has to get one.
 void MEM_TRACKER_GATE::enter_mouse() {
+    OS_PATIENCE patience;
     while (cat_approaches() || !try_enter_mouse())
-        os_yield();
+        patience.wait();
 }
 
 void MEM_TRACKER_GATE::announce_cat() {
@@ -52,9 +54,10 @@ bool MEM_TRACKER_GATE::enter_as_cat_within(unsigned timeout_ms) MEM_NO_THREAD_SA
     const std::int64_t deadline = os_clock() + timeout_ms;
     mem_rank_acquire(MEM_LOCK_RANK::gate);
     announce_cat();
+    OS_PATIENCE patience;
     bool is_inside;
     while (!(is_inside = try_enter_cat()) && os_clock() < deadline)
-        os_yield();
+        patience.wait();
     end_announcement();
     if (!is_inside)
         mem_rank_release(MEM_LOCK_RANK::gate);

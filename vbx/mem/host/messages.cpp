@@ -39,6 +39,7 @@ bool print_message(const char* tag, const char* format, std::va_list args) {
 }
 
 bool send_message(MEM_MESSAGE_CALLBACK callback, const char* tag, const char* format, std::va_list args) {
+    const OS_NO_CANCELLATION no_cancellation;
     return callback != nullptr ? callback(tag, format, args) : print_message(tag, format, args);
 }
 
@@ -87,5 +88,9 @@ void mem_warn(const char* format, ...) {
         return;
     std::size_t length = PREFIX_LENGTH + std::min(static_cast<std::size_t>(wanted), ROOM - 1);
     line[length++] = '\n';
-    os_write(STDERR_FILENO, line, length);
+    // Late in the life of a program descriptor 2 may be a file of its own; the preload library looks.
+    if (mem_preload_print != nullptr)
+        mem_print_stdout("%.*s", static_cast<int>(length), line);
+    else
+        os_write(STDERR_FILENO, line, length);
 }

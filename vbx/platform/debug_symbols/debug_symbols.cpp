@@ -2,6 +2,7 @@
 
 #include "vbx/platform/debug_symbols/demangle.h"
 #include "vbx/platform/debug_symbols/module_list.h"
+#include "vbx/platform/debug_symbols/scratch_stack.h"
 #include "vbx/platform/debug_symbols/short_name.h"
 
 namespace {
@@ -30,9 +31,7 @@ std::uint64_t call_address(std::uint64_t return_address) {
     return return_address - 1;
 }
 
-} // namespace
-
-SYM_STATUS sym_get_line_from_addr(std::uint64_t address, SYM_LINE& line) {
+SYM_STATUS find_line(std::uint64_t address, SYM_LINE& line) {
     const std::uint64_t code = call_address(address);
     SYM_SERVICE& state = the_service();
     SYM_MODULE_ENTRY* module = state.modules.find(code);
@@ -51,12 +50,7 @@ SYM_STATUS sym_get_line_from_addr(std::uint64_t address, SYM_LINE& line) {
     return SYM_STATUS::found;
 }
 
-void sym_refresh_module_list() {
-    SYM_SERVICE& state = the_service();
-    state.modules.refresh(state.unlisted);
-}
-
-bool sym_from_addr(std::uint64_t address, SYM_SYMBOL& symbol) {
+bool find_symbol(std::uint64_t address, SYM_SYMBOL& symbol) {
     const std::uint64_t code = call_address(address);
     SYM_SERVICE& state = the_service();
     SYM_MODULE_ENTRY* module = state.modules.find(code);
@@ -71,8 +65,29 @@ bool sym_from_addr(std::uint64_t address, SYM_SYMBOL& symbol) {
     return true;
 }
 
+} // namespace
+
+SYM_STATUS sym_get_line_from_addr(std::uint64_t address, SYM_LINE& line) {
+    return sym_with_room([&] { return find_line(address, line); });
+}
+
+void sym_refresh_module_list() {
+    sym_with_room([] {
+        SYM_SERVICE& state = the_service();
+        state.modules.refresh(state.unlisted);
+        return true;
+    });
+}
+
+bool sym_from_addr(std::uint64_t address, SYM_SYMBOL& symbol) {
+    return sym_with_room([&] { return find_symbol(address, symbol); });
+}
+
 void sym_undecorate_name(const char* name, char* out, std::size_t length) {
-    sym_demangle(name, out, length);
+    sym_with_room([=] {
+        sym_demangle(name, out, length);
+        return true;
+    });
 }
 
 bool sym_get_module_info(std::uint64_t address, SYM_MODULE& module) {

@@ -5,8 +5,9 @@
 //
 // The service keeps a list of modules with an index of each, made at the first query that needs it. It never
 // calls into the dynamic loader in a way that waits for its lock, never maps a symbol file, keeps no
-// descriptor open, installs no signal handler. Symbol files that are missing, truncated, of another build
-// than the loaded module or not ELF at all just answer "no information".
+// descriptor open, installs no signal handler. It works on a stack of its own, because a host's may be small,
+// and holds signals back meanwhile. Symbol files that are missing, truncated, of another build than the
+// loaded module or not ELF at all just answer "no information".
 //
 // Not thread-safe: the caller holds one lock around the queries for an address. Returned texts stay valid
 // until the next call of this service. The address asked for has to be in use as a return address, so that
@@ -62,5 +63,5 @@ bool sym_get_module_info(std::uint64_t address, SYM_MODULE& module);
 enum class SYM_RUNTIME_LINES { withheld, served };
 void sym_serve_runtime_lines(SYM_RUNTIME_LINES lines);
 
-// Frees every index and the module list. The next query starts afresh.
+// Frees every index and the module list. The next query starts afresh. For tests.
 void sym_release();

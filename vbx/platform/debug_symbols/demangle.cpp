@@ -9,7 +9,7 @@
 namespace {
 
 // The demangler keeps its working set on the stack, about 64 bytes a character, and recurses with the depth
-// of the name; we run on stacks of the host's choice.
+// of the name. What the deepest name of this length takes has to fit the scratch stack.
 constexpr std::size_t longest_decorated_name = 1024;
 
 struct DEMANGLE_SINK {

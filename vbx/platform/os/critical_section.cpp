@@ -1,7 +1,11 @@
 #include "vbx/platform/os/critical_section.h"
 
+#include "vbx/platform/os/clock.h"
+#include "vbx/platform/os/thread.h"
+
 #include <immintrin.h>
 
+#include <cstdint>
 #include <new>
 
 namespace {
@@ -15,6 +19,17 @@ void OS_CRITICAL_SECTION::enter() {
         _mm_pause();
     }
     pthread_mutex_lock(&m_mutex);
+}
+
+bool OS_CRITICAL_SECTION::enter_within(unsigned timeout_ms) {
+    const std::int64_t deadline = os_clock() + timeout_ms;
+    OS_PATIENCE patience;
+    while (pthread_mutex_trylock(&m_mutex) != 0) {
+        if (os_clock() > deadline)
+            return false;
+        patience.wait();
+    }
+    return true;
 }
 
 void OS_CRITICAL_SECTION::leave() {

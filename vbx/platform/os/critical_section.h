@@ -11,6 +11,8 @@ class OS_CRITICAL_SECTION {
     OS_CRITICAL_SECTION& operator=(const OS_CRITICAL_SECTION&) = delete;
 
     void enter();
+    // False when the section could not be had in time.
+    bool enter_within(unsigned timeout_ms);
     void leave();
     // In a forked child: free, whoever held it in the parent.
     void reset_after_fork();

@@ -104,7 +104,8 @@ void* os_find_function(const OS_LIBRARY& library, const char* name) {
     const SYMBOLS tables = symbols_of(library);
     if (tables.symbols == nullptr || tables.names == nullptr)
         return nullptr;
-    for (std::uint32_t index = 0; index < tables.count(); ++index) {
+    const std::uint32_t count = tables.count(); // a walk through the whole hash table
+    for (std::uint32_t index = 0; index < count; ++index) {
         const ElfW(Sym)& symbol = tables.symbols[index];
         const bool is_old = tables.versions != nullptr && (tables.versions[index] & OLD_VERSION) != 0;
         if (symbol.st_shndx != SHN_UNDEF && ELF64_ST_TYPE(symbol.st_info) == STT_FUNC && !is_old &&

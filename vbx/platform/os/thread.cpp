@@ -1,10 +1,28 @@
 #include "vbx/platform/os/thread.h"
 
 #include <pthread.h>
+#include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <ctime>
 
 namespace {
 constinit __thread std::uint32_t cached_thread_id = 0;
+
+constexpr unsigned YIELDS_BEFORE_SLEEP = 64;
+constexpr long SLEEP_NS = 50'000;
+} // namespace
+
+void OS_PATIENCE::wait() {
+    if (m_rounds < YIELDS_BEFORE_SLEEP) {
+        ++m_rounds;
+        sched_yield();
+        return;
+    }
+    // The C library's sleep is a cancellation point; the bare call is none.
+    const timespec moment{0, SLEEP_NS};
+    syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &moment, nullptr);
 }
 
 std::uint32_t os_thread_id() {

@@ -1,14 +1,17 @@
 // Services of the kernel for the calling thread.
 #pragma once
 
-#include <sched.h>
-
 #include <cstdint>
 
-// Lets another thread have the processor.
-inline void os_yield() {
-    sched_yield();
-}
+// One wait for another thread. It yields the processor and, after some rounds, sleeps for moments: yielding
+// alone never gives the processor to a thread of lower priority. No cancellation point.
+class OS_PATIENCE {
+  public:
+    void wait();
+
+  private:
+    unsigned m_rounds = 0;
+};
 
 // Id of the calling thread: unique among live threads, reused after a thread has ended. A system call the
 // first time on each thread, a load afterwards.

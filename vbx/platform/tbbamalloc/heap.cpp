@@ -13,6 +13,8 @@ void* resize_either(void* block, std::size_t size) {
 }
 
 void give_back_either(void* block) {
+    if (tbbk_is_stray(block))
+        return __libc_free(block);
     __TBB_malloc_safer_free(block, __libc_free);
 }
 

@@ -33,10 +33,6 @@ void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept 
     tbbk_hook.exchange(tbbk_heap_is_abandoned() ? nullptr : callback);
 }
 
-tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept {
-    return tbbk_hook_now();
-}
-
 const void* tbbk_entry_frame() noexcept {
     return tbbk_frame;
 }

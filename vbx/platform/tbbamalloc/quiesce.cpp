@@ -25,10 +25,8 @@ bool wait_for_slot(TBBK_SLOT& slot, std::uint64_t deadline) noexcept {
             slot.parked.load(std::memory_order_acquire) != 0)
             return true;
         const std::uint64_t now = tbbk_now_ns();
-        if (now - start > suspicious_wait_ns && tbbk_slot_owner_is_gone(slot)) {
-            tbbk_slot_release(slot);
+        if (now - start > suspicious_wait_ns && tbbk_slot_collect_if_dead(slot))
             return true;
-        }
         if (now >= deadline)
             return false;
         if (round < 64)
@@ -61,6 +59,13 @@ bool take_turn(TBBK_SLOT& own, std::uint64_t deadline) noexcept {
     return is_owner;
 }
 
+void lower_gate(std::uint32_t tid) noexcept {
+    tbbk_gate.fetch_sub(tbbk_raiser_unit);
+    tbbk_futex_wake_all(tbbk_gate);
+    if (gate_owner.compare_exchange_strong(tid, 0))
+        tbbk_futex_wake_all(gate_owner);
+}
+
 } // namespace
 
 bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
@@ -82,14 +87,14 @@ bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
 void tbbk_quiesce_end() noexcept {
     const int saved_errno = errno;
     TBBK_SLOT& own = tbbk_slot_own();
-    if (own.raises != 0 && --own.raises == 0) {
-        tbbk_gate.fetch_sub(tbbk_raiser_unit);
-        tbbk_futex_wake_all(tbbk_gate);
-        std::uint32_t tid = own.tid.load(std::memory_order_relaxed);
-        if (gate_owner.compare_exchange_strong(tid, 0))
-            tbbk_futex_wake_all(gate_owner);
-    }
+    if (own.raises != 0 && --own.raises == 0)
+        lower_gate(own.tid.load(std::memory_order_relaxed));
     errno = saved_errno;
+}
+
+void tbbk_quiesce_drop(TBBK_SLOT& slot, std::uint32_t tid) noexcept {
+    if (slot.raises.exchange(0) != 0)
+        lower_gate(tid);
 }
 
 bool tbbk_quiesce_keep_only(TBBK_SLOT& own) noexcept {

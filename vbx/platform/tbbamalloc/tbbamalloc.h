@@ -28,9 +28,6 @@ extern "C" {
 // under way still reports to the hook that it read; tbbk_quiesce_begin waits for those.
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept;
 
-// The hook now installed, or null.
-tbbk_mem_tracker_callback tbbk_get_mem_tracker_callback() noexcept;
-
 // Whether the process's `malloc` really is the shim's. False means that no event will ever arrive: the shim
 // is not a direct dependency of the executable and not preloaded, so another malloc stands before it in the
 // search order. Takes the loader's lock: never call it from the hook.

@@ -1,5 +1,6 @@
 #include "vbx/platform/tbbamalloc/thread_slot.h"
 
+#include "vbx/platform/tbbamalloc/quiesce.h"
 #include "vbx/platform/tbbamalloc/start.h"
 #include "vbx/platform/tbbamalloc/thread_end.h"
 
@@ -15,6 +16,9 @@ namespace {
 
 constexpr std::size_t static_slots = 64;
 constexpr std::size_t chunk_slots = 1023;
+
+// In the place of a dead owner's tid while its slot is being collected. No thread has this number.
+constexpr std::uint32_t collector_mark = 0xFFFF'FFFF;
 
 struct CHUNK {
     std::atomic<CHUNK*> next;
@@ -52,10 +56,8 @@ TBBK_SLOT* claim_in_chunk(CHUNK& chunk, std::uint32_t tid) noexcept {
 std::size_t collect_dead_slots() noexcept {
     std::size_t collected = 0;
     for (TBBK_SLOT* slot = tbbk_slot_next(nullptr); slot != nullptr; slot = tbbk_slot_next(slot)) {
-        if (tbbk_slot_owner_is_gone(*slot)) {
-            tbbk_slot_release(*slot);
+        if (tbbk_slot_collect_if_dead(*slot))
             ++collected;
-        }
     }
     return collected;
 }
@@ -116,7 +118,7 @@ TBBK_SLOT& tbbk_slot_acquire() noexcept {
     } else {
         slot->depth.store(0, std::memory_order_relaxed);
         slot->parked.store(0, std::memory_order_relaxed);
-        slot->raises = 0;
+        tbbk_quiesce_drop(*slot, slot->tid.load(std::memory_order_relaxed)); // left by a dead namesake
         // Published before the keys are set: pthread_setspecific allocates for high key numbers.
         tbbk_own_slot = slot;
         tbbk_thread_end_arm(*slot);
@@ -126,14 +128,24 @@ TBBK_SLOT& tbbk_slot_acquire() noexcept {
 }
 
 void tbbk_slot_release(TBBK_SLOT& slot) noexcept {
+    // Nobody else would ever lower that gate, and the whole process would wait at it.
+    tbbk_quiesce_drop(slot, slot.tid.load(std::memory_order_relaxed));
     slot.depth.store(0, std::memory_order_release);
     slot.tid.store(0, std::memory_order_release);
 }
 
-bool tbbk_slot_owner_is_gone(const TBBK_SLOT& slot) noexcept {
-    const std::uint32_t tid = slot.tid.load(std::memory_order_acquire);
+bool tbbk_slot_collect_if_dead(TBBK_SLOT& slot) noexcept {
+    std::uint32_t tid = slot.tid.load(std::memory_order_acquire);
     // tkill and not tgkill: a task that shares this memory need not be of this thread group.
-    return tid != 0 && syscall(SYS_tkill, tid, 0) != 0 && errno == ESRCH;
+    if (tid == 0 || syscall(SYS_tkill, tid, 0) == 0 || errno != ESRCH)
+        return false;
+    // By one collector only: behind its release the slot may be a living thread's.
+    const std::uint32_t dead_tid = tid;
+    if (slot.tid.compare_exchange_strong(tid, collector_mark)) {
+        tbbk_quiesce_drop(slot, dead_tid);
+        tbbk_slot_release(slot);
+    }
+    return true;
 }
 
 TBBK_SLOT* tbbk_slot_next(TBBK_SLOT* slot) noexcept {

@@ -6,7 +6,7 @@
 //
 // Slots live outside the threads' own memory, because a thread that waits for all others reads every slot and
 // must not care whether its thread has just ended. A slot with tid 0 is free. Invariant: only the owner
-// writes `depth` and `raises`, except in a forked child, where the owners are gone.
+// writes `depth` and `raises` as long as it lives; a forked child is without the owners of the other slots.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@ struct alignas(64) TBBK_SLOT {
     std::atomic<std::uint32_t> depth;        // entry points that the thread is inside of
     std::atomic<std::uint32_t> parked;       // non-zero while the thread waits for its turn to raise the gate
     std::atomic<std::uint32_t> slow_entries; // entries that found the gate word non-zero
-    std::uint32_t raises;                    // gates that this thread keeps up
+    std::atomic<std::uint32_t> raises;       // gates that this thread keeps up
 };
 
 // The calling thread's slot, null before its first entry and after its last key destructor.
@@ -34,11 +34,12 @@ inline TBBK_SLOT& tbbk_slot_own() noexcept {
     return slot != nullptr ? *slot : tbbk_slot_acquire();
 }
 
-// Gives a slot back. Caller is its owner, or knows that the owner is gone.
+// Gives a slot back, and lowers what is still raised in it. Caller is its owner, or knows that the owner is
+// gone.
 void tbbk_slot_release(TBBK_SLOT& slot) noexcept;
 
-// Whether the thread that owns the slot no longer exists.
-bool tbbk_slot_owner_is_gone(const TBBK_SLOT& slot) noexcept;
+// Gives the slot back if the thread that owned it no longer exists; false when it does. May set errno.
+bool tbbk_slot_collect_if_dead(TBBK_SLOT& slot) noexcept;
 
 // Walks all slots in use: the first after `slot`, or the first of all for null; null behind the last.
 TBBK_SLOT* tbbk_slot_next(TBBK_SLOT* slot) noexcept;

@@ -1,4 +1,7 @@
 // Ways to wait that use neither a lock nor the heap: clock, futex, short sleep. All of them may set errno.
+//
+// The kernel is called directly where the C library's function is a cancellation point: a host's thread that
+// is cancelled in here would leave its slot marked, or the gate up for good.
 #pragma once
 
 #include <linux/futex.h>
@@ -20,7 +23,7 @@ inline std::uint64_t tbbk_now_ns() noexcept {
 // Sleeps long enough for another thread to get on, about 0.1 ms.
 inline void tbbk_wait_a_moment() noexcept {
     const timespec moment = {0, 100'000};
-    nanosleep(&moment, nullptr);
+    syscall(SYS_nanosleep, &moment, nullptr);
 }
 
 // Sleeps while the word holds `expected`, until a wake-up, a signal or the time limit, whichever is first.

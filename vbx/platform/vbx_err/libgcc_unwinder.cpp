@@ -4,7 +4,8 @@
 // libgcc finds the tables of a frame through the loader's lock-free lookup. It takes no lock and allocates
 // nothing, unless the process has registered unwind tables of generated code: then it holds a lock of its own
 // while it sorts them, and allocates inside. An event that comes from there must not unwind, or its thread
-// waits for itself; see allocated_by_libgcc.
+// waits for itself (see allocated_by_libgcc); and whoever calls for a stack must hold nothing that such an
+// event goes on to need.
 
 #include "vbx/platform/os/loaded_library.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"

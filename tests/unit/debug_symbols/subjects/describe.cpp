@@ -2,7 +2,7 @@
 //   describe LIBRARY|self MOST      loads the library; "self" stands for this program; MOST addresses spread
 //   over its code
 // Output: "0xADDRESS|function|file|line", the address as the symbol file counts.
-#include "vbx/platform/debug_symbols/debug_symbols.h"
+#include "tests/unit/debug_symbols/ask.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -51,22 +51,9 @@ int main(int argc, char** argv) {
     const std::uint64_t most = std::strtoull(argv[2], nullptr, 10);
     const std::uint64_t step = (range.end - range.start) / most + 1;
     for (std::uint64_t code = range.start; code < range.end; code += step) {
-        const std::uint64_t address = code + 1; // as a return address
-        SYM_LINE line;
-        SYM_STATUS status = sym_get_line_from_addr(address, line);
-        if (status == SYM_STATUS::module_not_listed) {
-            sym_refresh_module_list();
-            status = sym_get_line_from_addr(address, line);
-        }
-        const bool has_line = status == SYM_STATUS::found;
-        std::printf("0x%lx|", static_cast<unsigned long>(code - range.base));
-        char file[4096] = "";
-        if (has_line) {
-            std::snprintf(file, sizeof(file), "%s", line.file_name);
-        }
-        SYM_SYMBOL symbol;
-        const bool has_symbol = sym_from_addr(address, symbol);
-        std::printf("%s|%s|%u\n", has_symbol ? symbol.name : "", file, has_line ? line.line : 0);
+        const ANSWER answer = ask(code + 1); // as a return address
+        std::printf("0x%lx|%s|%s|%u\n", static_cast<unsigned long>(code - range.base),
+                    answer.function.c_str(), answer.file.c_str(), answer.line);
     }
     sym_release();
     return 0;

@@ -40,10 +40,30 @@ void mem_accept_incomplete_fileline_info() {
     incomplete_fileline_info_is_accepted = true;
 }
 
+namespace {
+
+// The frames behind the count are left as they are: nobody reads them, and clearing 50 words shows.
+void capture(MEM_CAPTURED_STACK& stack, std::int32_t capacity, std::int32_t skip) {
+    stack.capacity = capacity;
+    stack.count = mem_tbb_unwinder->capture_stack(stack.frames, capacity, skip, 0);
+}
+
+} // namespace
+
 MEM_CAPTURED_STACK mem_capture_stack() {
     MEM_CAPTURED_STACK stack;
-    stack.count = mem_tbb_unwinder->capture_stack(stack.frames, MEM_CAPTURE_FRAMES, 0, 0);
+    capture(stack, MEM_CAPTURE_FRAMES, 0);
     return stack;
+}
+
+MEM_CAPTURED_STACK mem_capture_deeper_stack() {
+    MEM_CAPTURED_STACK stack;
+    capture(stack, MEM_DEEP_CAPTURE_FRAMES, MEM_CAPTURE_FRAMES);
+    return stack;
+}
+
+bool mem_stack_goes_on(const MEM_CAPTURED_STACK& stack) {
+    return stack.capacity == MEM_CAPTURE_FRAMES && stack.count == MEM_CAPTURE_FRAMES;
 }
 
 MEM_ADDRESS_TRACKER& mem_attribute_stack(const std::uint64_t* frames, std::int32_t count) {
@@ -56,17 +76,4 @@ MEM_ADDRESS_TRACKER& mem_attribute_stack(const std::uint64_t* frames, std::int32
             return *site;
     }
     return mem_tbb_site_table->catch_all();
-}
-
-MEM_ADDRESS_TRACKER& mem_attribute_allocation(const MEM_CAPTURED_STACK& stack) {
-    MEM_ADDRESS_TRACKER& site = mem_attribute_stack(stack.frames, stack.count);
-    if (stack.count != MEM_CAPTURE_FRAMES || &site != &mem_tbb_site_table->catch_all())
-        return site;
-    std::uint64_t deep_frames[MEM_DEEP_CAPTURE_FRAMES];
-    std::int32_t count;
-    {
-        const MEM_SPIN_UNGUARD unguard(mem_site_lock);
-        count = mem_tbb_unwinder->capture_stack(deep_frames, MEM_DEEP_CAPTURE_FRAMES, MEM_CAPTURE_FRAMES, 0);
-    }
-    return mem_attribute_stack(deep_frames, count);
 }

@@ -18,12 +18,17 @@ inline constinit ERR_UNWINDER* mem_tbb_unwinder = nullptr;
 // Whether a frame without line information may be charged, under the file name "Unknown".
 void mem_accept_incomplete_fileline_info();
 
-// The stack of an allocation event as it is captured before any lock is taken.
+// Frames of a stack, innermost first. Captured before any lock is taken.
 struct MEM_CAPTURED_STACK {
-    std::uint64_t frames[MEM_CAPTURE_FRAMES] = {};
-    std::int32_t count = 0;
+    std::uint64_t frames[MEM_DEEP_CAPTURE_FRAMES];
+    std::int32_t count;
+    std::int32_t capacity;
 };
 MEM_CAPTURED_STACK mem_capture_stack();
+MEM_CAPTURED_STACK mem_capture_deeper_stack();
+
+// Whether more frames may lie behind these, and whether they would be looked at.
+bool mem_stack_goes_on(const MEM_CAPTURED_STACK& stack);
 
 // The record to charge: that of the first frame which the filter accepts, else the catch-all. Gives the site
 // lock up while it describes an address that the table doesn't know, so that no event waits for the lock
@@ -31,7 +36,3 @@ MEM_CAPTURED_STACK mem_capture_stack();
 // Throws std::bad_alloc, with the lock held.
 MEM_ADDRESS_TRACKER& mem_attribute_stack(const std::uint64_t* frames, std::int32_t count)
     MEM_REQUIRES(mem_site_lock);
-
-// The same for a captured stack; when all its frames were passed over and more may lie behind them, looks at
-// MEM_DEEP_CAPTURE_FRAMES more, and gives the lock up for that capture too.
-MEM_ADDRESS_TRACKER& mem_attribute_allocation(const MEM_CAPTURED_STACK& stack) MEM_REQUIRES(mem_site_lock);

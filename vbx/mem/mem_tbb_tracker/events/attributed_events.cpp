@@ -3,6 +3,7 @@
 #include "vbx/mem/base/tracker_gate.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
+#include "vbx/mem/mem_tbb_tracker/events/samples.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
@@ -10,26 +11,19 @@
 #include "vbx/platform/os/thread.h"
 
 #include <cstring>
-#include <new>
 
 namespace {
 
 // From this size on the allocator's blocks don't belong to a thread, and who frees them doesn't matter.
 constexpr std::uint64_t LARGEST_MISMATCHED_SIZE = 8128;
 
-struct NEW_BLOCK {
-    std::uint32_t mask;
-    void* block;
-    std::uint64_t requested_size;
-    std::uint64_t size;
-};
-
-void charge_site(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) MEM_REQUIRES(mem_site_lock) {
+void charge_site(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) MEM_REQUIRES(mem_site_lock) {
     if ((event.mask & MEM_COUNTS_SITES) != 0)
         mem_charge(site, event.size, event.requested_size);
 }
 
-void charge_module(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
+// Throws std::bad_alloc, with nothing charged.
+void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
     if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) == 0)
         return;
     const MEM_SPIN_GUARD guard(mem_module_lock);
@@ -38,48 +32,64 @@ void charge_module(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
     mem_store_module_tracker(site, &module_record);
 }
 
-MEM_ADDRESS_TRACKER& attribute_and_charge_site(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) {
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    MEM_ADDRESS_TRACKER& site = mem_attribute_allocation(stack);
-    charge_site(event, site);
-    return site;
-}
+enum class OUTCOME { charged, wants_deeper_stack };
 
-// False when the map could not take the block.
-bool record_live_block(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
-    const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
-    try {
-        mem_tbb_address_map->insert(event.block, {&site, keeps_thread ? os_thread_id() : 0});
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-}
-
-MEM_ADDRESS_TRACKER& charge_catch_all(const NEW_BLOCK& event) {
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    MEM_ADDRESS_TRACKER& site = mem_tbb_site_table->catch_all();
-    charge_site(event, site);
-    return site;
-}
-
-MEM_ADDRESS_TRACKER& move_charge_to_catch_all(const NEW_BLOCK& event, MEM_ADDRESS_TRACKER& site) {
+// Throws std::bad_alloc, with nothing charged.
+OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) {
+    MEM_ADDRESS_TRACKER* site;
     {
         const MEM_SPIN_GUARD guard(mem_site_lock);
-        if ((event.mask & MEM_COUNTS_SITES) != 0)
-            mem_undo_charge(site, event.size, event.requested_size);
+        site = &mem_attribute_stack(stack.frames, stack.count);
+        if (mem_stack_goes_on(stack) && site == &mem_tbb_site_table->catch_all())
+            return OUTCOME::wants_deeper_stack;
+        charge_site(event, *site);
     }
-    return charge_catch_all(event);
+    try {
+        const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
+        mem_tbb_address_map->insert(event.block, {site, keeps_thread ? os_thread_id() : 0});
+        charge_module(event, *site);
+    } catch (...) {
+        MEM_BLOCK_RECORD ignored;
+        mem_tbb_address_map->take(event.block, ignored);
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        if ((event.mask & MEM_COUNTS_SITES) != 0)
+            mem_undo_charge(*site, event.size, event.requested_size);
+        throw;
+    }
+    return OUTCOME::charged;
 }
 
-MEM_ADDRESS_TRACKER& charge_and_record(const NEW_BLOCK& event, const MEM_CAPTURED_STACK& stack) {
-    MEM_ADDRESS_TRACKER* site;
+// For a block that could not be recorded. Both records are there from the start of the tracker on; when a
+// reset has removed one, there may be no memory to make it again, and the block leaves no trace in it.
+void charge_catch_all(const MEM_EVENT& event) noexcept {
     try {
-        site = &attribute_and_charge_site(event, stack);
-    } catch (const std::bad_alloc&) {
-        return charge_catch_all(event);
+        MEM_ADDRESS_TRACKER* site;
+        {
+            const MEM_SPIN_GUARD guard(mem_site_lock);
+            site = &mem_tbb_site_table->catch_all();
+            charge_site(event, *site);
+        }
+        charge_module(event, *site);
+    } catch (...) {
     }
-    return record_live_block(event, *site) ? *site : move_charge_to_catch_all(event, *site);
+}
+
+// Behind the module record's update, so that the sample shows this event, and still inside the gate.
+void sample_modules(const MEM_EVENT& event) {
+    if (event.is_sample && (event.mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
+        mem_sample_modules();
+}
+
+OUTCOME charge_inside_gate(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) noexcept {
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    try {
+        if (charge_by_stack(event, stack) == OUTCOME::wants_deeper_stack)
+            return OUTCOME::wants_deeper_stack;
+    } catch (...) {
+        charge_catch_all(event);
+    }
+    sample_modules(event);
+    return OUTCOME::charged;
 }
 
 // What a free needs of its site once the site lock is released.
@@ -113,31 +123,27 @@ void credit_module(const CREDITED_SITE& site, std::uint64_t size) {
 
 } // namespace
 
-void mem_attribute_new_block(std::uint32_t mask, void* block, std::uint64_t requested_size,
-                             std::uint64_t size) noexcept {
-    // The longest step comes first, with nothing held.
-    const MEM_CAPTURED_STACK stack = mem_capture_stack();
-    const NEW_BLOCK event{mask, block, requested_size, size};
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
-    try {
-        charge_module(event, charge_and_record(event, stack));
-    } catch (const std::bad_alloc&) {
-        // Not even the catch-all record or the module record can be had; the block leaves no trace.
-    }
+void mem_attribute_new_block(const MEM_EVENT& event) noexcept {
+    // Stacks are walked with nothing held, neither a lock nor the gate: that is the longest step, and a walk
+    // can wait for a thread that is in the middle of an event itself (see the unwinder).
+    if (charge_inside_gate(event, mem_capture_stack()) == OUTCOME::wants_deeper_stack)
+        charge_inside_gate(event, mem_capture_deeper_stack());
 }
 
-void mem_credit_freed_block(std::uint32_t mask, void* block, std::uint64_t size) noexcept {
+void mem_credit_freed_block(const MEM_EVENT& event) noexcept {
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     MEM_BLOCK_RECORD record;
     // The entry is unlocked again before the site lock is taken.
-    const bool is_known = mem_tbb_address_map->take(block, record);
-    const bool is_mismatched = is_known && (mask & MEM_GRANULARITY_PER_FILELINE) != 0 &&
-                               size <= LARGEST_MISMATCHED_SIZE && record.thread_id != os_thread_id();
+    const bool is_known = mem_tbb_address_map->take(event.block, record);
+    const bool is_mismatched = is_known && (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0 &&
+                               event.size <= LARGEST_MISMATCHED_SIZE && record.thread_id != os_thread_id();
     try {
-        const CREDITED_SITE site = credit_site(mask, record.address_tracker_ptr, size, is_mismatched);
-        if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
-            credit_module(site, size);
-    } catch (const std::bad_alloc&) {
+        const CREDITED_SITE site =
+            credit_site(event.mask, record.address_tracker_ptr, event.size, is_mismatched);
+        if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
+            credit_module(site, event.size);
+    } catch (...) {
         // A record that a reset has removed can't be made again; there is nothing to credit.
     }
+    sample_modules(event);
 }

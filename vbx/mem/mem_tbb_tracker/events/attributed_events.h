@@ -7,9 +7,13 @@
 
 #include <cstdint>
 
-// mask            the event's copy
-// requested_size  bytes asked for, not 0
-// size            bytes of the slot
-void mem_attribute_new_block(std::uint32_t mask, void* block, std::uint64_t requested_size,
-                             std::uint64_t size) noexcept;
-void mem_credit_freed_block(std::uint32_t mask, void* block, std::uint64_t size) noexcept;
+struct MEM_EVENT {
+    std::uint32_t mask; // the event's copy
+    bool is_sample;     // whether it samples the timelines
+    void* block;
+    std::uint64_t requested_size; // bytes asked for, not 0; unused in a free
+    std::uint64_t size;           // bytes of the slot
+};
+
+void mem_attribute_new_block(const MEM_EVENT& event) noexcept;
+void mem_credit_freed_block(const MEM_EVENT& event) noexcept;

@@ -2,25 +2,33 @@
 
 #include "vbx/mem/mem_tbb_tracker/records/block_shards.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
 #include <new>
 
 namespace {
 
-// Bins and tags can't be opened yet. With none open everything is charged to "Root", which has id 0 in both
-// tables.
-constexpr MEM_BLOCK_BIN_RECORD ROOT{};
+// Where the free of a block that the shards don't know is credited.
+constexpr MEM_BLOCK_BIN_RECORD ROOT{MEM_ROOT_ID, MEM_ROOT_ID};
+
+MEM_BLOCK_BIN_RECORD current_bin_and_tag() {
+    MEM_PROFILE_BINS& bins = MEM_PROFILE_BINS::get_instance();
+    const std::uint32_t bin_id = bins.m_bins().get_curr_id();
+    return {bin_id, bins.m_tags().get_curr_id()};
+}
 
 } // namespace
 
 void mem_charge_bin_and_tag(void* block, std::uint64_t size) noexcept {
+    MEM_BLOCK_BIN_RECORD charged = current_bin_and_tag();
     try {
-        mem_tbb_block_shards->insert(block, ROOT);
+        mem_tbb_block_shards->insert(block, charged);
     } catch (const std::bad_alloc&) {
-        // The block is charged where the free of a block that the shards don't know is credited.
+        charged = ROOT;
     }
-    pbin_stats->add(ROOT.bin_id, size);
-    ptag_stats->add(ROOT.tag_id, size);
+    // Neither can fail: the tables have had room for an id since before it could be current.
+    pbin_stats->add(charged.bin_id, size);
+    ptag_stats->add(charged.tag_id, size);
 }
 
 void mem_credit_bin_and_tag(void* block, std::uint64_t size) noexcept {

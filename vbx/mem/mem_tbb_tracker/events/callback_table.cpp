@@ -105,10 +105,16 @@ namespace {
 
 void change_mask(std::uint32_t old_mask, std::uint32_t new_mask) MEM_REQUIRES(mem_granularity_lock) {
     mem_tbb_granularity.store(new_mask, std::memory_order_relaxed);
-    if (old_mask == 0 && new_mask != 0)
-        mem_table_add(mem_tbb_event_handler);
-    else if (old_mask != 0 && new_mask == 0)
-        mem_table_remove(mem_tbb_event_handler);
+    try {
+        if (old_mask == 0 && new_mask != 0)
+            mem_table_add(mem_tbb_event_handler);
+        else if (old_mask != 0 && new_mask == 0)
+            mem_table_remove(mem_tbb_event_handler);
+    } catch (...) {
+        // No memory for a new state of the table: the mask goes with the table as it is.
+        mem_tbb_granularity.store(old_mask, std::memory_order_relaxed);
+        throw;
+    }
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/events/attributed_events.h"
 #include "vbx/mem/mem_tbb_tracker/events/bin_events.h"
+#include "vbx/mem/mem_tbb_tracker/events/samples.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
@@ -40,42 +41,59 @@ void report_timeline_index(long long total) {
                          index, total);
 }
 
-void move_total(std::uint32_t mask, long long delta, bool sample) {
-    if ((mask & MEM_FEATURES) == 0)
+void move_total(const MEM_EVENT& event, long long delta) {
+    if ((event.mask & MEM_FEATURES) == 0)
         return;
     const long long total = mem_tracked_total_bytes().add(delta);
-    if (sample)
+    if (event.is_sample)
         report_timeline_index(total);
 }
 
+// The block counts in a sample of the bins either way: it is charged before and credited behind.
+
+void charge_bins(const MEM_EVENT& event) {
+    mem_charge_bin_and_tag(event.block, event.size);
+    if (event.is_sample)
+        mem_sample_bins_and_tags();
+}
+
+void credit_bins(const MEM_EVENT& event, bool is_peak) {
+    if (is_peak)
+        mem_snapshot_bin_and_tag_peaks();
+    if (event.is_sample)
+        mem_sample_bins_and_tags();
+    mem_credit_bin_and_tag(event.block, event.size);
+}
+
 void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint64_t size) {
-    const std::uint32_t mask = mem_current_mask();
-    const bool sample = tick_is_sample();
-    if ((mask & MEM_ATTRIBUTED) != 0)
-        mem_attribute_new_block(mask, block, requested_size, size);
-    if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
-        mem_charge_bin_and_tag(block, size);
-    if ((mask & MEM_COUNTS_GLOBALLY) != 0)
+    const MEM_EVENT event{mem_current_mask(), tick_is_sample(), block, requested_size, size};
+    if ((event.mask & MEM_ATTRIBUTED) != 0)
+        mem_attribute_new_block(event);
+    if ((event.mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
+        charge_bins(event);
+    if (event.is_sample)
+        mem_sample_labels_and_auxiliary(event.mask);
+    if ((event.mask & MEM_COUNTS_GLOBALLY) != 0)
         mem_global_stats().add_block(size);
-    move_total(mask, static_cast<long long>(size), sample);
+    move_total(event, static_cast<long long>(size));
 }
 
 void mem_tbb_on_free(void* block, std::uint64_t size) {
     const std::uint32_t mask = mem_current_mask();
     // First of all and outside the gate: recording a peak enters it as a cat. The total still holds the
     // block.
-    const bool peak = (mask & MEM_FEATURES) != 0 && mem_tbb_check_threshold_peak();
-    const bool sample = tick_is_sample() || peak;
+    const bool is_peak = (mask & MEM_FEATURES) != 0 && mem_tbb_check_threshold_peak();
+    const bool is_tick = tick_is_sample();
+    const MEM_EVENT event{mask, is_tick || is_peak, block, 0, size};
     if ((mask & MEM_ATTRIBUTED) != 0)
-        mem_credit_freed_block(mask, block, size);
+        mem_credit_freed_block(event);
     if ((mask & MEM_COUNTS_GLOBALLY) != 0)
         mem_global_stats().remove_block(size);
-    if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0) {
-        if (peak)
-            mem_snapshot_bin_and_tag_peaks();
-        mem_credit_bin_and_tag(block, size);
-    }
-    move_total(mask, -static_cast<long long>(size), sample);
+    if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
+        credit_bins(event, is_peak);
+    if (event.is_sample)
+        mem_sample_labels_and_auxiliary(mask);
+    move_total(event, -static_cast<long long>(size));
 }
 
 } // namespace

@@ -3,5 +3,6 @@
 
 #include "vbx/mem/base/tracker_gate.h"
 
-// From tracker start to teardown.
-inline constinit MEM_TRACKER_GATE* mem_tbb_gate = nullptr;
+// Never freed: a thread that waits in it while the tracker is torn down still finds a gate to leave.
+inline constinit MEM_TRACKER_GATE mem_tracker_gate;
+inline constinit MEM_TRACKER_GATE* const mem_tbb_gate = &mem_tracker_gate;

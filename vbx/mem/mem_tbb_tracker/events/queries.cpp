@@ -1,5 +1,6 @@
 // The queries that copy records out. Both pass the gate as a mouse, so that the records can't be cleared
-// under them.
+// under them. Their own heap use, and that of a signal handler on their thread, must not ask for the gate a
+// second time.
 
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/base/thread_state.h"
@@ -8,14 +9,15 @@
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 
 #include <vbx/mem/trackers.h>
 
 bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
     MEM_CHECK(mem_tbb_tracker_is_inited());
-    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+    const MEM_TRACKER_USE use;
+    if (!use)
         return false;
-    // Making a catch-all record allocates; that event must not ask for the gate a second time.
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     if (address == nullptr) {
@@ -31,8 +33,10 @@ bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
 
 bool mem_get_module_tracker(const std::string& name, MEMORY_TRACKER_BASE& tracker) {
     MEM_CHECK(mem_tbb_tracker_is_inited());
-    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+    const MEM_TRACKER_USE use;
+    if (!use)
         return false;
+    const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     const MEM_SPIN_GUARD guard(mem_module_lock);
     const MEMORY_TRACKER_BASE* const module_record = mem_tbb_module_map->find(name);

@@ -1,5 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
@@ -9,8 +10,10 @@
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 
 #include <vbx/mem/peaks.h>
+#include <vbx/mem/timelines.h>
 
 #include <algorithm>
 
@@ -75,10 +78,14 @@ bool mem_tbb_check_threshold_peak() noexcept {
 }
 
 void mem_tbb_tracking_flush_peak() {
+    const MEM_LONG_OPERATION operation;
+    const MEM_TRACKER_USE use;
+    if (!use)
+        return;
     const std::int64_t peak = mem_threshold_peak_bytes.load(relaxed);
     if (peak > mem_flushed_peak_bytes.load(relaxed)) {
-        mem_flushed_peak_bytes.store(peak, relaxed);
         keep_figures_of_this_stretch();
+        mem_flushed_peak_bytes.store(peak, relaxed);
     }
     if ((mem_current_mask() & MEM_FEATURES) != 0) {
         mem_msg_debug("Memory tracking: memory threshold peak was reset from %lld",
@@ -92,7 +99,7 @@ void mem_tbb_tracking_flush_peak() {
     }
     mem_threshold_peak_bytes.store(0, relaxed);
     mem_next_peak_bytes.store(MEM_FIRST_PEAK_BYTES, relaxed);
-    // A flush also samples every timeline; that step comes with the timelines.
+    mem_user_snapshot_tracking_data();
 }
 
 void mem_tbb_apply_final_peak() {

@@ -69,6 +69,10 @@ class MEM_ADDRESS_MAP {
         return true;
     }
 
+    // Forgets all blocks; their nodes go back to the pool. Only for a cat of the gate: nothing else may be
+    // using the map.
+    void clear() { m_entries.clear(); }
+
   private:
     using POOL = tbb::memory_pool<MEM_POOL_MEMORY>;
     using ENTRY = std::pair<const void* const, MEM_BLOCK_RECORD>;

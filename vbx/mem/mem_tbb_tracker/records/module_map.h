@@ -22,6 +22,16 @@ class MEM_MODULE_MAP {
     MEMORY_TRACKER_BASE& find_or_create(std::string_view name) MEM_REQUIRES(mem_module_lock);
     // Null when there is none.
     const MEMORY_TRACKER_BASE* find(std::string_view name) const MEM_REQUIRES(mem_module_lock);
+    // Forgets all records. Only for a cat of the gate that clears the sites too: these point into the map.
+    void clear() MEM_REQUIRES(mem_module_lock) { m_records.clear(); }
+
+    // Calls visit(const std::string& name, const MEMORY_TRACKER_BASE&) for every entry, in byte order of the
+    // names.
+    template <class VISIT>
+    void for_each(VISIT visit) const MEM_REQUIRES(mem_module_lock) {
+        for (const auto& [name, record] : m_records)
+            visit(name, record);
+    }
 
   private:
     std::map<std::string, MEMORY_TRACKER_BASE, std::less<>> m_records;

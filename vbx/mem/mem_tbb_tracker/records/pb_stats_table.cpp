@@ -1,25 +1,10 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 
-#include <bit>
+#include "vbx/mem/base/thread_state.h"
 
 namespace {
 
 constexpr std::uint64_t ONE_HOLDER = std::uint64_t{1} << 32;
-
-struct PLACE {
-    std::size_t segment;
-    std::size_t offset;
-};
-
-std::size_t segment_length(std::size_t segment) {
-    return std::size_t{1} << segment;
-}
-
-PLACE place_of(std::uint32_t id) {
-    const std::uint64_t position = std::uint64_t{id} + 1;
-    const auto segment = static_cast<std::size_t>(std::bit_width(position) - 1);
-    return {segment, position - segment_length(segment)};
-}
 
 } // namespace
 
@@ -50,22 +35,28 @@ class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::EXCLUSIVE_SCOPE {
 };
 
 MEM_PB_STATS_TABLE::MEM_PB_STATS_TABLE() {
-    m_segments[0].store(new MEM_PB_STATS[segment_length(0)], std::memory_order_relaxed);
+    make_room_for(0);
 }
 
-MEM_PB_STATS_TABLE::~MEM_PB_STATS_TABLE() {
-    for (auto& segment : m_segments)
-        delete[] segment.load(std::memory_order_relaxed);
+void MEM_PB_STATS_TABLE::make_room_for(std::uint32_t id) {
+    if (m_entries.has_room_for(id))
+        return;
+    // On a host's thread nothing else keeps the event of this allocation off the table, under this very lock.
+    const MEM_BLOCK_SCOPE own_heap_use;
+    const MEM_SPIN_GUARD guard(grow_lock);
+    m_entries.make_room_for(id);
 }
 
 void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
+    // Like the gate's, these waits yield: nobody can see it, and who is waited for may need the processor.
+    OS_PATIENCE patience;
     for (;;) {
         while (waiters.load(std::memory_order_relaxed) != 0)
-            os_yield();
+            patience.wait();
         if (users.fetch_add(1, std::memory_order_acquire) < ONE_HOLDER)
             return;
         users.fetch_sub(1, std::memory_order_relaxed);
-        os_yield();
+        patience.wait();
     }
 }
 
@@ -75,6 +66,7 @@ void MEM_PB_STATS_TABLE::leave_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
 
 void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
     mem_rank_acquire(MEM_LOCK_RANK::leaf);
+    OS_PATIENCE patience;
     for (;;) {
         waiters.fetch_add(1, std::memory_order_relaxed);
         const bool was_free = users.fetch_add(ONE_HOLDER, std::memory_order_acquire) == 0;
@@ -83,7 +75,7 @@ void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
         waiters.fetch_sub(1, std::memory_order_relaxed);
         if (was_free)
             return;
-        os_yield();
+        patience.wait();
     }
 }
 
@@ -93,8 +85,7 @@ void MEM_PB_STATS_TABLE::leave_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 MEM_PB_STATS& MEM_PB_STATS_TABLE::at(std::uint32_t id) const {
-    const PLACE place = place_of(id);
-    return m_segments[place.segment].load(std::memory_order_acquire)[place.offset];
+    return m_entries[id];
 }
 
 MEM_PB_STATS* MEM_PB_STATS_TABLE::find(std::uint32_t id) const {
@@ -102,10 +93,8 @@ MEM_PB_STATS* MEM_PB_STATS_TABLE::find(std::uint32_t id) const {
 }
 
 void MEM_PB_STATS_TABLE::grow_to_hold(std::uint32_t id) {
+    make_room_for(id);
     const MEM_SPIN_GUARD guard(grow_lock);
-    for (std::size_t segment = 0; segment <= place_of(id).segment; ++segment)
-        if (m_segments[segment].load(std::memory_order_relaxed) == nullptr)
-            m_segments[segment].store(new MEM_PB_STATS[segment_length(segment)], std::memory_order_release);
     if (m_size.load(std::memory_order_relaxed) <= id)
         m_size.store(std::size_t{id} + 1, std::memory_order_release);
 }
@@ -148,7 +137,13 @@ void MEM_PB_STATS_TABLE::restore_peak() {
     for_each([](MEM_PB_STATS& stats) { stats.peak_bytes.store(stats.saved_peak_bytes); });
 }
 
-std::size_t MEM_PB_STATS_TABLE::size() {
+void MEM_PB_STATS_TABLE::clear() {
+    const EXCLUSIVE_SCOPE exclusive(*this);
+    for_each([](MEM_PB_STATS& stats) { stats = MEM_PB_STATS{}; });
+    m_size.store(0, std::memory_order_release);
+}
+
+std::size_t MEM_PB_STATS_TABLE::size() const {
     return m_size.load(std::memory_order_acquire);
 }
 
@@ -156,4 +151,24 @@ MEM_PB_STATS MEM_PB_STATS_TABLE::entry(std::uint32_t id) {
     const EXCLUSIVE_SCOPE exclusive(*this);
     const MEM_PB_STATS* const stats = find(id);
     return stats != nullptr ? *stats : MEM_PB_STATS{};
+}
+
+// The scope holds the table, which the analysis can't see from in here.
+std::int64_t MEM_PB_STATS_TABLE::STILL::current_bytes(std::uint32_t id) const MEM_NO_THREAD_SAFETY_ANALYSIS {
+    return m_table.at(id).current_bytes.load();
+}
+
+// Whatever others do meanwhile, the entry stays where it is until the teardown, and its figures are atomic.
+MEM_PB_FIGURES MEM_PB_STATS_TABLE::figures(std::uint32_t id) const MEM_NO_THREAD_SAFETY_ANALYSIS {
+    const MEM_PB_STATS* const stats = find(id);
+    if (stats == nullptr)
+        return {};
+    return {stats->max_bytes.load(), stats->peak_bytes.load(), stats->cumulative_bytes.load(),
+            stats->current_bytes.load()};
+}
+
+void MEM_PB_STATS_TABLE::reset_modes() {
+    users.store(0, std::memory_order_relaxed);
+    waiters.store(0, std::memory_order_relaxed);
+    grow_lock.reset();
 }

@@ -5,10 +5,10 @@
 #pragma once
 
 #include "vbx/mem/base/spin_lock.h"
+#include "vbx/mem/base/stable_array.h"
 
 #include <vbx/mem/stats.h>
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 
@@ -20,15 +20,26 @@ struct MEM_PB_STATS {
     std::int64_t saved_peak_bytes = 0;              // peak_bytes at the last flush that found a new peak
 };
 
+// A copy for reports.
+struct MEM_PB_FIGURES {
+    std::int64_t max_bytes = 0;
+    std::int64_t peak_bytes = 0;
+    std::int64_t cumulative_bytes = 0;
+    std::int64_t current_bytes = 0;
+};
+
 class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
   public:
-    // Has room for id 0 from the start, so charging that never fails. Throws std::bad_alloc.
+    // Has room for id 0 from the start. Throws std::bad_alloc.
     MEM_PB_STATS_TABLE();
-    ~MEM_PB_STATS_TABLE();
     MEM_PB_STATS_TABLE(const MEM_PB_STATS_TABLE&) = delete;
     MEM_PB_STATS_TABLE& operator=(const MEM_PB_STATS_TABLE&) = delete;
 
-    // Charges an id; the table grows to hold it. Throws std::bad_alloc, with nothing charged.
+    // Room for an id, which the size does not tell yet: from here on charging it never fails. The memory is
+    // the tracker's own, on whatever thread. Throws std::bad_alloc.
+    void make_room_for(std::uint32_t id);
+    // Charges an id; the table grows to hold it. Throws std::bad_alloc, with nothing charged, when there is
+    // no room yet and can't be made.
     void add(std::uint32_t id, std::uint64_t size);
     // Credits an id. One that the table doesn't hold was taken out by a reset while blocks of it were live;
     // there is nothing left to subtract from then, and nothing happens.
@@ -38,9 +49,22 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     void save_peak();     // saved peak = peak
     void restore_peak();  // peak = saved peak
 
-    std::size_t size();
+    // Empties the table; the room stays. A charge in flight on another thread is wholly before it or wholly
+    // behind it.
+    void clear();
+
+    std::size_t size() const;
     // Copy of one entry; all 0 for an id that the table doesn't hold.
     MEM_PB_STATS entry(std::uint32_t id);
+    // The four figures that reports show, as they stand. Takes no mode and holds up no event: each figure is
+    // read by itself, while others may be charging, growing or emptying the table.
+    MEM_PB_FIGURES figures(std::uint32_t id) const;
+
+    // In a forked child: nobody is inside, whoever was.
+    void reset_modes();
+
+    // The table held still for as long as it lives: charges wait, none is half done.
+    class STILL;
 
   private:
     void enter_shared() MEM_ACQUIRE_SHARED(this);
@@ -57,10 +81,8 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     template <class CHANGE>
     void for_each(CHANGE change) MEM_REQUIRES(this);
 
-    // Entries never move, so that shared users can index while another one grows the table: segment s holds
-    // the ids 2^s - 1 to 2^(s+1) - 2 and comes into being with the first of them.
-    static constexpr std::size_t SEGMENT_COUNT = 33;
-    std::array<std::atomic<MEM_PB_STATS*>, SEGMENT_COUNT> m_segments{};
+    // Entries never move, so that shared users can index while another one grows the table.
+    MEM_STABLE_ARRAY<MEM_PB_STATS> m_entries;
     // Highest id ever charged plus one.
     std::atomic<std::size_t> m_size{0};
     // Low half: users in shared mode; high half: holders of the exclusive mode.
@@ -68,6 +90,24 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     // Threads that want the exclusive mode.
     std::atomic<std::uint32_t> waiters{0};
     MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
+};
+
+class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::STILL {
+  public:
+    explicit STILL(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE(table) : m_table(table) {
+        m_table.enter_exclusive();
+    }
+    ~STILL() MEM_RELEASE() { m_table.leave_exclusive(); }
+    STILL(const STILL&) = delete;
+    STILL& operator=(const STILL&) = delete;
+
+    // Highest id charged plus one.
+    std::size_t size() const { return m_table.m_size.load(std::memory_order_relaxed); }
+    // Of an id below that.
+    std::int64_t current_bytes(std::uint32_t id) const;
+
+  private:
+    MEM_PB_STATS_TABLE& m_table;
 };
 
 // From tracker start to teardown.

@@ -1,12 +1,14 @@
 #include "vbx/mem/mem_tbb_tracker/records/peak_snapshot.h"
 
 void MEM_PEAK_SNAPSHOT::save(MEM_SITE_TABLE& sites) {
-    m_figures.clear();
-    m_figures.reserve(sites.size());
-    sites.for_each([this](const MEM_ADDRESS_TRACKER& site) {
+    // Made aside: when there is no memory for it, the old one stands.
+    decltype(m_figures) figures;
+    figures.reserve(sites.size());
+    sites.for_each([&figures](const MEM_ADDRESS_TRACKER& site) {
         if (site.peak_bytes != 0)
-            m_figures[site.address] = {site.peak_bytes, site.peak_blocks};
+            figures[site.address] = {site.peak_bytes, site.peak_blocks};
     });
+    m_figures.swap(figures);
 }
 
 void MEM_PEAK_SNAPSHOT::restore(MEM_SITE_TABLE& sites) const {

@@ -1,16 +1,14 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 
+#include "vbx/mem/base/fnv1a.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 
 std::size_t MEM_ADDRESS_HASH::operator()(std::uint64_t address) const {
-    std::uint64_t hash = 0xcbf29ce484222325;
-    for (int byte = 0; byte < 8; ++byte) {
-        hash ^= (address >> (8 * byte)) & 0xFF;
-        hash *= 0x100000001b3;
-    }
-    return hash;
+    // Its bytes in memory, lowest first.
+    return mem_fnv1a({reinterpret_cast<const char*>(&address), sizeof address});
 }
 
 MEM_ADDRESS_TRACKER* MEM_SITE_TABLE::find(std::uint64_t address) {
@@ -24,6 +22,10 @@ MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::insert(const MEM_ADDRESS_TRACKER& record) {
 
 MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() {
     return m_records[0];
+}
+
+void MEM_SITE_TABLE::clear() {
+    m_records = decltype(m_records)(); // an empty list would keep the buckets
 }
 
 void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {

@@ -33,6 +33,8 @@ class MEM_SITE_TABLE {
     MEM_ADDRESS_TRACKER& insert(const MEM_ADDRESS_TRACKER& record) MEM_REQUIRES(mem_site_lock);
     // The record under key 0, made if it is missing. Throws std::bad_alloc.
     MEM_ADDRESS_TRACKER& catch_all() MEM_REQUIRES(mem_site_lock);
+    // Forgets all records, the catch-all too, and gives the buckets back. Only for a cat of the gate.
+    void clear() MEM_REQUIRES(mem_site_lock);
     std::size_t size() const MEM_REQUIRES(mem_site_lock) { return m_records.size(); }
 
     // Calls visit(MEM_ADDRESS_TRACKER&) for every entry, in no order.

@@ -1,8 +1,10 @@
 // One line an allocation site, highest peak first.
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_text.h"
+#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 
 #include <vbx/mem/reports.h>
 
@@ -45,6 +47,9 @@ void write_row(MEM_REPORT_LINE& line, const MEM_ADDRESS_TRACKER& site) {
 } // namespace
 
 bool mem_dump_tbb_fileline_tracking(std::ostream& stream) {
+    const MEM_LONG_OPERATION operation;
+    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+        return true;
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_REPORT_TIMER timer;
     MEM_REPORT_LINE line(stream);

@@ -10,6 +10,7 @@
 #include <vbx/mem/stats.h>
 
 #include <algorithm>
+#include <fstream>
 #include <vector>
 
 namespace {
@@ -42,7 +43,7 @@ constexpr const char* FAST_REPORT_RULE = "===============================";
 bool write_head_of_new_fast_report(const std::string& name) {
     if (std::ifstream(name))
         return true;
-    std::ofstream stream = mem_open_report(name);
+    MEM_REPORT_FILE stream = mem_open_report(name);
     stream << "For more detail, use INI mem_check_leaks=on\n\n";
     return stream.good();
 }
@@ -51,7 +52,7 @@ bool write_head_of_new_fast_report(const std::string& name) {
 
 void mem_write_full_leak_report() {
     const std::vector<MEM_ADDRESS_TRACKER> sites = leaking_sites();
-    std::ofstream stream =
+    MEM_REPORT_FILE stream =
         mem_open_report(zv_mode_is_on() ? ZV_FILE : mem_report_file_name("mem_tbb_leak_warning."));
     if (!stream)
         return;
@@ -76,7 +77,7 @@ void mem_write_fast_leak_report() {
     const std::string name = zv_mode_is_on() ? ZV_FILE : "mem_tbb_fast_leak_warning.log";
     if (!write_head_of_new_fast_report(name))
         return;
-    std::ofstream stream = mem_open_report_for_append(name);
+    MEM_REPORT_FILE stream = mem_open_report_for_append(name);
     if (!stream)
         return;
     // The block leaves in one piece, so those of several processes don't mix.

@@ -14,6 +14,13 @@ MEM_REPORT_LINE& MEM_REPORT_LINE::number(std::int64_t number) {
     return number_in_field(number, 0);
 }
 
+MEM_REPORT_LINE& MEM_REPORT_LINE::unsigned_number(std::uint64_t number) {
+    char digits[24];
+    const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    m_line.append(digits, static_cast<std::size_t>(end - digits));
+    return *this;
+}
+
 MEM_REPORT_LINE& MEM_REPORT_LINE::number_in_field(std::int64_t number, std::size_t width) {
     char digits[24];
     const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
@@ -48,12 +55,26 @@ void MEM_REPORT_LINE::end() {
 MEM_REPORT_TIMER::MEM_REPORT_TIMER() : m_start(os_clock()) {}
 
 void MEM_REPORT_TIMER::write_footer(std::ostream& stream) const {
-    MEM_REPORT_LINE line(stream);
+    write({&stream},
+          [](MEM_REPORT_LINE& line, std::int32_t clicks) { line.real(static_cast<float>(clicks)); });
+}
+
+void MEM_REPORT_TIMER::write_timeline_footer(std::initializer_list<std::ostream*> streams) const {
+    write(streams, [](MEM_REPORT_LINE& line, std::int32_t clicks) { line.number(clicks); });
+}
+
+void MEM_REPORT_TIMER::write(std::initializer_list<std::ostream*> streams, WRITE_CLICKS write_clicks) const {
     if (m_start == -1) {
-        line.text("Error timing this dump.").end();
+        for (std::ostream* stream : streams)
+            MEM_REPORT_LINE(*stream).text("Error timing this dump.").end();
         return;
     }
-    const auto clicks = static_cast<float>(static_cast<std::int32_t>(os_clock() - m_start));
-    line.text("Time spent dumping:\t").real(clicks).text(" clicks.\t");
-    line.real(clicks / static_cast<float>(OS_CLICKS_PER_SECOND)).text(" seconds.").end();
+    const auto clicks = static_cast<std::int32_t>(os_clock() - m_start);
+    for (std::ostream* stream : streams) {
+        MEM_REPORT_LINE line(*stream);
+        line.text("Time spent dumping:\t");
+        write_clicks(line, clicks);
+        line.text(" clicks.\t").real(static_cast<float>(clicks) / static_cast<float>(OS_CLICKS_PER_SECOND));
+        line.text(" seconds.").end();
+    }
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -16,6 +17,7 @@ class MEM_REPORT_LINE {
     // Texts stand as they are, without quoting.
     MEM_REPORT_LINE& text(std::string_view text);
     MEM_REPORT_LINE& number(std::int64_t number);
+    MEM_REPORT_LINE& unsigned_number(std::uint64_t number);
     // Right-aligned in a field of `width` blanks, which grows when the number is longer.
     MEM_REPORT_LINE& number_in_field(std::int64_t number, std::size_t width);
     // 16 upper-case hexadecimal digits.
@@ -39,7 +41,13 @@ class MEM_REPORT_TIMER {
     // "Time spent dumping:", clicks and seconds; "Error timing this dump." when the clock failed at the
     // start.
     void write_footer(std::ostream& stream) const;
+    // The same of a timeline, which gives the clicks as a whole number however many they are. All its outputs
+    // tell the same time.
+    void write_timeline_footer(std::initializer_list<std::ostream*> streams) const;
 
   private:
+    using WRITE_CLICKS = void (*)(MEM_REPORT_LINE& line, std::int32_t clicks);
+    void write(std::initializer_list<std::ostream*> streams, WRITE_CLICKS write_clicks) const;
+
     std::int64_t m_start;
 };

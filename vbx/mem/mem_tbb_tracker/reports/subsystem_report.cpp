@@ -1,10 +1,13 @@
 // One line a module, highest peak first: the site records added up by the name of their module.
 
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_text.h"
+#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 
 #include <vbx/mem/reports.h>
 
@@ -39,11 +42,12 @@ std::vector<SUBSYSTEM> add_up_subsystems() {
     return {sums.begin(), sums.end()};
 }
 
-// The highest figure that is known of the module. The highest sample of its timeline joins in when there is a
-// module timeline; the peak alone is a floor for it.
+// The highest figure that is known of the module: that of its timeline, or its peak if no sample was as high.
 void fill_max_bytes(std::vector<SUBSYSTEM>& subsystems) {
+    const MEM_TIMELINE_GUARD section(mem_module_timeline->section);
     for (auto& [name, sum] : subsystems)
-        sum.max_bytes = sum.peak_bytes;
+        sum.max_bytes =
+            std::max(sum.peak_bytes, mem_module_timeline->highest_bytes(name).value_or(sum.peak_bytes));
 }
 
 bool is_reported(const SUBSYSTEM& subsystem) {
@@ -65,6 +69,9 @@ void write_row(MEM_REPORT_LINE& line, const SUBSYSTEM& subsystem, bool with_max_
 } // namespace
 
 bool mem_dump_tbb_subsystem_tracking(std::ostream& stream) {
+    const MEM_LONG_OPERATION operation;
+    if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
+        return true;
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_REPORT_TIMER timer;
     const bool with_max_bytes = mem_report_flags.library;

@@ -24,7 +24,8 @@ struct MEM_FALLBACK_COUNTERS {
 inline constinit MEM_FALLBACK_COUNTERS mem_fallback_counters;
 
 // Keeps an object whose type has a destructor from being destroyed: events come behind all destructors of the
-// process. It is there from the load on, because it needs no code to come into being.
+// process, and the destructor that the exit runs here does nothing. The object is constant-initialised: it is
+// there before any code of the library has run.
 template <class T>
 union MEM_IMMORTAL {
     T object;

@@ -17,6 +17,7 @@ void mem_destroy_executable_tag() {
 void mem_set_tbb_exe_string(const char* exe_string) {
     MEM_CHECK(exe_string != nullptr);
     MEM_CHECK(mem_tbb_exe_string != nullptr);
+    // The text before was allocated untracked, so its free must not be seen either.
     const MEM_BLOCK_SCOPE own_heap_use;
     *mem_tbb_exe_string = exe_string;
 }

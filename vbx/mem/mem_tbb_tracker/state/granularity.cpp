@@ -1,18 +1,15 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 
 namespace {
-constinit MEM_SPIN_LOCK init_lock{MEM_LOCK_RANK::innermost};
-constinit bool started MEM_GUARDED_BY(init_lock) = false;
+constinit std::atomic<bool> started{false};
 } // namespace
 
 bool mem_tbb_tracker_is_inited() {
-    const MEM_SPIN_GUARD guard(init_lock);
-    return started;
+    return started.load(std::memory_order_acquire);
 }
 
 void mem_mark_tracker_started() {
-    const MEM_SPIN_GUARD guard(init_lock);
-    started = true;
+    started.store(true, std::memory_order_release);
 }
 
 bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits) {
@@ -20,6 +17,5 @@ bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits) {
 }
 
 void mem_reset_state_locks() {
-    init_lock.reset();
     mem_granularity_lock.reset();
 }

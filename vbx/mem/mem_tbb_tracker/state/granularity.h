@@ -29,7 +29,8 @@ inline std::uint32_t mem_current_mask() {
     return mem_tbb_granularity.load(std::memory_order_relaxed);
 }
 
-// The started flag: set once, never cleared, also not by the teardown.
+// The started flag: set once, never cleared, also not by the teardown. Every attributed event looks at it, so
+// it is one word that only changes once and not a lock for all threads to meet at.
 bool mem_tbb_tracker_is_inited();
 void mem_mark_tracker_started();
 

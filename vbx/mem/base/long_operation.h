@@ -1,0 +1,20 @@
+// Operations of hosts that hold a lock for long and allocate meanwhile: reports, flushes, the shutdown.
+//
+// A fork keeps other threads out of the allocator. A thread that then waits there with the site lock held
+// would hold up the events that are still inside, and the fork would wait for those. So a fork first waits,
+// in front of the allocator's gate, until no such operation runs.
+#pragma once
+
+class MEM_LONG_OPERATION {
+  public:
+    MEM_LONG_OPERATION();
+    ~MEM_LONG_OPERATION();
+    MEM_LONG_OPERATION(const MEM_LONG_OPERATION&) = delete;
+    MEM_LONG_OPERATION& operator=(const MEM_LONG_OPERATION&) = delete;
+};
+
+// Around a fork. The wait is bounded: a fork that comes out of a report itself, or meets one that is stuck,
+// goes ahead.
+void mem_hold_long_operations();
+void mem_release_long_operations();
+void mem_reset_long_operations_after_fork();
