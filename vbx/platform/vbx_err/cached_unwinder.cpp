@@ -24,7 +24,7 @@ struct REGISTERS {
 
 // Stack words as they are: other functions' frames, which sanitizers keep from being read.
 using STACK_WORD [[gnu::may_alias]] = std::uint64_t;
-[[gnu::always_inline, gnu::no_sanitize("address")]] inline std::uint64_t stack_word(std::uintptr_t address) {
+[[gnu::always_inline, gnu::no_sanitize_address]] inline std::uint64_t stack_word(std::uintptr_t address) {
     return *reinterpret_cast<const STACK_WORD*>(address);
 }
 
@@ -33,8 +33,8 @@ enum class WALK { is_complete, needs_rbp, needs_libgcc };
 
 // Walks up from a frame, at most to `stack_end`.
 // rbp  whether its register is given; if not, a frame that is found by it ends the walk with needs_rbp
-[[gnu::no_sanitize("address")]] WALK walk(REGISTERS frame, RBP rbp, std::uintptr_t stack_end,
-                                          ERR_CAPTURE& capture) {
+[[gnu::no_sanitize_address]] WALK walk(REGISTERS frame, RBP rbp, std::uintptr_t stack_end,
+                                       ERR_CAPTURE& capture) {
     ERR_FRAME_RULES rules;
     for (;;) {
         if (frame.rip == 0)

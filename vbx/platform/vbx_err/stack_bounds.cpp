@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
 namespace {
@@ -44,7 +45,8 @@ bool is_main_thread() {
 void find_end() {
     const std::uintptr_t end = is_main_thread() ? getauxval(AT_RANDOM) : pthread_self();
     stack.readable = end & ~(PAGE - 1);
-    // Last: a handler that comes in between begins again.
+    // Last, for the compiler too: a handler that comes in between begins again.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     stack.end = end & ~std::uintptr_t{7};
 }
 

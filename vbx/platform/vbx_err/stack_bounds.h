@@ -1,7 +1,8 @@
 // Which part of the calling thread's stack may be read.
 //
 // A rule that is right never leads outside a stack; this is for one that is wrong (broken unwind
-// information), so that it costs frames and not the process.
+// information), so that it costs frames and not the process. What is mapped below a stack without a guard
+// page counts as part of it, up to 64 MB.
 #pragma once
 
 #include <cstdint>
