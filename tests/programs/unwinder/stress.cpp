@@ -21,6 +21,7 @@ extern "C" [[gnu::visibility("default")]] int nest(int depth) {
     return sum;
 }
 
+static std::atomic<int> faults = 0, rounds = 500;
 static ucontext_t outside, inside;
 static char coroutine_stack[1 << 18], signal_stack[1 << 18];
 
@@ -44,8 +45,6 @@ static void use_foreign_stacks() {
     }
 }
 
-static std::atomic<int> faults = 0, rounds = 500;
-
 int main(int count, char** arguments) {
     if (count < 3) {
         use_foreign_stacks();
@@ -66,7 +65,8 @@ int main(int count, char** arguments) {
         void* const library = dlopen(arguments[1 + rounds % 2], RTLD_NOW);
         void* const function = dlsym(library, "nest");
         faults += reinterpret_cast<int (*)(int)>(function)(10) != 11;
-        same += function == std::exchange(last, function);
+        same += function == last;
+        last = function;
         dlclose(library);
     }
     forker.join();
