@@ -14,7 +14,8 @@
 #include <thread>
 
 extern "C" [[gnu::visibility("default")]] int nest(int depth) {
-    volatile char room[FRAME_SIZE] = {1};
+    volatile char room[FRAME_SIZE];
+    room[0] = 1;
     void* volatile block = std::malloc(10);
     const int sum = (depth > 0 ? nest(depth - 1) : 0) + room[0];
     std::free(block);
