@@ -51,8 +51,8 @@ class SYMBOL_TEST : public testing::Test {
 
     // What the shell prints, in the folder.
     std::string run(const std::string& command) const {
-        const TEST_OUTCOME outcome = test_run_child({{"sh", "-c", command}, {}, ""}, folder);
-        if (outcome.end() != "exit 0")
+        const TEST_OUTCOME outcome = test_run_child({{"sh", "-c", command}}, folder);
+        if (outcome.end != "exit 0")
             throw std::runtime_error(command + ": " + outcome.standard_error);
         return outcome.standard_output;
     }
