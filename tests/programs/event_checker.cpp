@@ -16,7 +16,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -27,40 +26,25 @@
 #include <map>
 #include <new>
 #include <string>
-#include <utility>
 
+extern "C" void* __libc_malloc(std::size_t size) noexcept;
+extern "C" void __libc_free(void* block) noexcept;
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
 
 namespace {
 
-// Nodes on pages of its own: a checker that used the heap would have events itself.
-template <class NODE>
-struct PAGES {
-    using value_type = NODE;
-    static inline constinit NODE* fresh = nullptr;
-    static inline constinit std::size_t fresh_count = 0;
-    static inline constinit void** freed = nullptr;
-
-    PAGES() = default;
+// The C library's own heap, behind the shim's back: with the shim the checker would have events itself.
+template <class T>
+struct UNSEEN_HEAP {
+    using value_type = T;
+    UNSEEN_HEAP() = default;
     template <class OTHER>
-    explicit PAGES(const PAGES<OTHER>&) {}
-    NODE* allocate(std::size_t) {
-        if (freed != nullptr)
-            return reinterpret_cast<NODE*>(std::exchange(freed, static_cast<void**>(*freed)));
-        if (fresh_count == 0) {
-            fresh_count = 10'000;
-            fresh = static_cast<NODE*>(mmap(nullptr, fresh_count * sizeof(NODE), PROT_READ | PROT_WRITE,
-                                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        }
-        --fresh_count;
-        return fresh++;
-    }
-    void deallocate(NODE* node, std::size_t) {
-        freed = new (node) void*(std::exchange(freed, reinterpret_cast<void**>(node)));
-    }
+    explicit UNSEEN_HEAP(const UNSEEN_HEAP<OTHER>&) {}
+    T* allocate(std::size_t count) { return static_cast<T*>(__libc_malloc(count * sizeof(T))); }
+    void deallocate(T* block, std::size_t) { __libc_free(block); }
 };
 using LIVE_BLOCKS = std::map<std::uintptr_t, std::uint64_t, std::less<>,
-                             PAGES<std::pair<const std::uintptr_t, std::uint64_t>>>;
+                             UNSEEN_HEAP<std::pair<const std::uintptr_t, std::uint64_t>>>;
 
 struct VERDICT {
     long long allocations = 0;

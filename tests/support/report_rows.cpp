@@ -73,20 +73,6 @@ std::vector<TEST_ROW> test_read_report(const std::string& path, const std::strin
     return rows;
 }
 
-std::vector<TEST_LEAK> test_read_leaks(const std::string& path) {
-    const auto lines = lines_of(path, "MEM: TBB Leak Checking Summary.");
-    std::vector<TEST_LEAK> leaks;
-    std::int64_t total = 0;
-    for (std::size_t index = 2; index + 2 < lines.size(); ++index) {
-        const std::smatch parts =
-            parts_of(lines[index], ".* leaked (-?\\d+) bytes in (-?\\d+) object\\(s\\) allocated at (.*)");
-        leaks.push_back({parts[3], std::stoll(parts[1]), std::stoll(parts[2])});
-        total += leaks.back().bytes;
-    }
-    parts_of(lines.back(), ("Total leaked bytes: " + std::to_string(total)).c_str());
-    return leaks;
-}
-
 void test_add(TEST_FIGURES& sum, const TEST_FIGURES& figures) {
     std::ranges::transform(sum, figures, sum.begin(), std::plus());
 }

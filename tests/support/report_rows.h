@@ -31,16 +31,9 @@ struct TEST_ROW {
     std::string function;
 };
 
-struct TEST_LEAK {
-    std::string place; // "file:line function"
-    std::int64_t bytes = 0;
-    std::int64_t blocks = 0;
-};
-
 // `kind` is Fileline or Subsystem. Throws std::runtime_error, with the line in question, for a file that is
-// missing or misshapen; so does the next one, also when the total isn't the sum of the rows.
+// missing or misshapen.
 std::vector<TEST_ROW> test_read_report(const std::string& path, const std::string& kind);
-std::vector<TEST_LEAK> test_read_leaks(const std::string& path);
 
 void test_add(TEST_FIGURES& sum, const TEST_FIGURES& figures);
 TEST_FIGURES test_sum(const std::vector<TEST_ROW>& rows);

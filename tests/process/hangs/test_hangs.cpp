@@ -11,6 +11,7 @@ struct DANGER {
     std::string name;
     std::vector<std::string> arguments;
     std::string report = "mem_tbb_fileline.tvx.log";
+    friend void PrintTo(const DANGER& one, std::ostream* stream) { *stream << one.name; }
 };
 
 class Dangers : public testing::TestWithParam<DANGER> {};

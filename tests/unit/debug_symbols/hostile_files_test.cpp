@@ -8,7 +8,7 @@
 
 namespace {
 
-class HOSTILE_FILES : public SYMBOL_TEST, public testing::WithParamInterface<const char*> {
+class HOSTILE_FILES : public SYMBOL_TEST, public testing::WithParamInterface<std::string> {
   protected:
     // Reads a file as far as it can be read and counts the answers for addresses all over it.
     int interrogate(const std::string& contents) const {
@@ -35,7 +35,7 @@ class HOSTILE_FILES : public SYMBOL_TEST, public testing::WithParamInterface<con
 };
 
 TEST_P(HOSTILE_FILES, cut_short_or_with_random_bytes) {
-    const std::string whole = test_read_file(SUBJECTS + std::string(GetParam()) + ".so");
+    const std::string whole = test_read_file(SUBJECTS + GetParam() + ".so");
     ASSERT_GT(interrogate(whole), 100);
     for (std::size_t size = 0; size < whole.size(); size += whole.size() / 60 + 1)
         interrogate(whole.substr(0, size));
@@ -58,6 +58,6 @@ TEST_P(HOSTILE_FILES, cut_short_or_with_random_bytes) {
 
 INSTANTIATE_TEST_SUITE_P(subjects, HOSTILE_FILES,
                          testing::Values("gcc_dwarf4", "gcc_dwarf5", "clang_dwarf4", "clang_dwarf5"),
-                         [](const auto& test) { return std::string(test.param); });
+                         [](const auto& test) { return test.param; });
 
 } // namespace

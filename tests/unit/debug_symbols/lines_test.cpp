@@ -12,6 +12,7 @@ namespace {
 struct CASE {
     const char* subject; // null: this program
     const char* oracle;  // binutils' misreads DWARF 5 at times and knows no .dwo files
+    friend void PrintTo(const CASE& one, std::ostream* stream) { *stream << one.oracle; }
 };
 
 struct CODE {
