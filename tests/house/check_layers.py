@@ -6,53 +6,33 @@
 import os
 import re
 import sys
+from graphlib import CycleError, TopologicalSorter
 from pathlib import Path
 
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*(?:"([^"]+)"|<(vbx/[^>]+)>)', re.MULTILINE)
 PUBLIC = "include"
 
 
-def layers_of(readme):
-    """The first words of the lines of the first fenced block, bottom first."""
-    block = readme.read_text().split("```")[1]
-    return [line.split()[0] for line in block.splitlines() if line.strip()]
-
-
 def layer_of(path, layers):
     """The longest listed folder that holds the file; None when there is none."""
-    if path.startswith(PUBLIC + "/"):
-        return PUBLIC
-    holders = [layer for layer in layers if path.startswith(layer + "/")]
-    longest = max(holders, key=len, default=None)
+    longest = max((layer for layer in layers if path.startswith(layer + "/")), key=len, default=None)
     # Files of the folder on top lie directly in it: a new folder beside them has to be listed.
-    if longest == "vbx/mem" and path.count("/") > 2:
-        return None
-    return longest
-
-
-def find_included(root, includer, name):
-    """The path of an included file of ours, else None (a header of the system or of a dependency)."""
-    for folder in ("", PUBLIC, os.path.dirname(includer)):
-        candidate = os.path.normpath(os.path.join(folder, name))
-        if (root / candidate).is_file():
-            return candidate
-    return None
+    return None if longest == "vbx/mem" and path.count("/") > 2 else longest
 
 
 def read_includes(root):
+    """path -> the included files of ours; headers of the system and of dependencies are passed over."""
     graph = {}
-    for top in ("vbx", PUBLIC):
-        for file in sorted((root / top).rglob("*")):
-            if file.suffix in (".h", ".cpp"):
-                path = file.relative_to(root).as_posix()
-                names = [quoted or angled for quoted, angled in INCLUDE.findall(file.read_text())]
-                found = (find_included(root, path, name) for name in names)
-                graph[path] = [target for target in found if target]
+    for file in sorted(file for top in ("vbx", PUBLIC) for file in (root / top).rglob("*") if file.suffix in (".h", ".cpp")):
+        path = file.relative_to(root).as_posix()
+        names = [quoted or angled for quoted, angled in INCLUDE.findall(file.read_text())]
+        candidates = ([os.path.normpath(os.path.join(folder, name)) for folder in ("", PUBLIC, os.path.dirname(path))]
+                      for name in names)
+        graph[path] = [target for found in candidates for target in found if (root / target).is_file()]
     return graph
 
 
 def breaches_of_order(graph, layers):
-    rank = {layer: index for index, layer in enumerate([PUBLIC] + layers)}
     for path, targets in graph.items():
         own = layer_of(path, layers)
         if own is None:
@@ -60,29 +40,21 @@ def breaches_of_order(graph, layers):
             continue
         for target in targets:
             other = layer_of(target, layers)
-            if other is not None and rank[other] > rank[own]:
+            if other is not None and layers.index(other) > layers.index(own):
                 yield f"{path}: includes {target}, which stands above it"
 
 
 def circles(graph):
-    done, under_way = set(), []
-
-    def visit(path):
-        if path in under_way:
-            yield "a circle: " + " -> ".join(under_way[under_way.index(path):] + [path])
-        if path in done or path in under_way:
-            return
-        under_way.append(path)
-        for target in graph.get(path, []):
-            yield from visit(target)
-        done.add(under_way.pop())
-
-    for path in graph:
-        yield from visit(path)
+    try:
+        TopologicalSorter(graph).prepare()
+    except CycleError as error:
+        yield "a circle: " + " <- ".join(error.args[1])
 
 
 def check(root):
-    layers = layers_of(root / "vbx/README.md")
+    # The first words of the lines of the README's first fenced block, bottom first.
+    block = (root / "vbx/README.md").read_text().split("```")[1]
+    layers = [PUBLIC] + [line.split()[0] for line in block.splitlines() if line.strip()]
     graph = read_includes(root)
     if not graph:
         return [f"no sources below {root}"]

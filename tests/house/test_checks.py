@@ -31,28 +31,23 @@ class Checks(unittest.TestCase):
 
     def test_layers(self):
         self.assertEqual(check_layers.check(self.tree({})), [])
-        faults = {
-            "upward": ({"vbx/platform/os/clock.h": '#include "vbx/mem/base/lock.h"\n'}, "stands above it"),
-            "upward, by a relative name": ({"vbx/mem/base/lock.h": '#  include "../start.h"\n', "vbx/mem/start.h": ""},
-                                           "stands above it"),
-            "public on private": ({"include/vbx/part.h": '#include "vbx/mem/base/lock.h"\n'}, "stands above it"),
-            "circle in one layer": ({"vbx/mem/base/lock.h": '#include "vbx/mem/base/rank.h"\n',
-                                     "vbx/mem/base/rank.h": '#include "vbx/mem/base/lock.h"\n'}, "circle"),
-            "unlisted folder": ({"vbx/mem/extra/new.cpp": ""}, "not listed"),
-            "unlisted platform folder": ({"vbx/platform/extra/new.cpp": ""}, "not listed"),
-        }
-        for name, (changes, message) in faults.items():
-            with self.subTest(name):
+        faults = [
+            ({"vbx/platform/os/clock.h": '#include "vbx/mem/base/lock.h"\n'}, "stands above it"),
+            ({"vbx/mem/base/lock.h": '#  include "../start.h"\n', "vbx/mem/start.h": ""}, "stands above it"),
+            ({"include/vbx/part.h": '#include "vbx/mem/base/lock.h"\n'}, "stands above it"),
+            ({"vbx/mem/base/lock.h": '#include "rank.h"\n', "vbx/mem/base/rank.h": '#include "lock.h"\n'}, "circle"),
+            ({"vbx/mem/extra/new.cpp": ""}, "not listed"),
+            ({"vbx/platform/extra/new.cpp": ""}, "not listed"),
+        ]
+        for changes, message in faults:
+            with self.subTest(changes):
                 found = check_layers.check(self.tree(changes))
                 self.assertTrue(any(message in line for line in found), found)
 
     def test_sources(self):
         folder = "/" + "home" + "/someone"
-        tree = self.tree({
-            "vbx/long.cpp": "\n" * (check_sources.LONGEST_FILE + 1),
-            "docs/paths.md": f"see {folder}/notes\n",
-            "build/generated.cpp": f"// {folder}\n" * 1000,
-        })
+        tree = self.tree({"vbx/long.cpp": "\n" * (check_sources.LONGEST_FILE + 1), "docs/paths.md": f"see {folder}/notes\n",
+                          "build/generated.cpp": f"// {folder}\n" * 1000})
         self.assertEqual([line.split(":")[0] for line in check_sources.check_size(tree)], ["vbx/long.cpp"])
         self.assertEqual([line.split(":")[0] for line in check_sources.check_paths(tree)], ["docs/paths.md"])
 
@@ -61,9 +56,7 @@ class Checks(unittest.TestCase):
         real, check_binaries.exported_symbols = check_binaries.exported_symbols, lambda library: ["kept", "new"]
         self.addCleanup(setattr, check_binaries, "exported_symbols", real)
         found = check_binaries.check_exports("library", str(tree / "list.txt"))
-        self.assertIn("-gone", found)
-        self.assertIn("+new", found)
-        self.assertNotIn("-kept", found)
+        self.assertEqual([line for line in found if line[1:] in ("kept", "gone", "new")], ["-gone", "+new"])
 
 
 if __name__ == "__main__":

@@ -11,8 +11,6 @@
 // program and all its modules are gone: no event comes between verdict and reports, so their figures must be
 // equal. What the tracker had counted before is in a report that is taken at the attach.
 
-#include "tests/programs/live_blocks.h"
-
 #include <vbx/mem.h>
 
 #include <fcntl.h>
@@ -25,11 +23,28 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <map>
+#include <new>
 #include <string>
 
+extern "C" void* __libc_malloc(std::size_t size) noexcept;
+extern "C" void __libc_free(void* block) noexcept;
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
 
 namespace {
+
+// The C library's own heap, behind the shim's back: with the shim the checker would have events itself.
+template <class T>
+struct UNSEEN_HEAP {
+    using value_type = T;
+    UNSEEN_HEAP() = default;
+    template <class OTHER>
+    explicit UNSEEN_HEAP(const UNSEEN_HEAP<OTHER>&) {}
+    T* allocate(std::size_t count) { return static_cast<T*>(__libc_malloc(count * sizeof(T))); }
+    void deallocate(T* block, std::size_t) { __libc_free(block); }
+};
+using LIVE_BLOCKS = std::map<std::uintptr_t, std::uint64_t, std::less<>,
+                             UNSEEN_HEAP<std::pair<const std::uintptr_t, std::uint64_t>>>;
 
 struct VERDICT {
     long long allocations = 0;
@@ -38,11 +53,11 @@ struct VERDICT {
     long long double_allocations = 0;
     long long unknown_frees = 0;
     long long size_mismatches = 0;
-    long long frees_of_older_blocks = 0; // live before the attach, and known to the tracker
 };
 
 constinit VERDICT verdict;
-constinit LIVE_BLOCKS live_blocks;
+alignas(LIVE_BLOCKS) constinit char live_blocks_memory[sizeof(LIVE_BLOCKS)] = {}; // never destroyed
+constinit LIVE_BLOCKS* live_blocks = nullptr;
 constinit std::atomic_flag lock = ATOMIC_FLAG_INIT;
 constinit std::atomic<bool> is_attached{false};
 constinit char verdict_file[512] = {};
@@ -65,37 +80,32 @@ void check_allocation(std::uintptr_t block, std::uint64_t size) {
     const LOCKED locked;
     ++verdict.allocations;
     verdict.live_bytes += static_cast<long long>(size);
-    if (!live_blocks.insert(block, size))
+    if (!live_blocks->insert_or_assign(block, size).second)
         ++verdict.double_allocations;
 }
 
 void check_free(std::uintptr_t block, std::uint64_t size) {
-    std::uint64_t known_size = 0;
     {
         const LOCKED locked;
         ++verdict.frees;
         verdict.live_bytes -= static_cast<long long>(size);
-        if (live_blocks.take(block, known_size)) {
-            if (known_size != size)
-                ++verdict.size_mismatches;
+        if (const auto found = live_blocks->find(block); found != live_blocks->end()) {
+            verdict.size_mismatches += found->second != size;
+            live_blocks->erase(found);
             return;
         }
     }
-    // The tracker still has the block: it learns of this free behind us.
+    // A block from before the attach the tracker still has: it learns of this free behind us.
     MEM_ADDRESS_TRACKER site;
-    const bool is_older = mem_get_address_tracker(reinterpret_cast<void*>(block), site);
+    const bool is_known = mem_get_address_tracker(reinterpret_cast<void*>(block), site);
     const LOCKED locked;
-    ++(is_older ? verdict.frees_of_older_blocks : verdict.unknown_frees);
+    verdict.unknown_frees += !is_known;
 }
 
 void before(void* block, std::uint64_t, std::uint64_t allocated_size, bool is_allocation) {
     if (!is_attached.load(std::memory_order_relaxed) || depth++ != 0)
         return;
-    const auto address = reinterpret_cast<std::uintptr_t>(block);
-    if (is_allocation)
-        check_allocation(address, allocated_size);
-    else
-        check_free(address, allocated_size);
+    (is_allocation ? check_allocation : check_free)(reinterpret_cast<std::uintptr_t>(block), allocated_size);
 }
 
 void after(void*, std::uint64_t, std::uint64_t, bool) {
@@ -111,9 +121,9 @@ void give_verdict(void*) {
     const int length =
         std::snprintf(text, sizeof text,
                       "allocations=%lld\nfrees=%lld\nlive_bytes=%lld\ndouble_allocations=%lld\n"
-                      "unknown_frees=%lld\nsize_mismatches=%lld\nfrees_of_older_blocks=%lld\n",
+                      "unknown_frees=%lld\nsize_mismatches=%lld\n",
                       verdict.allocations, verdict.frees, verdict.live_bytes, verdict.double_allocations,
-                      verdict.unknown_frees, verdict.size_mismatches, verdict.frees_of_older_blocks);
+                      verdict.unknown_frees, verdict.size_mismatches);
     const int descriptor = open(verdict_file, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (descriptor >= 0 && write(descriptor, text, static_cast<std::size_t>(length)) == length)
         close(descriptor);
@@ -132,20 +142,19 @@ void surround_handler() {
     mem_add_callback_function(after);
 }
 
-void name_files_and_report_start(const char* folder) {
-    const std::string name = std::string(program_invocation_short_name) + "." + std::to_string(getpid());
-    std::snprintf(verdict_file, sizeof verdict_file, "%s/verdict.%s", folder, name.c_str());
-    std::ofstream at_attach(std::string(folder) + "/at_attach." + name);
-    mem_dump_tbb_fileline_tracking(at_attach);
-}
-
 [[gnu::constructor]] void attach() {
     const char* const folder = std::getenv("VBX_TEST_VERDICTS");
     if (folder == nullptr)
         return;
     // Nothing of this may be in the figures of either side.
     mem_block_thread_tracking();
-    name_files_and_report_start(folder);
+    live_blocks = new (live_blocks_memory) LIVE_BLOCKS;
+    {
+        const std::string name = std::string(program_invocation_short_name) + "." + std::to_string(getpid());
+        std::snprintf(verdict_file, sizeof verdict_file, "%s/verdict.%s", folder, name.c_str());
+        std::ofstream at_attach(std::string(folder) + "/at_attach." + name);
+        mem_dump_tbb_fileline_tracking(at_attach);
+    }
     surround_handler();
     // The child of a fork is not tracked.
     pthread_atfork(nullptr, nullptr, [] { is_attached = false; });

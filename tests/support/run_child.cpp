@@ -1,6 +1,5 @@
 #include "tests/support/run_child.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -14,34 +13,29 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <system_error>
 
 namespace {
 
-[[noreturn]] void fail(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
+int checked(long result, const char* what) {
+    if (result < 0)
+        throw std::system_error(errno, std::generic_category(), what);
+    return static_cast<int>(result);
 }
 
 // A file in memory: the child never waits for a reader, and its working directory stays empty.
-class CAPTURE {
-  public:
-    explicit CAPTURE(const std::string& content = {}) : m_descriptor(memfd_create("capture", MFD_CLOEXEC)) {
-        if (m_descriptor < 0 ||
-            write(m_descriptor, content.data(), content.size()) != static_cast<ssize_t>(content.size()))
-            fail("capture file");
-        lseek(m_descriptor, 0, SEEK_SET);
-    }
-    ~CAPTURE() { close(m_descriptor); }
-    CAPTURE(const CAPTURE&) = delete;
-    CAPTURE& operator=(const CAPTURE&) = delete;
+int capture(const std::string& content = {}) {
+    const int descriptor = checked(memfd_create("capture", MFD_CLOEXEC), "memfd_create");
+    checked(write(descriptor, content.data(), content.size()), "write");
+    lseek(descriptor, 0, SEEK_SET);
+    return descriptor;
+}
 
-    int descriptor() const { return m_descriptor; }
-    std::string text() const { return test_read_file("/proc/self/fd/" + std::to_string(m_descriptor)); }
-
-  private:
-    int m_descriptor;
-};
+std::string take_text(int descriptor) {
+    const std::string text = test_read_file("/proc/self/fd/" + std::to_string(descriptor));
+    close(descriptor);
+    return text;
+}
 
 std::vector<char*> pointers(std::vector<std::string>& strings) {
     std::vector<char*> result;
@@ -63,35 +57,28 @@ std::vector<std::string> environment_strings(const TEST_ENVIRONMENT& own, const 
     return strings;
 }
 
-TEST_OUTCOME wait_for_end(pid_t child, unsigned seconds) {
-    const int watched = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
-    if (watched < 0)
-        fail("pidfd_open");
-    pollfd ready{watched, POLLIN, 0};
-    TEST_OUTCOME outcome;
-    outcome.hung = poll(&ready, 1, static_cast<int>(seconds * 1000)) == 0;
-    close(watched);
+std::string wait_for_end(pid_t child) {
+    pollfd ready{checked(syscall(SYS_pidfd_open, child, 0), "pidfd_open"), POLLIN, 0};
+    const bool is_hung = poll(&ready, 1, 60'000) == 0;
+    close(ready.fd);
     // Also when the child has ended: what it left behind would go on beside the next test.
     kill(-child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);
-    if (WIFEXITED(status))
-        outcome.exit_status = WEXITSTATUS(status);
-    else
-        outcome.signal = WTERMSIG(status);
-    return outcome;
+    if (is_hung)
+        return "hang";
+    return WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                             : "signal " + std::to_string(WTERMSIG(status));
 }
 
 } // namespace
 
 TEST_DIRECTORY::TEST_DIRECTORY() : m_path(std::filesystem::temp_directory_path() / "vbx_test_XXXXXX") {
-    if (mkdtemp(m_path.data()) == nullptr)
-        fail("mkdtemp");
+    checked(mkdtemp(m_path.data()) == nullptr ? -1 : 0, "mkdtemp");
 }
 
 TEST_DIRECTORY::~TEST_DIRECTORY() {
     std::error_code ignored;
-    std::filesystem::permissions(m_path, std::filesystem::perms::owner_all, ignored);
     std::filesystem::remove_all(m_path, ignored);
 }
 
@@ -104,54 +91,40 @@ std::vector<std::string> TEST_DIRECTORY::files(const std::string& prefix) const 
     return names;
 }
 
-std::string TEST_OUTCOME::end() const {
-    if (hung)
-        return "hang";
-    return signal != 0 ? "signal " + std::to_string(signal) : "exit " + std::to_string(exit_status);
-}
-
 TEST_OUTCOME test_run_child(const TEST_COMMAND& command, const TEST_DIRECTORY& directory) {
-    const CAPTURE input(command.input);
-    const CAPTURE output;
-    const CAPTURE error;
+    const int streams[] = {capture(command.input), capture(), capture()};
     std::vector<std::string> arguments = command.arguments;
     std::vector<std::string> environment = environment_strings(command.environment, directory.path());
     const std::vector<char*> argv = pointers(arguments);
     const std::vector<char*> envp = pointers(environment);
-
-    const pid_t child = fork();
-    if (child < 0)
-        fail("fork");
+    const pid_t child = checked(fork(), "fork");
     if (child == 0) {
         setpgid(0, 0);
-        dup2(input.descriptor(), STDIN_FILENO);
-        dup2(output.descriptor(), STDOUT_FILENO);
-        dup2(error.descriptor(), STDERR_FILENO);
+        for (int number = 0; number < 3; ++number)
+            dup2(streams[number], number);
         if (chdir(directory.path().c_str()) == 0)
             execvpe(argv[0], argv.data(), envp.data());
         _exit(127);
     }
     setpgid(child, child);
-    TEST_OUTCOME outcome = wait_for_end(child, command.seconds);
-    outcome.standard_output = output.text();
-    outcome.standard_error = error.text();
-    return outcome;
+    const std::string end = wait_for_end(child);
+    close(streams[0]);
+    return {end, take_text(streams[1]), take_text(streams[2])};
 }
 
-TEST_ENVIRONMENT test_preload(const std::vector<std::string>& more_libraries) {
-    std::string list = VBX_TEST_LIBRARIES "/libtbbamalloc.so " VBX_TEST_LIBRARIES "/libvbx_mem_preload.so";
-    for (const std::string& library : more_libraries)
-        list += " " + library;
-    return {{"LD_PRELOAD", list}, {"TARVANE_MEM_PRELOAD_TAG", "%e.%p"}};
+TEST_ENVIRONMENT test_preload(const std::string& more_libraries) {
+    const std::string own =
+        VBX_TEST_LIBRARIES "/libtbbamalloc.so " VBX_TEST_LIBRARIES "/libvbx_mem_preload.so ";
+    return {{"LD_PRELOAD", own + more_libraries}, {"TARVANE_MEM_PRELOAD_TAG", "%e.%p"}};
 }
 
 TEST_ENVIRONMENT test_all_switches() {
-    TEST_ENVIRONMENT all;
+    TEST_ENVIRONMENT all = {{"debug_msg", "on"}};
     for (const char* const feature :
          {"PROFILE_ALL", "PROFILE_PER_BIN", "PROFILE_BIN_TAG_PLOT", "PROFILE_PER_LIBRARY",
           "PROFILE_PER_FILELINE", "PROFILE_AUXILIARY_TIMELINE", "CHECK_LEAKS", "CHECK_LEAKS_FAST"})
         all["TARVANE_MEM_" + std::string(feature)] = "1";
-    return all + TEST_ENVIRONMENT{{"debug_msg", "on"}};
+    return all;
 }
 
 TEST_ENVIRONMENT operator+(TEST_ENVIRONMENT left, const TEST_ENVIRONMENT& right) {

@@ -1,7 +1,5 @@
-// Runs a program as a child process and keeps all that can be seen of it from outside.
-//
-// Whatever the child is given (a preload list first of all) is set in the child alone: a test runner that ran
-// under the library itself would test something else.
+// Runs a program as a child process and keeps all that can be seen of it from outside. What the child is
+// given (a preload list first of all) is set in the child alone.
 #pragma once
 
 #include <map>
@@ -29,27 +27,22 @@ using TEST_ENVIRONMENT = std::map<std::string, std::string>;
 
 struct TEST_COMMAND {
     std::vector<std::string> arguments; // the program first, looked up in PATH
-    TEST_ENVIRONMENT environment;       // beside a small fixed one; nothing of the runner's own but PATH
-    std::string input;                  // standard input
-    unsigned seconds = 60;              // hard limit, after which the whole process group is killed
+    TEST_ENVIRONMENT environment = {};  // beside a small fixed one; nothing of the runner's own but PATH
+    std::string input = {};
 };
 
 struct TEST_OUTCOME {
-    bool hung = false;
-    int exit_status = -1; // -1 when a signal ended it
-    int signal = 0;
+    std::string end; // "exit 0", "signal 11", "hang"
     std::string standard_output;
     std::string standard_error;
-
-    // One word and a number for messages: "exit 0", "signal 11", "hang".
-    std::string end() const;
 };
 
-// Runs the command in `directory` and waits for its end. Throws std::system_error when it can't be started.
+// Runs the command in `directory` and waits for its end, a minute at most; then its whole process group is
+// killed. Throws std::system_error when it can't be started.
 TEST_OUTCOME test_run_child(const TEST_COMMAND& command, const TEST_DIRECTORY& directory);
 
 // The variables that bring the library into an unmodified program, and those that turn every feature on.
-TEST_ENVIRONMENT test_preload(const std::vector<std::string>& more_libraries = {});
+TEST_ENVIRONMENT test_preload(const std::string& more_libraries = "");
 TEST_ENVIRONMENT test_all_switches();
 TEST_ENVIRONMENT operator+(TEST_ENVIRONMENT left, const TEST_ENVIRONMENT& right);
 

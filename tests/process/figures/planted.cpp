@@ -4,12 +4,12 @@
 //     all of them -> some are freed -> [64 MiB block: the high tide] -> more are freed -> the end
 //
 // What is live at the high tide is each site's peak: nothing else in the process comes near it.
-
 #include "planted.h"
 
 #include <vbx/mem.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <new>
 #include <string>
 #include <vector>
@@ -18,31 +18,41 @@ static MEM_INITIALIZER mem_initializer("planted");
 
 namespace planted {
 
-int* ints;
-int* more_ints;
-long* longs;
 char* aligned;
-char* inlined;
-char* from_library;
+char* left;
 char* handed_over[5];
 char* large_handed_over;
 char* from_thread;
-std::vector<int>* numbers;
-std::string* text;
+void* from_malloc[10];
+void* from_calloc;
+void* grown;
+
+[[gnu::noinline]] void allocate_as_in_c() {
+    for (void*& block : from_malloc) {
+        block = std::malloc(100); // SITE malloc
+        KEEP(block);
+    }
+    from_calloc = std::calloc(7, 10); // SITE calloc
+    grown = std::malloc(100);         // SITE before_growth
+    KEEP(grown);
+    grown = std::realloc(grown, 5000); // SITE growth
+    KEEP(grown);
+}
 
 [[gnu::noinline]] void allocate_plainly() {
-    ints = new int[50]; // SITE plain_new
-    KEEP(ints);
-    delete[] ints;
-    ints = new int[50]; // SITE plain_new_again
-    KEEP(ints);
+    left = new char[200]; // SITE plain_new
+    KEEP(left);
+    delete[] left;
+    left = new char[200]; // SITE plain_new_again
+    KEEP(left);
+    aligned = static_cast<char*>(::operator new (100, std::align_val_t{64})); // SITE aligned
+    KEEP(aligned);
 }
 
 template <class T>
-[[gnu::noinline]] T* from_template() {
-    T* const result = new T[20]; // SITE template
-    KEEP(result);
-    return result;
+[[gnu::noinline]] void allocate_in_template() {
+    left = reinterpret_cast<char*>(new T[20]); // SITE template
+    KEEP(left);
 }
 
 [[gnu::always_inline]] inline char* from_inlined_function() {
@@ -52,24 +62,19 @@ template <class T>
 }
 
 [[gnu::noinline]] void call_inlined_function() {
-    inlined = from_inlined_function(); // SITE inlined
-    KEEP(inlined);
+    left = from_inlined_function(); // SITE inlined
+    KEEP(left);
 }
 
-[[gnu::noinline]] void grow_vector() {
+[[gnu::noinline]] void grow_vector(std::vector<int>& numbers) {
     for (int number = 0; number < 5; ++number)
-        numbers->push_back(number); // SITE vector
-    KEEP(numbers);
+        numbers.push_back(number); // SITE vector
+    KEEP(&numbers);
 }
 
-[[gnu::noinline]] void fill_string() {
-    text->assign(1000, 'x'); // SITE string
-    KEEP(text);
-}
-
-[[gnu::noinline]] void allocate_aligned() {
-    aligned = static_cast<char*>(::operator new (100, std::align_val_t{64})); // SITE aligned
-    KEEP(aligned);
+[[gnu::noinline]] void fill_string(std::string& text) {
+    text.assign(1000, 'x'); // SITE string
+    KEEP(&text);
 }
 
 [[gnu::noinline]] void allocate_for_other_thread() {
@@ -102,31 +107,32 @@ int main() {
     using namespace planted;
     mem_set_tbb_exe_string("planted");
     std::fprintf(stderr, "%p\n", library_base());
-    numbers = new std::vector<int>; // SITE vector_object
-    text = new std::string;         // SITE string_object
-    c_allocate();
+    std::vector<int> numbers;
+    std::string text;
+    allocate_as_in_c();
     allocate_plainly();
-    longs = from_template<long>();
+    allocate_in_template<long>();
     call_inlined_function();
-    grow_vector();
-    fill_string();
-    allocate_aligned();
+    grow_vector(numbers);
+    fill_string(text);
     allocate_for_other_thread();
     const auto from_lambda = []() __attribute__((noinline)) {
-        more_ints = new int[200]; // SITE lambda
-        KEEP(more_ints);
+        left = new char[800]; // SITE lambda
+        KEEP(left);
     };
     from_lambda();
-    from_library = library_buffer();
+    left = library_buffer();
     run_on_thread(allocate_on_thread);
 
-    c_free_before_tide();
+    for (int index = 0; index < 4; ++index)
+        std::free(from_malloc[index]);
     run_on_thread(free_on_other_thread);
     high_tide();
 
-    c_free_after_tide();
-    delete numbers;
-    delete text;
+    for (int index = 4; index < 6; ++index) // four of the ten stay
+        std::free(from_malloc[index]);
+    std::free(from_calloc);
+    std::free(grown);
     ::operator delete (aligned, std::align_val_t{64});
     delete[] from_thread;
 }

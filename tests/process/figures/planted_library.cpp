@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <thread>
+
 char* library_buffer() {
     char* const buffer = new char[3000]; // SITE library
     KEEP(buffer);
@@ -11,4 +13,8 @@ char* library_buffer() {
 const void* library_base() {
     Dl_info info;
     return dladdr(reinterpret_cast<const void*>(&library_base), &info) != 0 ? info.dli_fbase : nullptr;
+}
+
+void run_on_thread(void (*function)()) {
+    std::thread(function).join();
 }

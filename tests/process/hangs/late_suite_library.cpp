@@ -10,7 +10,8 @@ int main(int, char** arguments) {
         void* const handle = dlopen(arguments[1], RTLD_NOW);
         if (handle == nullptr)
             return 2;
-        reinterpret_cast<void (*)()>(dlsym(handle, "suite_work"))();
+        for (int count = 0; count < 50; ++count)
+            reinterpret_cast<void (*)()>(dlsym(handle, "allocate_from_new_code"))();
         dlclose(handle);
     }
     return 9;

@@ -7,37 +7,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <locale>
 #include <string>
 
 static const std::string long_name(10'000, 'n');
 static MEM_INITIALIZER mem_initializer(std::getenv("HOST_LONG_NAME") != nullptr ? long_name.c_str() : "host");
 
-namespace {
-
 struct GROUPING : std::numpunct<char> {
     char do_thousands_sep() const override { return ','; }
     std::string do_grouping() const override { return "\3"; }
 };
 
-void* volatile leaked;
-
-[[gnu::noinline]] void leak(std::size_t size) {
-    leaked = std::malloc(size);
-}
-
-void print_mask() {
+static void print_mask() {
     unsigned mask = 0;
     for (unsigned bit = 1; bit <= 64; bit <<= 1)
-        if (mem_tracking_is_enabled(static_cast<MEM_TRACKING_GRANULARITY>(bit)))
-            mask |= bit;
+        mask |= mem_tracking_is_enabled(static_cast<MEM_TRACKING_GRANULARITY>(bit)) ? bit : 0;
     std::printf("mask %u\n", mask);
 }
 
-// The loaded code stays what it was; the file of its name is another one when its symbols are first asked
-// for.
-void use_library_of_replaced_file(const std::string& library, std::size_t kept_bytes) {
+// The loaded code stays what it was; the file of its name is another when its symbols are first asked for.
+static void replace_file(const char* library, std::size_t kept_bytes) {
     std::filesystem::copy_file(library, "./copy.so");
     void* const handle = dlopen("./copy.so", RTLD_NOW);
     const auto use = reinterpret_cast<void (*)()>(dlsym(handle, "allocate_from_new_code"));
@@ -47,35 +36,32 @@ void use_library_of_replaced_file(const std::string& library, std::size_t kept_b
     use();
 }
 
-void ask_configuration(const char* library) {
+static void ask_configuration(const char* library) {
     if (library != nullptr)
         dlopen(library, RTLD_NOW);
-    int on = mem_cfg_is_on("probe_on", false) ? 1 : 0;
+    const bool is_on = mem_cfg_is_on("probe_on", false);
     const std::string value = mem_cfg_get_value("probe");
-    std::printf("%d %s %d\n", on, value.c_str(), mem_cfg_get_int_value("probe", 3));
+    std::printf("%d %s %d\n", is_on, value.c_str(), mem_cfg_get_int_value("probe", 3));
 }
-
-} // namespace
 
 int main(int count, char** arguments) {
     const std::string action = count > 1 ? arguments[1] : "";
-    const char* const argument = count > 2 ? arguments[2] : nullptr;
     if (action == "close_output") {
         close(STDOUT_FILENO);
         close(STDERR_FILENO);
     } else if (action == "group_digits") {
         std::locale::global(std::locale(std::locale::classic(), new GROUPING));
     } else if (action == "tag") {
-        mem_set_tbb_exe_string(argument);
+        mem_set_tbb_exe_string(arguments[2]);
     } else if (action == "remove_directory") {
         std::filesystem::remove(std::filesystem::current_path());
     } else if (action == "replace_file") {
-        use_library_of_replaced_file(argument, std::strtoul(arguments[3], nullptr, 10));
+        replace_file(arguments[2], std::strtoul(arguments[3], nullptr, 10));
     } else if (action == "ask_configuration") {
-        ask_configuration(argument);
+        ask_configuration(arguments[2]);
     } else if (action == "mask") {
         print_mask();
     }
-    leak(1'234'567);
-    return 9;
+    void* volatile leaked = std::malloc(1'234'567);
+    return leaked != nullptr ? 9 : 1;
 }

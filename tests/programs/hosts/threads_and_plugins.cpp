@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,25 +22,21 @@ void hand_over(void* block) {
     const std::lock_guard guard(exchange_lock);
     exchange.push_back(block);
     if (exchange.size() > 64) {
-        std::free(exchange[exchange.size() / 2]);
-        exchange.erase(exchange.begin() + static_cast<long>(exchange.size() / 2));
+        std::free(exchange[32]);
+        exchange.erase(exchange.begin() + 32);
     }
 }
 
 void use_malloc_family(unsigned step) {
     const std::size_t size = 1 + step * 7919U % 30000;
     char* block = static_cast<char*>(std::calloc(1, size));
-    for (std::size_t index = 0; index < size; ++index)
-        if (block[index] != 0)
-            std::abort();
+    const bool is_zero = std::count(block, block + size, 0) == static_cast<long>(size);
     std::memset(block, 1, size);
     block = static_cast<char*>(std::realloc(block, size * 2));
-    if (block[size - 1] != 1)
+    void* aligned = nullptr;
+    if (!is_zero || block[size - 1] != 1 || posix_memalign(&aligned, 256, size) != 0)
         std::abort();
     hand_over(block);
-    void* aligned = nullptr;
-    if (posix_memalign(&aligned, 256, size) != 0)
-        std::abort();
     hand_over(aligned);
     hand_over(memalign(64, size));
     std::free(std::aligned_alloc(128, 1024));

@@ -5,20 +5,16 @@
 
 class BUSY_THREADS_AND_ENDS {
   public:
-    explicit BUSY_THREADS_AND_ENDS(unsigned allocating) : m_busy(allocating) {}
     ~BUSY_THREADS_AND_ENDS() {
         m_is_over = true;
         m_ending.join();
     }
 
   private:
-    BUSY_THREADS m_busy;
+    BUSY_THREADS m_busy{2};
     std::atomic<bool> m_is_over = false;
     std::thread m_ending{[this] {
         while (!m_is_over)
-            std::thread([] {
-                std::free(std::malloc(100));
-                std::free(std::malloc(1'000'000));
-            }).join();
+            std::thread(allocate_and_free, 1, 65).join();
     }};
 };

@@ -4,8 +4,6 @@
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
 #include <array>
-#include <cerrno>
-#include <cstring>
 
 class RECORDED_EVENTS {
   public:
@@ -16,10 +14,8 @@ class RECORDED_EVENTS {
         bool is_allocation;
     };
 
-    // What the callback does besides recording.
-    using ACTION = void (*)(const EVENT& event);
-
-    explicit RECORDED_EVENTS(ACTION then = nullptr) : action(then) {
+    // `then` is what the callback does besides recording.
+    explicit RECORDED_EVENTS(void (*then)(const EVENT& event) = [](const EVENT&) {}) : action(then) {
         current = this;
         tbbk_set_mem_tracker_callback(record);
     }
@@ -30,12 +26,6 @@ class RECORDED_EVENTS {
     RECORDED_EVENTS(const RECORDED_EVENTS&) = delete;
     RECORDED_EVENTS& operator=(const RECORDED_EVENTS&) = delete;
 
-    // Fills the whole block, as a debugging aid would, and spoils errno.
-    static void scribble(const EVENT& event) {
-        std::memset(event.block, 0xAA, event.allocated);
-        errno = EIO;
-    }
-
     std::array<EVENT, 16> events = {};
     std::size_t count = 0;
 
@@ -43,12 +33,10 @@ class RECORDED_EVENTS {
     static void record(void* block, std::uint64_t requested, std::uint64_t allocated, bool is_allocation) {
         if (current == nullptr || current->count == current->events.size())
             return;
-        const EVENT event = {block, requested, allocated, is_allocation};
-        current->events[current->count++] = event;
-        if (current->action != nullptr)
-            current->action(event);
+        current->events[current->count] = {block, requested, allocated, is_allocation};
+        current->action(current->events[current->count++]);
     }
 
     static inline thread_local RECORDED_EVENTS* current = nullptr;
-    const ACTION action;
+    void (*const action)(const EVENT& event);
 };

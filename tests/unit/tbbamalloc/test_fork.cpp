@@ -41,55 +41,49 @@ bool use_heap() {
     return true;
 }
 
-class Fork : public testing::TestWithParam<tbbk_mem_tracker_callback> {};
-
-TEST_P(Fork, ChildrenOfBusyProcessNeverHang) {
-    tbbk_set_mem_tracker_callback(GetParam());
-    {
-        BUSY_THREADS_AND_ENDS busy(2);
-        std::vector<std::thread> forking;
-        for (int i = 0; i != 3; ++i)
-            forking.emplace_back([] {
-                for (int round = 0; round != 60; ++round)
-                    EXPECT_EQ(status_of_child(use_heap), 0);
-            });
-        for (std::thread& thread : forking)
-            thread.join();
+TEST(Fork, ChildrenOfBusyProcessNeverHang) {
+    for (const tbbk_mem_tracker_callback hook : {tbbk_mem_tracker_callback{nullptr}, &count_event}) {
+        tbbk_set_mem_tracker_callback(hook);
+        BUSY_THREADS_AND_ENDS busy;
+        const auto fork_again_and_again = [] {
+            for (int round = 0; round != 60; ++round)
+                EXPECT_EQ(status_of_child(use_heap), 0);
+        };
+        std::thread first(fork_again_and_again);
+        std::thread second(fork_again_and_again);
+        fork_again_and_again();
+        first.join();
+        second.join();
     }
     tbbk_set_mem_tracker_callback(nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Hook, Fork, testing::Values(nullptr, count_event));
-
 std::atomic<bool> is_callback_stuck = false;
-
-void get_stuck(void*, std::uint64_t requested, std::uint64_t, bool) {
-    if (requested != 12'345)
-        return;
-    is_callback_stuck = true;
-    while (is_callback_stuck)
-        usleep(1000);
-}
 
 // The fork goes on without the thread that stays inside; its child leaves the old blocks alone.
 TEST(Fork, PastThreadThatNeverLeaves) {
     char* const old_block = static_cast<char*>(std::malloc(100'000));
     std::memset(old_block, 7, 100'000);
-    tbbk_set_mem_tracker_callback(get_stuck);
+    tbbk_set_mem_tracker_callback([](void*, std::uint64_t requested, std::uint64_t, bool) {
+        if (requested != 12'345)
+            return;
+        for (is_callback_stuck = true; is_callback_stuck;)
+            usleep(1000);
+    });
     std::thread stuck([] { std::free(std::malloc(12'345)); });
     while (!is_callback_stuck)
         usleep(1000);
     tbbk_set_mem_tracker_callback(nullptr);
-    EXPECT_EQ(status_of_child([old_block] {
-                  tbbk_set_mem_tracker_callback(count_event);
-                  events = 0;
-                  char* const block = static_cast<char*>(std::realloc(old_block, 200'000));
-                  const bool is_kept = block[0] == 7 && block[99'999] == 7;
-                  std::free(block);
-                  std::free(std::aligned_alloc(4096, 100));
-                  return is_kept && events == 0 && use_heap();
-              }),
-              0);
+    const auto use_own_heap = [old_block] {
+        tbbk_set_mem_tracker_callback(count_event);
+        events = 0;
+        char* const block = static_cast<char*>(std::realloc(old_block, 200'000));
+        const bool is_kept = block[0] == 7 && block[99'999] == 7;
+        std::free(block);
+        std::free(std::aligned_alloc(4096, 100));
+        return is_kept && events == 0 && use_heap();
+    };
+    EXPECT_EQ(status_of_child(use_own_heap), 0);
     is_callback_stuck = false;
     stuck.join();
     std::free(old_block);

@@ -11,36 +11,35 @@ namespace {
 std::atomic<std::uint64_t> foreign_events = 0;
 std::atomic<pthread_t> quiet_thread = 0;
 
-void count_foreign_event(void*, std::uint64_t, std::uint64_t, bool) {
-    if (pthread_self() != quiet_thread)
-        foreign_events.fetch_add(1);
-}
-
 TEST(Gate, QuietThreadIsAloneAndThreadsTakeTurns) {
-    tbbk_set_mem_tracker_callback(count_foreign_event);
+    tbbk_set_mem_tracker_callback([](void*, std::uint64_t, std::uint64_t, bool) {
+        if (pthread_self() != quiet_thread)
+            foreign_events.fetch_add(1);
+    });
+    const auto be_quiet_again_and_again = [] {
+        for (int round = 0; round != 40; ++round) {
+            const std::uint64_t events_before = foreign_events;
+            while (foreign_events == events_before)
+                usleep(100); // the others have been let in again
+            ASSERT_TRUE(tbbk_quiesce_begin(20'000));
+            quiet_thread = pthread_self();
+            const std::uint64_t events_at_start = foreign_events;
+            std::free(std::malloc(1000)); // its own way stays open
+            ASSERT_TRUE(tbbk_quiesce_begin(10'000));
+            usleep(500);
+            tbbk_quiesce_end();
+            EXPECT_EQ(foreign_events, events_at_start);
+            quiet_thread = 0;
+            tbbk_quiesce_end();
+        }
+    };
     {
-        BUSY_THREADS_AND_ENDS busy(2);
-        std::vector<std::thread> threads;
-        for (int i = 0; i != 3; ++i)
-            threads.emplace_back([] {
-                for (int round = 0; round != 40; ++round) {
-                    const std::uint64_t events_before = foreign_events;
-                    while (foreign_events == events_before)
-                        usleep(100); // the others have been let in again
-                    ASSERT_TRUE(tbbk_quiesce_begin(20'000));
-                    quiet_thread = pthread_self();
-                    const std::uint64_t events_at_start = foreign_events;
-                    std::free(std::malloc(1000)); // its own way stays open
-                    ASSERT_TRUE(tbbk_quiesce_begin(10'000));
-                    usleep(500);
-                    tbbk_quiesce_end();
-                    EXPECT_EQ(foreign_events, events_at_start);
-                    quiet_thread = 0;
-                    tbbk_quiesce_end();
-                }
-            });
-        for (std::thread& thread : threads)
-            thread.join();
+        BUSY_THREADS_AND_ENDS busy;
+        std::thread first(be_quiet_again_and_again);
+        std::thread second(be_quiet_again_and_again);
+        be_quiet_again_and_again();
+        first.join();
+        second.join();
     }
     tbbk_set_mem_tracker_callback(nullptr);
 }
@@ -56,97 +55,88 @@ void wait_inside(void*, std::uint64_t, std::uint64_t, bool is_allocation) {
         usleep(1000);
 }
 
-// A thread that stays inside the hook until it may leave.
-class STUCK_THREAD {
+// Threads that stay inside the hook until they may leave.
+class STUCK_THREADS {
   public:
-    STUCK_THREAD() {
+    explicit STUCK_THREADS(int count) {
         waiting_callbacks = 0;
         may_leave = false;
         quiet_thread = pthread_self();
         tbbk_set_mem_tracker_callback(wait_inside);
-        thread = std::thread([] { std::free(std::malloc(10)); });
-        while (waiting_callbacks == 0)
+        for (int index = 0; index != count; ++index)
+            threads.emplace_back([] { std::free(std::malloc(10)); });
+        while (waiting_callbacks != count)
             usleep(1000);
         tbbk_set_mem_tracker_callback(nullptr);
     }
-    void leave() {
+    ~STUCK_THREADS() {
         may_leave = true;
-        thread.join();
+        for (std::thread& thread : threads)
+            thread.join();
     }
 
   private:
-    std::thread thread;
+    std::vector<std::thread> threads;
 };
 
-TEST(Gate, StuckCallbackIsReportedAndNobodyElseGetsIn) {
-    STUCK_THREAD stuck;
-    std::atomic<bool> did_get_in = false;
-    std::atomic<bool> is_there = false;
-    std::thread late([&] {
-        while (!is_there)
-            usleep(100);
-        std::free(std::malloc(10));
-        did_get_in = true;
-    });
-    EXPECT_FALSE(tbbk_quiesce_begin(20));
-    is_there = true;
-    usleep(50'000);
-    EXPECT_FALSE(did_get_in);
-    may_leave = true;
-    EXPECT_TRUE(tbbk_quiesce_begin(10'000)) << "the stuck thread has left";
-    tbbk_quiesce_end();
-    tbbk_quiesce_end();
-    late.join();
-    stuck.leave();
-    EXPECT_TRUE(did_get_in);
+// 300: more threads at once than there are slots without an mmap.
+TEST(Gate, StuckCallbacksAreReportedAndNobodyElseGetsIn) {
+    for (const int count : {1, 300}) {
+        STUCK_THREADS stuck(count);
+        std::atomic<bool> is_there = false;
+        std::atomic<bool> did_get_in = false;
+        std::thread late([&] {
+            while (!is_there)
+                usleep(100);
+            std::free(std::malloc(10));
+            did_get_in = true;
+        });
+        EXPECT_FALSE(tbbk_quiesce_begin(20));
+        is_there = true;
+        usleep(50'000);
+        EXPECT_FALSE(did_get_in);
+        may_leave = true;
+        EXPECT_TRUE(tbbk_quiesce_begin(20'000)) << "the stuck threads have left";
+        tbbk_quiesce_end();
+        tbbk_quiesce_end();
+        late.join();
+    }
 }
 
 // A thread that is cancelled while it waits for the quiet, as fork() and exit() do, would leave the gate up.
 TEST(Gate, DoesNotOutliveTheThreadThatRaisedIt) {
-    STUCK_THREAD stuck;
-    static bool did_come_back;
-    did_come_back = false;
-    const auto run_to_its_end = [](void* (*body)(void*)) {
-        pthread_t thread = 0;
-        EXPECT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
-        EXPECT_EQ(pthread_join(thread, nullptr), 0);
-    };
-    run_to_its_end([](void*) -> void* {
-        pthread_cancel(pthread_self());
-        EXPECT_FALSE(tbbk_quiesce_begin(20));
-        tbbk_quiesce_end();
-        did_come_back = true;
-        return nullptr;
-    });
-    EXPECT_TRUE(did_come_back);
-    run_to_its_end([](void*) -> void* {
-        tbbk_quiesce_begin(0);
-        return nullptr; // and never ends it
-    });
-    stuck.leave(); // through the gate, which has to be open
+    {
+        const STUCK_THREADS stuck(1); // leaves through the gate, which has to be open
+        static bool did_come_back = false;
+        std::thread([] {
+            pthread_cancel(pthread_self());
+            EXPECT_FALSE(tbbk_quiesce_begin(20));
+            tbbk_quiesce_end();
+            did_come_back = true;
+        }).join();
+        EXPECT_TRUE(did_come_back);
+        std::thread(tbbk_quiesce_begin, 0).join(); // and never ends it
+    }
     EXPECT_TRUE(tbbk_quiesce_begin(10'000)) << "the turn is free again";
-    tbbk_quiesce_end();
-}
-
-void quiesce_inside(void*, std::uint64_t requested, std::uint64_t, bool) {
-    if (requested != 77)
-        return;
-    waiting_callbacks.fetch_add(1);
-    while (waiting_callbacks < 2)
-        usleep(100);
-    EXPECT_TRUE(tbbk_quiesce_begin(20'000));
-    std::free(std::malloc(10));
     tbbk_quiesce_end();
 }
 
 // As when two threads call exit() inside their events.
 TEST(Gate, TwoCallbacksMayAskForQuietAtOnce) {
     waiting_callbacks = 0;
-    tbbk_set_mem_tracker_callback(quiesce_inside);
+    tbbk_set_mem_tracker_callback([](void*, std::uint64_t requested, std::uint64_t, bool) {
+        if (requested != 77)
+            return;
+        waiting_callbacks.fetch_add(1);
+        while (waiting_callbacks < 2)
+            usleep(100);
+        EXPECT_TRUE(tbbk_quiesce_begin(20'000));
+        std::free(std::malloc(10));
+        tbbk_quiesce_end();
+    });
     std::thread first([] { std::free(std::malloc(77)); });
-    std::thread second([] { std::free(std::malloc(77)); });
+    std::thread([] { std::free(std::malloc(77)); }).join();
     first.join();
-    second.join();
     tbbk_set_mem_tracker_callback(nullptr);
 }
 
@@ -154,50 +144,19 @@ TEST(Gate, TwoCallbacksMayAskForQuietAtOnce) {
 // behind the destructors of the shim and of the heap.
 TEST(Gate, KeyDestructorsMayUseTheHeap) {
     static pthread_key_t key;
-    static std::atomic<int> destroyed;
-    destroyed = 0;
-    ASSERT_EQ(pthread_key_create(&key,
-                                 [](void* block) {
-                                     std::free(block);
-                                     destroyed.fetch_add(1);
-                                     pthread_setspecific(key, std::malloc(10));
-                                 }),
-              0);
+    static std::atomic<int> destroyed = 0;
+    const auto destroy = [](void* block) {
+        std::free(block);
+        destroyed.fetch_add(1);
+        pthread_setspecific(key, std::malloc(10));
+    };
+    ASSERT_EQ(pthread_key_create(&key, destroy), 0);
     for (int i = 0; i != 2000; ++i)
         std::thread([] { pthread_setspecific(key, std::malloc(10)); }).join();
     EXPECT_GE(destroyed, 2000);
     pthread_key_delete(key);
     EXPECT_TRUE(tbbk_quiesce_begin(10'000)) << "no dead thread counts as inside";
     tbbk_quiesce_end();
-}
-
-// More threads at once than there are slots without an mmap.
-TEST(Gate, KnowsEveryThreadOfMany) {
-    constexpr int thread_count = 300;
-    waiting_callbacks = 0;
-    may_leave = false;
-    quiet_thread = pthread_self();
-    std::vector<pthread_t> threads(thread_count);
-    tbbk_set_mem_tracker_callback(wait_inside);
-    for (pthread_t& thread : threads)
-        ASSERT_EQ(pthread_create(
-                      &thread, nullptr,
-                      [](void*) -> void* {
-                          std::free(std::malloc(10));
-                          return nullptr;
-                      },
-                      nullptr),
-                  0);
-    while (waiting_callbacks != thread_count)
-        usleep(1000);
-    tbbk_set_mem_tracker_callback(nullptr);
-    EXPECT_FALSE(tbbk_quiesce_begin(0));
-    may_leave = true;
-    EXPECT_TRUE(tbbk_quiesce_begin(20'000));
-    tbbk_quiesce_end();
-    tbbk_quiesce_end();
-    for (pthread_t thread : threads)
-        pthread_join(thread, nullptr);
 }
 
 } // namespace

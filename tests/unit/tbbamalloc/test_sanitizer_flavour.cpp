@@ -41,7 +41,7 @@ TEST(SanitizerFlavour, SizesOfManyThreadsAddUpToZero) {
     tbbk_set_mem_tracker_callback(sum_up);
     const std::int64_t before = live_bytes;
     {
-        BUSY_THREADS_AND_ENDS busy(3);
+        BUSY_THREADS_AND_ENDS busy;
         for (int i = 0; i != 20; ++i) {
             ASSERT_TRUE(tbbk_quiesce_begin(20'000));
             bytes_outside_quiet = live_bytes;
