@@ -16,14 +16,12 @@ namespace {
 struct PROGRAM {
     std::string name;
     std::vector<std::string> arguments;
-    std::string input = {friend void PrintTo(const PROGRAM& one, std::ostream* stream){*stream << one.name;
-}
-}; // namespace
-std::string end = "exit 0";
-std::string result = "none"; // a file it leaves, compared byte for byte
-std::size_t processes = 1;   // that must at least have given a verdict
-}
-;
+    std::string input = {};
+    std::string end = "exit 0";
+    std::string result = "none"; // a file it leaves, compared byte for byte
+    std::size_t processes = 1;   // that must at least have given a verdict
+    friend void PrintTo(const PROGRAM& one, std::ostream* stream) { *stream << one.name; }
+};
 
 // Without the lines that the library adds, which have their own beginnings.
 std::string without_our_lines(const std::string& text) {

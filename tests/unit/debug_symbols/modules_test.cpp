@@ -39,7 +39,9 @@ TEST_F(MODULES, that_take_the_place_of_others_are_noticed) {
         same_place += std::exchange(last, code) == code;
         EXPECT_EQ(ask(code).function, first ? "plugin_first" : "plugin_other");
         dlclose(library);
-        EXPECT_EQ(ask(code).status, SYM_STATUS::module_not_listed) << "gone";
+        if (round % 4 == 0) { // else nobody asks before the next one comes
+            EXPECT_EQ(ask(code).status, SYM_STATUS::module_not_listed) << "gone";
+        }
     }
     EXPECT_GT(same_place, 0) << "the loader reuses places, or this tests nothing";
 }
