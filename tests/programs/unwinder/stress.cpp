@@ -1,7 +1,6 @@
-// Allocates where stacks are hard to walk. Without arguments in coroutines and in signal handlers, also on a
-// stack of their own. With two libraries, all at once: in the loader, in forked children, in libraries that
-// take turns at one place. The libraries are built of the same source, with frames of other sizes and one
-// layout of code.
+// Allocates where stacks are hard to walk. Without arguments: in coroutines and signal handlers. With two
+// libraries: in the loader, in forked children, behind calls that don't return, in libraries that take turns
+// at one place. They are built of this source, too: frames of two sizes, one layout of code.
 #include <dlfcn.h>
 #include <link.h>
 #include <signal.h>
@@ -22,6 +21,9 @@ extern "C" [[gnu::visibility("default")]] int nest(int depth) {
     return sum;
 }
 
+[[noreturn, gnu::noinline]] static void leave() {
+    _exit(nest(20) - 21);
+}
 static std::atomic<int> faults = 0, rounds = 500;
 static ucontext_t outside, inside;
 static char coroutine_stack[1 << 18], signal_stack[1 << 18];
@@ -55,7 +57,7 @@ int main(int count, char** arguments) {
     std::thread forker([] {
         for (int status = 0; rounds > 0; faults += wait(&status) < 0 || status != 0)
             if (fork() == 0)
-                _exit(nest(20) - 21);
+                leave();
     });
     std::jthread lister([] {
         while (rounds > 0)

@@ -141,6 +141,7 @@ ERR_UNWINDER* ERR_UNWINDER::get_default_unwinder() {
         if (err_libgcc_unwinder() == nullptr)
             return nullptr;
         err_note_permanent_objects();
+        err_note_main_thread();
         is_prepared = true;
     }
     return &cached_unwinder;

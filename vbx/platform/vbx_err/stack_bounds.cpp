@@ -29,6 +29,8 @@ struct STACK {
 };
 
 constinit __thread STACK stack{};
+// Asking the kernel would not do: in a forked child any thread can be the first.
+constinit pthread_t main_thread = 0;
 
 // The kernel reads the new mask before it looks at what to do with it, which is nothing.
 bool is_readable(std::uintptr_t address) {
@@ -38,12 +40,8 @@ bool is_readable(std::uintptr_t address) {
            errno == EINVAL;
 }
 
-bool is_main_thread() {
-    return os_thread_id() == static_cast<std::uint32_t>(getpid());
-}
-
 void find_end() {
-    const std::uintptr_t end = is_main_thread() ? getauxval(AT_RANDOM) : pthread_self();
+    const std::uintptr_t end = pthread_self() == main_thread ? getauxval(AT_RANDOM) : pthread_self();
     stack.readable = end & ~(PAGE - 1);
     // Last, for the compiler too: a handler that comes in between begins again.
     std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -64,6 +62,11 @@ bool extend_to(std::uintptr_t page) {
 }
 
 } // namespace
+
+void err_note_main_thread() {
+    if (os_thread_id() == static_cast<std::uint32_t>(getpid()))
+        main_thread = pthread_self();
+}
 
 std::uintptr_t err_readable_stack_end(std::uintptr_t stack_pointer) {
     if (stack_pointer >= stack.readable && stack_pointer < stack.end)

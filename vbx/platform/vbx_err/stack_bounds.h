@@ -7,6 +7,9 @@
 
 #include <cstdint>
 
+// Takes note of the main thread, which is the calling one or none: call it once, at start.
+void err_note_main_thread();
+
 // The end of the thread's own stack when everything from `stack_pointer` up to there can be read; 0 when
 // `stack_pointer` is elsewhere: on a coroutine's stack, on one for signals. Takes no lock and doesn't
 // allocate; a few system calls when a thread's stack is deeper than it ever was here. Keeps errno.
