@@ -18,11 +18,11 @@ class Unwinder : public testing::TestWithParam<PROGRAM> {};
 
 TEST_P(Unwinder, SeesWhatLibgccSees) {
     const TEST_DIRECTORY directory;
-    const TEST_COMMAND command = {GetParam().command, {{"LD_PRELOAD", PRELOAD}}, GetParam().input, 100};
+    const TEST_COMMAND command = {GetParam().command, {{"LD_PRELOAD", PRELOAD}}, GetParam().input};
     const TEST_OUTCOME outcome = test_run_child(command, directory);
-    if (outcome.end() == "exit 127")
+    if (outcome.end == "exit 127")
         GTEST_SKIP() << "not installed";
-    EXPECT_EQ(outcome.end(), "exit 0") << outcome.standard_error;
+    EXPECT_EQ(outcome.end, "exit 0") << outcome.standard_error;
     EXPECT_TRUE(std::regex_search(outcome.standard_error, std::regex(GetParam().verdict)))
         << outcome.standard_error;
 }
