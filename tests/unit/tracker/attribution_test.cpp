@@ -1,7 +1,6 @@
 // From a stack to the site that is charged: the filter, the walk, the second capture, names.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-#include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
 
@@ -9,181 +8,117 @@
 #include <cstring>
 #include <new>
 #include <numeric>
-#include <thread>
 
 namespace {
 
-struct FILTER_CASE {
-    const char* function;
-    const char* file;
-    const char* module;
-    bool is_filtered;
-};
-
-MEM_ADDRESS_TRACKER frame(const FILTER_CASE& names) {
+MEM_ADDRESS_TRACKER resolved(std::uint64_t address) {
     MEM_ADDRESS_TRACKER record;
-    std::strcpy(record.function_name, names.function);
-    std::strcpy(record.file_name, names.file);
-    std::strcpy(record.module_name, names.module);
+    record.address = address;
+    mem_resolve_address(record);
     return record;
 }
 
-FAKE_STACK filtered_frames(std::size_t count) {
-    FAKE_STACK stack(count);
-    std::iota(stack.begin(), stack.end(), FILTERED);
+FAKE_STACK filtered_frames(std::size_t count, FAKE_STACK stack = {}) {
+    stack.insert(stack.begin(), count, 0);
+    std::iota(stack.begin(), stack.begin() + static_cast<std::ptrdiff_t>(count), FILTERED);
     return stack;
 }
 
 } // namespace
 
 TEST(FRAME_FILTER_TEST, PassesOverWhatIsNotTheHostsOwn) {
-    for (const FILTER_CASE& names :
-         std::initializer_list<FILTER_CASE>{{"parse()", "/s/parse.cpp", "parser", false},
-                                            {"", "/s/parse.cpp", "parser", true},
-                                            {"parse()", "", "parser", true},
-                                            {"parse()", "/s/parse.cpp", "", true},
-                                            {"std::vector<int>::grow()", "f", "m", true},
-                                            {"my::std::f()", "f", "m", false},
-                                            {"mem_read", "f", "m", true},
-                                            {"memory_read", "f", "m", false},
-                                            {"MEM_MANAGER::x()", "f", "m", true},
-                                            {"operator new(unsigned long)", "f", "m", true},
-                                            {"operator new[](unsigned long)", "f", "m", true},
-                                            {"operator delete(void*)", "f", "m", false},
-                                            {"KTL_LIST::add()", "f", "m", true},
-                                            {"boost::any::any()", "f", "m", true},
-                                            {"tbb::task::run()", "f", "m", true},
-                                            {"ntl::list::add()", "f", "m", true},
-                                            {"f", "f", "vbx_mem", true},
-                                            {"f", "f", "vbx_mem_preload", true},
-                                            {"f", "f", "vbx_memory", true},
-                                            {"f", "f", "tbbamalloc", true},
-                                            {"f", "f", "tbx", false},
-                                            {"f", "f", "Db_KvS", true},
-                                            {"f", "f", "db_kvs2", false},
-                                            {"f", "/rigs/x.cpp", "m", true},
-                                            {"f", "/opt/rigs/x.cpp", "m", false},
-                                            {"f", "d:\\src\\kvs_map.cpp", "m", true},
-                                            {"f", "d:\\src\\mem_pool.cpp", "m", true},
-                                            {"f", "d:\\src\\kit_utils", "m", true},
-                                            {"f", "d:\\src\\kit_utils.cpp", "m", false},
-                                            {"f", "d:\\src\\plc_zk_mem_interface", "m", true},
-                                            {"f", "d:\\src\\tbb_concurrent_hash_map_sys", "m", true},
-                                            {"f", "d:\\kvs_src\\map.cpp", "m", false},
-                                            {"f", "/src/kvs_map.cpp", "m", false}})
-        EXPECT_EQ(mem_frame_is_filtered(frame(names)), names.is_filtered)
-            << names.function << " " << names.file << " " << names.module;
+    // Of each member of a record, what is passed over and, behind it, what isn't.
+    const struct {
+        char* (*member)(MEM_ADDRESS_TRACKER& record);
+        std::vector<const char*> filtered, charged;
+    } cases[] = {
+        {[](auto& record) { return record.function_name; },
+         {"", "std::vector<int>::grow()", "mem_read", "MEM_MANAGER::x()", "operator new[](unsigned long)",
+          "KTL_LIST::add()", "boost::any::any()", "tbb::task::run()", "ntl::list::add()"},
+         {"parse()", "my::std::f()", "memory_read", "operator delete(void*)"}},
+        {[](auto& record) { return record.module_name; },
+         {"", "vbx_mem_preload", "vbx_memory", "tbbamalloc", "Db_KvS"},
+         {"tbx", "db_kvs2"}},
+        {[](auto& record) { return record.file_name; },
+         {"", "/rigs/x.cpp", "d:\\src\\kvs_map.cpp", "d:\\mem_pool.cpp", "d:\\kit_utils",
+          "d:\\plc_zk_mem_interface", "d:\\src\\tbb_concurrent_hash_map_sys"},
+         {"/opt/rigs/x.cpp", "d:\\kit_utils.cpp", "d:\\kvs_src\\map.cpp", "/kvs_map.cpp"}},
+    };
+    for (const auto& [member, filtered, charged] : cases) {
+        const auto is_filtered = [member](const char* name) {
+            MEM_ADDRESS_TRACKER record;
+            for (char* other : {record.function_name, record.module_name, record.file_name})
+                std::strcpy(other, "f");
+            std::strcpy(member(record), name);
+            return mem_frame_is_filtered(record);
+        };
+        for (const char* name : filtered)
+            EXPECT_TRUE(is_filtered(name)) << name;
+        for (const char* name : charged)
+            EXPECT_FALSE(is_filtered(name)) << name;
+    }
 }
 
 class ATTRIBUTION_TEST : public TRACKER_TEST {};
 
-TEST_F(ATTRIBUTION_TEST, ChargesTheFirstFrameOfTheHost) {
-    start(MEM_GRANULARITY_PER_FILELINE);
-    allocate(0xA000, 16, {FILTERED, FILTERED + 1, PARSE, QUERY});
-    EXPECT_EQ(rendered_site(PARSE), "parse cur 16/1 max 16/1 peak 0/0 cum 16/1 req 16 mis 0");
-    // Frames behind the charged one are not even looked at, and each address is asked for once.
-    EXPECT_EQ(rendered_site(QUERY), "none");
-    EXPECT_EQ(fake_line_queries(), 3);
-    allocate(0xA010, 16, {FILTERED, FILTERED + 1, PARSE, QUERY});
-    EXPECT_EQ(fake_line_queries(), 3);
-}
-
-struct DEPTH_CASE {
-    std::size_t filtered_frames;
-    bool reaches_parse;
-    std::size_t captures;
-};
-
-TEST_F(ATTRIBUTION_TEST, LooksDeeperOnlyBehindAFullCapture) {
-    start(MEM_GRANULARITY_PER_FILELINE);
-    std::uint64_t block = 0xA000;
-    int parsed = 0;
-    int others = 0;
-    for (const DEPTH_CASE& depth : std::initializer_list<DEPTH_CASE>{
-             {10, true, 1}, {11, true, 2}, {60, true, 2}, {61, false, 2}, {100, false, 2}}) {
-        fake_captures().clear();
-        FAKE_STACK stack = filtered_frames(depth.filtered_frames);
-        stack.push_back(PARSE);
-        allocate(block += 16, 16, stack);
-        ++(depth.reaches_parse ? parsed : others);
-        EXPECT_EQ(fake_captures().size(), depth.captures) << depth.filtered_frames;
-    }
-    EXPECT_EQ(fake_captures().back().max_frames, 50);
-    EXPECT_EQ(fake_captures().back().skip_frames, 11);
-    MEM_ADDRESS_TRACKER site;
-    ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(0xA010), site));
-    EXPECT_EQ(site.current_blocks, parsed);
-    EXPECT_EQ(catch_all().current_blocks, others);
-
-    fake_captures().clear();
-    allocate(block += 16, 16, filtered_frames(10));
-    allocate(block += 16, 16, {});
-    EXPECT_EQ(fake_captures().size(), 2U);
-    EXPECT_EQ(catch_all().current_blocks, others + 2);
-}
-
-TEST_F(ATTRIBUTION_TEST, TakesAFrameOfZeroForTheCatchAll) {
-    start(MEM_GRANULARITY_PER_FILELINE);
-    allocate(0xA000, 16, {FILTERED, 0, PARSE});
-    EXPECT_EQ(catch_all().current_blocks, 1);
-    EXPECT_EQ(rendered_site(PARSE), "none");
-}
-
-TEST_F(ATTRIBUTION_TEST, AcceptsIncompleteInformationWhenAsked) {
+TEST_F(ATTRIBUTION_TEST, ChargesTheFirstFrameOfTheHostAndAsksForEachAddressOnce) {
     set_variable("mem_profile_with_incomplete_fileline_info", "on");
     fake_define_symbol(0x500, {"no_line", "", 0, "parser"});
     fake_define_symbol(0x501, {"", "", 0, "parser"});
-    fake_define_symbol(0x502, {"std::no_line", "", 0, "parser"});
     start(MEM_GRANULARITY_PER_FILELINE);
-    allocate(0xA000, 16, {0x501, 0x502, 0x500});
+    for (std::uint64_t block = 0xA000; block < 0xA020; block += 16)
+        allocate(block, 16, {FILTERED, FILTERED + 1, PARSE, QUERY});
+    allocate(0xB000, 16, {FILTERED, 0, QUERY}); // a frame of zero
+    allocate(0xC000, 16, {0x501, 0x500});
+    EXPECT_EQ(rendered_sites(), "OTHER cur 16/1 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n"
+                                "no_line cur 16/1 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n"
+                                "parse cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n");
+    EXPECT_EQ(fake_line_queries(), 5); // none of query, which stands behind the charged frame
     MEM_ADDRESS_TRACKER site;
-    ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(0xA000), site));
-    EXPECT_STREQ(site.function_name, "no_line");
+    ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(0xC000), site));
     EXPECT_STREQ(site.file_name, "Unknown");
-    EXPECT_EQ(site.line, 0U);
 }
 
-TEST_F(ATTRIBUTION_TEST, CutsLongNamesAndEndsThem) {
-    const std::string path = "/" + std::string(299, 'p');
-    fake_define_symbol(0x600, {std::string(2000, 'f'), path, 7, std::string(300, 'm')});
-    fake_define_symbol(0x601, {"f", std::string(256, 'q'), 7, std::string(64, 'm')});
-    MEM_ADDRESS_TRACKER record;
-    record.address = 0x600;
-    mem_resolve_address(record);
+TEST_F(ATTRIBUTION_TEST, LooksDeeperOnlyBehindAFullCapture) {
+    start(MEM_GRANULARITY_PER_LIBRARY);
+    const struct {
+        FAKE_STACK stack;
+        int parsed, others; // blocks so far
+        std::size_t captures;
+    } cases[] = {{filtered_frames(10, {PARSE}), 1, 0, 1}, {filtered_frames(11, {PARSE}), 2, 0, 2},
+                 {filtered_frames(60, {PARSE}), 3, 0, 2}, {filtered_frames(61, {PARSE}), 3, 1, 2},
+                 {filtered_frames(10), 3, 2, 1},          {{}, 3, 3, 1}};
+    std::uint64_t block = 0xA000;
+    for (const auto& [stack, parsed, others, captures] : cases) {
+        SCOPED_TRACE(stack.size());
+        fake_captures().clear();
+        allocate(block += 16, 16, stack);
+        EXPECT_EQ(fake_captures().size(), captures);
+        if (captures == 2) {
+            EXPECT_EQ(fake_captures()[1].max_frames, 50);
+            EXPECT_EQ(fake_captures()[1].skip_frames, 11);
+        }
+        EXPECT_EQ(module_record("parser").current_blocks, parsed);
+        EXPECT_EQ(module_record("OTHER").current_blocks, others);
+    }
+}
+
+TEST_F(ATTRIBUTION_TEST, KeepsAndCutsWhatTheServiceSays) {
+    fake_define_symbol(0x600, {std::string(2000, 'f'), std::string(257, 'p'), 7, std::string(65, 'm')});
+    const MEM_ADDRESS_TRACKER record = resolved(0x600);
     EXPECT_EQ(record.function_name, std::string(512, 'f'));
-    EXPECT_EQ(record.file_name, path.substr(0, 256));
+    EXPECT_EQ(record.file_name, std::string(256, 'p'));
     EXPECT_EQ(record.module_name, std::string(64, 'm'));
-    record = {};
-    record.address = 0x601;
-    mem_resolve_address(record);
-    EXPECT_EQ(record.file_name, std::string(256, 'q'));
-    EXPECT_EQ(record.module_name, std::string(64, 'm'));
-}
-
-TEST_F(ATTRIBUTION_TEST, RefreshesTheModuleListOnlyForAModuleNotListed) {
-    fake_define_symbol(0x700, {"late", "/src/late.cpp", 5, "late", false});
     fake_define_symbol(0x701, {"bare", "", 0, "bare"});
-    MEM_ADDRESS_TRACKER record;
-    record.address = 0x701;
-    mem_resolve_address(record);
+    EXPECT_STREQ(resolved(0x701).module_name, "bare");
     EXPECT_EQ(fake_refreshes(), 0);
-    EXPECT_STREQ(record.module_name, "bare");
-    record = {};
-    record.address = 0x700;
-    mem_resolve_address(record);
+    fake_define_symbol(0x700, {"late", "/late.cpp", 5, "late", false}); // of a module that isn't listed yet
+    EXPECT_STREQ(resolved(0x700).file_name, "/late.cpp");
     EXPECT_EQ(fake_refreshes(), 1);
-    EXPECT_STREQ(record.file_name, "/src/late.cpp");
-}
-
-TEST_F(ATTRIBUTION_TEST, KeepsWhatWasFoundWhenTheServiceThrows) {
     fake_set_symbol_query_hook([](std::uint64_t) { throw std::bad_alloc(); });
-    MEM_ADDRESS_TRACKER record;
-    record.address = PARSE;
-    mem_resolve_address(record);
-    EXPECT_STREQ(record.module_name, "");
+    EXPECT_STREQ(resolved(PARSE).module_name, "");
     fake_set_symbol_query_hook({});
-    mem_resolve_address(record);
-    EXPECT_STREQ(record.module_name, "parser");
+    EXPECT_STREQ(resolved(PARSE).module_name, "parser"); // and the lock is free again
 }
 
 // Threads with known addresses go on while another describes a new one; two threads that meet one new address
@@ -191,21 +126,18 @@ TEST_F(ATTRIBUTION_TEST, KeepsWhatWasFoundWhenTheServiceThrows) {
 TEST_F(ATTRIBUTION_TEST, HoldsNobodyUpWhileItDescribes) {
     start(MEM_GRANULARITY_PER_FILELINE);
     allocate(0xA000, 16, {PARSE});
-    std::atomic<bool> describing{false};
-    std::atomic<bool> known_event_is_through{false};
+    std::atomic<bool> describing{false}, known_event_is_through{false};
     fake_set_symbol_query_hook([&](std::uint64_t) {
         describing = true;
         while (!known_event_is_through)
             std::this_thread::yield();
     });
-    std::thread first([] { allocate(0xB000, 16, {EXPAND}); });
+    auto threads = run_on_threads(2, [](std::uint64_t thread) { allocate(0xB000 + thread, 16, {EXPAND}); });
     while (!describing)
         std::this_thread::yield();
-    std::thread second([] { allocate(0xC000, 16, {EXPAND}); });
     allocate(0xD000, 16, {PARSE});
     known_event_is_through = true;
-    first.join();
-    second.join();
+    threads.clear();
     EXPECT_EQ(rendered_sites(), "parse cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n"
                                 "expand cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n");
 }

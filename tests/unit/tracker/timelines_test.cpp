@@ -1,0 +1,210 @@
+// When the timelines are sampled, what a sample of modules, bins and tags holds, and the labels of its rows.
+
+#include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/mem_tbb_tracker/records/series.h"
+#include "vbx/mem/mem_tbb_tracker/state/counters.h"
+#include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
+#include "vbx/mem/tracker.h"
+
+#include <random>
+#include <sstream>
+
+namespace {
+
+std::string module_rows() {
+    return rows_of(mem_dump_tbb_module_tracking);
+}
+std::string tag_rows() {
+    return rows_of(mem_dump_tbb_profile_bin_tag_timeline_tracking);
+}
+// The label of a sample that is taken now.
+std::string label() {
+    mem_user_snapshot_tracking_data();
+    const std::string rows = module_rows();
+    const std::size_t last = rows.rfind('\n', rows.size() - 2) + 1;
+    return rows.substr(last, rows.find('\t', last) - last);
+}
+
+constexpr std::uint32_t REGIONS = MEM_GRANULARITY_PER_BIN;
+constexpr std::uint32_t BINS = MEM_GRANULARITY_PER_BIN_DETAILED;
+constexpr std::uint32_t MODULES = MEM_GRANULARITY_PER_LIBRARY;
+
+} // namespace
+
+TEST(SERIES_TEST, GivesBackWhatWasAppendedInAsManyRunsAsChanges) {
+    std::mt19937_64 random(std::random_device{}());
+    MEM_SERIES series;
+    EXPECT_EQ(series.max(), 0);
+    std::vector<std::int64_t> expected;
+    for (int step = 0; step < 3000; ++step) {
+        const std::uint64_t zeros = random() % 10 == 0 ? random() % 4 : 0;
+        series.append_zeros(zeros);
+        expected.insert(expected.end(), zeros, 0);
+        // Room in advance changes nothing and is there: the runs stay where they are.
+        series.make_room();
+        const MEM_SERIES_RUN* const place = series.runs.data();
+        expected.push_back(static_cast<std::int64_t>(random() % 3) - 4);
+        series.append(expected.back());
+        ASSERT_EQ(series.runs.data(), place);
+    }
+    expected.insert(expected.end(), 2, 0); // behind the end
+    MEM_SERIES_CURSOR cursor(series);
+    for (const std::int64_t sample : expected)
+        ASSERT_EQ(cursor.next(), sample);
+    for (std::size_t run = 1; run < series.runs.size(); ++run)
+        ASSERT_NE(series.runs[run].value, series.runs[run - 1].value);
+    series.runs.erase(series.runs.begin(), series.runs.end() - 1);
+    EXPECT_LT(series.max(), 0); // a maximum can be below zero
+}
+
+class MODULE_TIMELINE_TEST : public TRACKER_TEST {};
+
+TEST_F(MODULE_TIMELINE_TEST, TheFirstEventEveryPeriodthAndPeaksAreSamples) {
+    start(MODULES, "3");
+    allocate(0xA000, 10, {PARSE}); // tick 0: a sample
+    allocate(0xB000, 2000, {PARSE});
+    release(0xB000, 2000);        // tick 2: a peak, behind its own credit
+    allocate(0xC000, 7, {QUERY}); // tick 3
+    release(0xC000, 7);
+    allocate(0xD000, 5, {PARSE});
+    release(0xA000, 10); // tick 6, behind its own credit
+    EXPECT_EQ(module_rows(), "\tengine\tOTHER\tparser\nOther\t0\t0\t10\nOther\t0\t0\t10\nOther\t7\t0\t10\n"
+                             "Other\t0\t0\t5\n");
+    EXPECT_EQ(mem_sample_counter.load(), 7U);
+}
+
+TEST_F(MODULE_TIMELINE_TEST, NamesThatDifferInCaseShareASeries) {
+    fake_define_symbol(0x3000, {"f", "/src/f.cpp", 1, "Parser"});
+    fake_define_symbol(0x3100, {"f", "/src/f.cpp", 1, "\xC4pfel"});
+    start(MODULES, "1000");
+    allocate(0xA000, 10, {PARSE}); // the first sample: "parser" names the series
+    allocate(0xB000, 3, {0x3000});
+    allocate(0xC000, 1, {0x3100});
+    mem_user_snapshot_tracking_data();
+    mem_user_snapshot_tracking_data();
+    // Byte order of the map samples "Parser" first; the series runs ahead of the rows. High bytes come first.
+    EXPECT_EQ(module_rows(), "\t\xC4pfel\tOTHER\tparser\nOther\t0\t0\t10\nOther\t1\t0\t3\nOther\t1\t0\t10\n");
+}
+
+TEST_F(MODULE_TIMELINE_TEST, AHostsSampleCountsWhateverIsOn) {
+    EXPECT_DEATH(mem_user_snapshot_tracking_data(), "mem_tbb_tracker_is_inited\\(\\)");
+    std::ostringstream plain, detailed;
+    EXPECT_FALSE(mem_dump_tbb_module_tracking(plain, detailed));
+    EXPECT_TRUE(mem_dump_tbb_profile_bin_tag_timeline_tracking(plain, detailed));
+    EXPECT_EQ(detailed.str(), "");
+    start(0);
+    mem_set_timeline_label("idle");
+    mem_user_snapshot_tracking_data();
+    mem_tbb_tracking_flush_peak(); // ends with one more
+    EXPECT_EQ(module_rows(), "\tOTHER\nidle\t0\nidle\t0\n");
+    EXPECT_EQ(mem_sample_counter.load(), 2U);
+    mem_tbb_tracker_teardown();
+    mem_user_snapshot_tracking_data();
+    mem_set_timeline_label("late");
+    mem_reset_tracking_entries();
+    EXPECT_FALSE(mem_dump_tbb_module_tracking(plain, detailed));
+    EXPECT_TRUE(mem_dump_tbb_profile_bin_stats_tracking(plain));
+}
+
+TEST_F(MODULE_TIMELINE_TEST, AModuleIsLateBehindAReset) {
+    start(MODULES, "1000");
+    allocate(0xA000, 10, {PARSE}); // sample 0
+    mem_reset_tracking_entries();
+    mem_user_snapshot_tracking_data(); // nothing to sample
+    allocate(0xB000, 3, {PARSE});
+    allocate(0xC000, 4, {QUERY});
+    mem_user_snapshot_tracking_data();
+    EXPECT_EQ(module_rows(), "\tengine\tOTHER\tparser\nOther\t0\t0\t10\n"
+                             "Other\t0\t0\t3\n" // shifted: the series went on where it stopped
+                             "Other\t4\t0\t0\n");
+}
+
+class BIN_TAG_TIMELINE_TEST : public TRACKER_TEST {};
+
+TEST_F(BIN_TAG_TIMELINE_TEST, ColumnsAreTagsAndRowsAreBins) {
+    start(BINS, "1");
+    release(0xF000, 8); // nothing was ever charged: no column
+    EXPECT_EQ(tag_rows(), "\nRoot\n");
+    allocate(0xA100, 20, {});
+    mem_open_profile_bin("lex", "loading");
+    mem_open_profile_bin("unseen", "");
+    close_bin();
+    allocate(0xB000, 3, {}); // charged before the sample
+    mem_open_profile_bin("tables", "");
+    release(0xA100, 20); // sampled before the credit
+    close_bin();
+    close_bin("loading");
+    mem_user_snapshot_tracking_data();
+    EXPECT_EQ(tag_rows(), "\tRoot\tloading\nRoot\t0\t0\nRoot\t20\t0\nloading::lex\t20\t3\n"
+                          "loading::tables\t20\t3\nRoot\t0\t3\n");
+}
+
+TEST_F(BIN_TAG_TIMELINE_TEST, RowsBehindAResetBearTheFirstBins) {
+    start(BINS, "1");
+    mem_open_profile_bin("first", "a");
+    allocate(0xA000, 1, {});
+    close_bin("a");
+    mem_open_profile_bin("second", "b");
+    allocate(0xB000, 2, {});
+    mem_reset_tracking_entries();
+    EXPECT_EQ(tag_rows(), "\n");
+    release(0xA000, 1); // its tag is gone
+    allocate(0xC000, 4, {});
+    EXPECT_EQ(tag_rows(), "\tRoot\ta\tb\na::first\t0\t0\t0\nb::second\t0\t0\t4\n");
+}
+
+// They share one name in the timeline, and are charged each for itself.
+TEST_F(BIN_TAG_TIMELINE_TEST, ThereMayBeMoreBinsThanSixteenBitsHold) {
+    start(BINS, "1000000");
+    for (int bin = 1; bin < 65535; ++bin)
+        MEM_PROFILE_BINS::get_instance().m_bins().find_or_add("b" + std::to_string(bin));
+    mem_open_profile_bin("the last that fits", ""); // id 65535
+    allocate(0xA000, 1, {});
+    EXPECT_EQ(tag_rows(), "\tRoot\nRoot::the last that fits\t1\n");
+    mem_open_profile_bin("one too many", "");
+    allocate(0xB000, 7, {});
+    mem_user_snapshot_tracking_data();
+    EXPECT_EQ(tag_rows(), "\tRoot\nOther\t1\nOther\t8\n");
+    EXPECT_EQ(pbin_stats->size(), 65537U);
+    EXPECT_EQ(pbin_stats->figures(65536).current_bytes, 7);
+    release(0xB000, 7);
+    EXPECT_EQ(pbin_stats->figures(65536).current_bytes, 0);
+}
+
+class TAG_LABELS_TEST : public TRACKER_TEST {};
+
+TEST_F(TAG_LABELS_TEST, TheInnermostOpenTagIsTheLabel) {
+    start(REGIONS | MODULES); // regions carry the labels, without any charging
+    EXPECT_EQ(label(), "Other");
+    mem_open_profile_bin("a", "outer");
+    mem_open_profile_bin("b", "inner");
+    EXPECT_EQ(label(), "inner");
+    mem_open_profile_bin("c", ""); // a bin without a tag moves no label
+    mem_set_timeline_label("by hand");
+    close_bin();
+    EXPECT_EQ(label(), "by hand");
+    close_bin("unknown"); // drops nothing, but the newest tag is the label again
+    EXPECT_EQ(label(), "inner");
+    mem_open_profile_bin("b", "inner");
+    close_bin("inner");
+    EXPECT_EQ(label(), "inner");
+    mem_disable_profile_bin_tag_timeline_labels(); // from here on they are the host's alone
+    close_bin("inner");
+    mem_open_profile_bin("c", "other");
+    EXPECT_EQ(label(), "inner");
+    mem_set_timeline_label("by hand");
+    EXPECT_EQ(label(), "by hand");
+}
+
+TEST_F(TAG_LABELS_TEST, TheLabelIsTheHostsAloneWithoutModulesOrRegions) {
+    start(REGIONS | BINS);
+    mem_set_timeline_label("by hand");
+    mem_open_profile_bin("a", "tag");
+    EXPECT_EQ(label(), "by hand");
+    mem_set_tbb_memory_tracking_enabled(false);
+    mem_enable_tracking(MEM_GRANULARITY_PER_LIBRARY);
+    mem_open_profile_bin("b", "tag");
+    close_bin("tag");
+    EXPECT_EQ(label(), "by hand");
+}
