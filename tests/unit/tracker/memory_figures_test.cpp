@@ -28,15 +28,15 @@ OS_PROCESS_MEMORY process;
 OS_SYSTEM_MEMORY machine;
 int open_failure = 0, read_failure = 0, opens = 0;
 
-template <class FIGURES>
-int read_scripted(FIGURES& memory, const FIGURES& figures) {
+template <class FIGURES, FIGURES& SCRIPTED>
+int read_scripted(FIGURES& memory) {
     if (read_failure == 0)
-        memory = figures;
+        memory = SCRIPTED;
     return read_failure;
 }
 constexpr MEM_MEMORY_SOURCE SCRIPTED{[] { return ++opens, open_failure; },
-                                     [](OS_PROCESS_MEMORY& memory) { return read_scripted(memory, process); },
-                                     [](OS_SYSTEM_MEMORY& memory) { return read_scripted(memory, machine); }};
+                                     read_scripted<OS_PROCESS_MEMORY, process>,
+                                     read_scripted<OS_SYSTEM_MEMORY, machine>};
 
 // Level 0 to n: what the system would say of a process and machine that grow.
 void set_level(std::uint64_t level) {
@@ -47,15 +47,13 @@ void set_level(std::uint64_t level) {
 const struct {
     std::uint64_t (*current)();
     std::uint64_t (*peak)();
-    std::string text; // sent when the system doesn't answer, twice by a peak
+    bool complains; // with a message when the system doesn't answer, a peak with two
 } FIGURES[] = {
-    {mem_info_get_process_current_working_set_size, mem_info_get_process_peak_working_set_size,
-     "MEM: Input/output error\n"},
-    {mem_info_get_process_current_page_file_used, mem_info_get_process_peak_page_file_used,
-     "MEM: Input/output error\n"},
-    {mem_info_get_process_current_virtual_used, mem_info_get_process_peak_virtual_used, ""},
-    {mem_info_get_system_current_physical_in_use, mem_info_get_system_peak_physical_in_use, ""},
-    {mem_info_get_system_current_page_file_in_use, mem_info_get_system_peak_page_file_in_use, ""},
+    {mem_info_get_process_current_working_set_size, mem_info_get_process_peak_working_set_size, true},
+    {mem_info_get_process_current_page_file_used, mem_info_get_process_peak_page_file_used, true},
+    {mem_info_get_process_current_virtual_used, mem_info_get_process_peak_virtual_used, false},
+    {mem_info_get_system_current_physical_in_use, mem_info_get_system_peak_physical_in_use, false},
+    {mem_info_get_system_current_page_file_in_use, mem_info_get_system_peak_page_file_in_use, false},
 };
 
 } // namespace
@@ -66,7 +64,8 @@ class SCRIPTED_FIGURES_TEST : public TRACKER_TEST {
 };
 
 TEST_F(SCRIPTED_FIGURES_TEST, PeaksNeverFallAndFailuresReadZero) {
-    for (const auto& [current, peak, text] : FIGURES) {
+    for (const auto& [current, peak, complains] : FIGURES) {
+        const std::string text = complains ? "MEM: Input/output error\n" : "";
         read_failure = 0;
         set_level(300);
         EXPECT_EQ(current(), 300U); // seen by this call alone, and kept
@@ -145,7 +144,6 @@ TEST(MEMORY_FIGURES_TEST, FollowWhatTheProcessTouches) {
     const std::uint64_t ram = info.totalram * info.mem_unit;
     expect_near(memory.physical_total, ram, ram / 16);
     expect_near(memory.page_file_total, ram + info.totalswap * info.mem_unit, ram / 16);
-    EXPECT_GE(memory.page_file_available, memory.physical_available);
 }
 
 // A query can come inside any allocation of any program: what it may not disturb there.

@@ -15,15 +15,12 @@ std::string current() {
     return bins.m_tags().get_curr_name() + " | " + bins.m_bins().get_curr_name();
 }
 
-constexpr std::uint32_t REGIONS = MEM_GRANULARITY_PER_BIN;
-constexpr std::uint32_t CHARGES = MEM_GRANULARITY_PER_BIN_DETAILED;
-
 } // namespace
 
 class PROFILE_BINS_TEST : public TRACKER_TEST {};
 
 TEST_F(PROFILE_BINS_TEST, TagsAndBinsCloseIndependently) {
-    start(CHARGES);
+    start(MEM_GRANULARITY_PER_BIN_DETAILED);
     mem_open_profile_bin("a", "");
     mem_open_profile_bin("a", "t");
     mem_open_profile_bin("b", "");
@@ -38,38 +35,33 @@ TEST_F(PROFILE_BINS_TEST, TagsAndBinsCloseIndependently) {
 }
 
 TEST_F(PROFILE_BINS_TEST, RegionsNest) {
-    start(REGIONS);
+    start(MEM_GRANULARITY_PER_BIN);
     allocate(0xA000, 500, {});
     release(0xA000, 500);
     allocate(0xB000, 100, {});
-    MEM_PROFILE_BIN_SCOPE outer("outer", "t");
+    mem_open_profile_bin("outer", "t");
     allocate(0xC000, 200, {});
     {
-        MEM_PROFILE_BIN_SCOPE inner("inner");
+        MEM_PROFILE_BIN_SCOPE inner("inner"); // closed once only
         allocate(0xD000, 1000, {});
         release(0xD000, 1000);
         release(0xC000, 200);
-        const MEM_PROFILE_BIN_FIGURES& figures = inner.close();
-        EXPECT_EQ(figures.bytes_at_open, 300U);
-        EXPECT_EQ(figures.bytes_at_close, 100U);
-        EXPECT_EQ(figures.local_peak_bytes, 1300U);
+        const auto [at_open, at_close, peak] = inner.close();
+        EXPECT_EQ(at_open, 300U);
+        EXPECT_EQ(at_close, 100U);
+        EXPECT_EQ(peak, 1300U);
     }
-    // The inner bin was closed once only, and its peak is the outer one's too.
-    const MEM_PROFILE_BIN_FIGURES& figures = outer.close();
-    EXPECT_EQ(figures.bytes_at_open, 100U);
-    EXPECT_EQ(figures.bytes_at_close, 100U);
-    EXPECT_EQ(figures.local_peak_bytes, 1300U);
+    EXPECT_EQ(close_bin("t"), "100 100 1300"); // the inner peak is the outer one's too
     const MEM_BASE_STATS saved = mem_enter_local_region();
     EXPECT_EQ(saved.blocks.load(), 3);
     EXPECT_EQ(mem_exit_local_region(saved).bytes.load(), 100); // where it began
     EXPECT_EQ(mem_get_local_peak().bytes.load(), 1300);
-    EXPECT_TRUE(MEM_PROFILE_BINS::get_instance().stack.empty());
 }
 
 TEST_F(PROFILE_BINS_TEST, EachMechanismHasItsSwitch) {
     mem_open_profile_bin("a", "t"); // before the start
     EXPECT_EQ(close_bin("t"), "0 0 0");
-    start(REGIONS);
+    start(MEM_GRANULARITY_PER_BIN);
     allocate(0xA000, 64, {});
     mem_open_profile_bin("a", "t");
     EXPECT_EQ(current(), "Root | Root");
@@ -125,7 +117,7 @@ class PEAK_TEST : public TRACKER_TEST {
 
 TEST_F(PEAK_TEST, IsRecordedAtDoublingsAndHigherSteps) {
     set_variable("mem_profile_fileline_peak_snapshot_threshold", "1000");
-    start(CHARGES);
+    start(MEM_GRANULARITY_PER_BIN_DETAILED);
     EXPECT_EQ(free_at(999), "");
     EXPECT_EQ(free_at(3000), RECORDED + "3000 bytes, next peak at >= 3000 bytes\n");
     EXPECT_EQ(free_at(3999), "");

@@ -199,7 +199,6 @@ class RANDOM_RUN_TEST : public TRACKER_TEST, public testing::WithParamInterface<
             figures.blocks = figures.max_blocks = 0; // not counted here
             expect_same({found.current_bytes, found.max_bytes, found.cumulative_bytes}, figures,
                         names.name_of(id));
-            EXPECT_EQ(names.name_of(id), expected.names[id]);
         }
     }
     void expect_agreement() {
@@ -231,11 +230,15 @@ TEST_P(RANDOM_RUN_TEST, AgreesWithTheModel) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
     start(MEM_GRANULARITY_PER_BIN_DETAILED, "1000000000"); // bins are opened whatever the mask becomes
+    // What a free finds missing it leaves alone; with several threads that must not depend on their order.
+    model.mask = MEM_GRANULARITY_PER_BIN_DETAILED;
+    allocate(0x10, 16, {});
+    model.allocate(0, 0x10, 16, 0);
     for (std::uint64_t round = 0; round < 60 && !HasFailure(); ++round) {
         change_features(static_cast<std::uint32_t>(random() % 128));
         for (std::uint64_t change = random() % 4; change > 0; --change)
             model.change_bins(random);
-        if (round % 16 == 15)
+        if (round % 16 == 15 && GetParam() == 1)
             model.reset();
         run_on_threads(GetParam(), [this, round, seed](std::uint64_t thread) {
             // Threads are new each round, so a thread of an earlier round is another one to the tracker.
