@@ -31,36 +31,25 @@ FAKE_STACK filtered_frames(std::size_t count, FAKE_STACK stack = {}) {
 } // namespace
 
 TEST(FRAME_FILTER_TEST, PassesOverWhatIsNotTheHostsOwn) {
-    // Of each member of a record, what is passed over and, behind it, what isn't.
-    const struct {
-        char* (*member)(MEM_ADDRESS_TRACKER& record);
-        std::vector<const char*> filtered, charged;
-    } cases[] = {
-        {[](auto& record) { return record.function_name; },
-         {"", "std::vector<int>::grow()", "mem_read", "MEM_MANAGER::x()", "operator new[](unsigned long)",
-          "KTL_LIST::add()", "boost::any::any()", "tbb::task::run()", "ntl::list::add()"},
-         {"parse()", "my::std::f()", "memory_read", "operator delete(void*)"}},
-        {[](auto& record) { return record.module_name; },
-         {"", "vbx_mem_preload", "vbx_memory", "tbbamalloc", "Db_KvS"},
-         {"tbx", "db_kvs2"}},
-        {[](auto& record) { return record.file_name; },
-         {"", "/rigs/x.cpp", "d:\\src\\kvs_map.cpp", "d:\\mem_pool.cpp", "d:\\kit_utils",
-          "d:\\plc_zk_mem_interface", "d:\\src\\tbb_concurrent_hash_map_sys"},
-         {"/opt/rigs/x.cpp", "d:\\kit_utils.cpp", "d:\\kvs_src\\map.cpp", "/kvs_map.cpp"}},
+    MEM_ADDRESS_TRACKER frame;
+    for (char* member : {frame.function_name, frame.module_name, frame.file_name})
+        std::strcpy(member, "f");
+    const auto expect = [&frame](bool is_filtered, char* member, std::initializer_list<const char*> names) {
+        for (const char* name : names)
+            EXPECT_EQ(mem_frame_is_filtered((std::strcpy(member, name), frame)), is_filtered) << name;
+        std::strcpy(member, "f");
     };
-    for (const auto& [member, filtered, charged] : cases) {
-        const auto is_filtered = [member](const char* name) {
-            MEM_ADDRESS_TRACKER record;
-            for (char* other : {record.function_name, record.module_name, record.file_name})
-                std::strcpy(other, "f");
-            std::strcpy(member(record), name);
-            return mem_frame_is_filtered(record);
-        };
-        for (const char* name : filtered)
-            EXPECT_TRUE(is_filtered(name)) << name;
-        for (const char* name : charged)
-            EXPECT_FALSE(is_filtered(name)) << name;
-    }
+    expect(true, frame.function_name,
+           {"", "std::vector<int>::grow()", "mem_read", "MEM_MANAGER::x()", "operator new[](unsigned long)",
+            "KTL_LIST::add()", "boost::any::any()", "tbb::task::run()", "ntl::list::add()"});
+    expect(false, frame.function_name, {"parse()", "my::std::f()", "memory_read", "operator delete(void*)"});
+    expect(true, frame.module_name, {"", "vbx_mem_preload", "vbx_memory", "tbbamalloc", "Db_KvS"});
+    expect(false, frame.module_name, {"tbx", "db_kvs2"});
+    expect(true, frame.file_name,
+           {"", "/rigs/x.cpp", "d:\\src\\kvs_map.cpp", "d:\\mem_pool.cpp", "d:\\kit_utils",
+            "d:\\plc_zk_mem_interface", "d:\\src\\tbb_concurrent_hash_map_sys"});
+    expect(false, frame.file_name,
+           {"/opt/rigs/x.cpp", "d:\\kit_utils.cpp", "d:\\kvs_src\\map.cpp", "/kvs_map.cpp"});
 }
 
 class ATTRIBUTION_TEST : public TRACKER_TEST {};
@@ -77,7 +66,7 @@ TEST_F(ATTRIBUTION_TEST, ChargesTheFirstFrameOfTheHostAndAsksForEachAddressOnce)
     EXPECT_EQ(rendered_sites(), "OTHER cur 16/1 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n"
                                 "no_line cur 16/1 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n"
                                 "parse cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n");
-    EXPECT_EQ(fake_line_queries(), 5); // none of query, which stands behind the charged frame
+    EXPECT_EQ(fake_line_queries, 5); // none of query, which stands behind the charged frame
     MEM_ADDRESS_TRACKER site;
     ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(0xC000), site));
     EXPECT_STREQ(site.file_name, "Unknown");
@@ -115,13 +104,13 @@ TEST_F(ATTRIBUTION_TEST, KeepsAndCutsWhatTheServiceSays) {
     EXPECT_EQ(record.module_name, std::string(64, 'm'));
     fake_define_symbol(0x701, {"bare", "", 0, "bare"});
     EXPECT_STREQ(resolved(0x701).module_name, "bare");
-    EXPECT_EQ(fake_refreshes(), 0);
+    EXPECT_EQ(fake_refreshes, 0);
     fake_define_symbol(0x700, {"late", "/late.cpp", 5, "late", false}); // of a module that isn't listed yet
     EXPECT_STREQ(resolved(0x700).file_name, "/late.cpp");
-    EXPECT_EQ(fake_refreshes(), 1);
-    fake_set_symbol_query_hook([](std::uint64_t) { throw std::bad_alloc(); });
+    EXPECT_EQ(fake_refreshes, 1);
+    fake_symbol_query_hook = [](std::uint64_t) { throw std::bad_alloc(); };
     EXPECT_STREQ(resolved(PARSE).module_name, "");
-    fake_set_symbol_query_hook({});
+    fake_symbol_query_hook = {};
     EXPECT_STREQ(resolved(PARSE).module_name, "parser"); // and the lock is free again
 }
 
@@ -131,11 +120,11 @@ TEST_F(ATTRIBUTION_TEST, HoldsNobodyUpWhileItDescribes) {
     start(MEM_GRANULARITY_PER_FILELINE);
     allocate(0xA000, 16, {PARSE});
     std::atomic<bool> describing{false}, known_event_is_through{false};
-    fake_set_symbol_query_hook([&](std::uint64_t) {
+    fake_symbol_query_hook = [&](std::uint64_t) {
         describing = true;
         while (!known_event_is_through)
             std::this_thread::yield();
-    });
+    };
     auto threads = run_on_threads(2, [](std::uint64_t thread) { allocate(0xB000 + thread, 16, {EXPAND}); });
     while (!describing)
         std::this_thread::yield();
@@ -238,7 +227,7 @@ void add_counting_callbacks(std::integer_sequence<int, NUMBERS...>) {
 
 std::string calls_of_one_event() {
     calls.clear();
-    fake_allocate(0xA000, 16, 16);
+    allocate(0xA000, 16, {});
     return calls;
 }
 
@@ -281,7 +270,7 @@ TEST_F(CALLBACK_TABLE_TEST, ChangesUnderRunningEvents) {
     std::atomic<long> events{0};
     auto threads = run_on_threads(2, [&](std::uint64_t) {
         for (; !stop; ++events)
-            fake_allocate(0xA000, 16, 16);
+            allocate(0xA000, 16, {});
     });
     for (int change = 0; change < 2000; ++change) {
         mem_remove_callback_function(counting_callback<0>);

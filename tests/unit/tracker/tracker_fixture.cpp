@@ -71,8 +71,7 @@ std::string contents(const std::string& file) {
 }
 
 void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size) {
-    const FAKE_STACK_SCOPE scope(std::move(stack));
-    fake_allocate(block, requested_size, size);
+    fake_allocate(block, requested_size, size, std::move(stack));
 }
 
 void release(std::uint64_t block, std::uint64_t size) {
