@@ -7,27 +7,13 @@
 #include <string>
 #include <vector>
 
-// ---- events
-// ------------------------------------------------------------------------------------------------
+using FAKE_STACK = std::vector<std::uint64_t>; // innermost frame first
 
-using FAKE_STACK = std::vector<std::uint64_t>;
-
-// Fires the installed hook, if any, as the shim does: with the calling thread inside an allocator call.
-void fake_allocate(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size);
+// Fires the installed hook, if any, as the shim does: with the calling thread inside an allocator call, whose
+// stack captures see.
+void fake_allocate(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size, FAKE_STACK stack);
 void fake_free(std::uint64_t block, std::uint64_t size);
 bool fake_hook_is_installed();
-
-// The stack that captures on the calling thread see, innermost first.
-class FAKE_STACK_SCOPE {
-  public:
-    explicit FAKE_STACK_SCOPE(FAKE_STACK stack);
-    ~FAKE_STACK_SCOPE();
-    FAKE_STACK_SCOPE(const FAKE_STACK_SCOPE&) = delete;
-    FAKE_STACK_SCOPE& operator=(const FAKE_STACK_SCOPE&) = delete;
-
-  private:
-    FAKE_STACK m_outer;
-};
 
 struct FAKE_CAPTURE {
     std::int32_t max_frames;
@@ -36,9 +22,6 @@ struct FAKE_CAPTURE {
 // The captures that the calling thread has made.
 std::vector<FAKE_CAPTURE>& fake_captures();
 
-// ---- symbols
-// -----------------------------------------------------------------------------------------------
-
 struct FAKE_SYMBOL {
     std::string function;
     std::string file;
@@ -46,17 +29,12 @@ struct FAKE_SYMBOL {
     std::string module;
     bool is_listed = true; // false: a line query says so until the module list is refreshed
 };
-
 // Set before events arrive; queries come under the tracker's own lock.
 void fake_define_symbol(std::uint64_t address, FAKE_SYMBOL symbol);
 // How often a line was asked for, and how often the module list was refreshed.
-int fake_line_queries();
-int fake_refreshes();
+extern int fake_line_queries, fake_refreshes;
 // Called at the beginning of each line query.
-void fake_set_symbol_query_hook(std::function<void(std::uint64_t)> hook);
-
-// ---- clock
-// -------------------------------------------------------------------------------------------------
+extern std::function<void(std::uint64_t)> fake_symbol_query_hook;
 
 // What os_clock gives, call by call; the last one stays.
 void fake_set_clock(std::vector<std::int64_t> readings);

@@ -1,156 +1,158 @@
-// What one allocation and one free move, feature by feature, and what blocks do that the tracker doesn't
-// know.
+// From a stack to the site that is charged; what allocations and frees move that a random run doesn't bring
+// about; and the table of event callbacks.
 
 #include "tests/unit/tracker/tracker_fixture.h"
 #include "vbx/mem/base/thread_state.h"
-#include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
+#include "vbx/mem/mem_tbb_tracker/records/block_shards.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 
-#include <thread>
+#include <atomic>
+#include <cstring>
+#include <new>
+#include <numeric>
+
+namespace {
+
+MEM_ADDRESS_TRACKER resolved(std::uint64_t address) {
+    MEM_ADDRESS_TRACKER record;
+    record.address = address;
+    mem_resolve_address(record);
+    return record;
+}
+
+FAKE_STACK filtered_frames(std::size_t count, FAKE_STACK stack = {}) {
+    stack.insert(stack.begin(), count, 0);
+    std::iota(stack.begin(), stack.begin() + static_cast<std::ptrdiff_t>(count), FILTERED);
+    return stack;
+}
+
+} // namespace
+
+TEST(FRAME_FILTER_TEST, PassesOverWhatIsNotTheHostsOwn) {
+    MEM_ADDRESS_TRACKER frame;
+    for (char* member : {frame.function_name, frame.module_name, frame.file_name})
+        std::strcpy(member, "f");
+    const auto expect = [&frame](bool is_filtered, char* member, std::initializer_list<const char*> names) {
+        for (const char* name : names)
+            EXPECT_EQ(mem_frame_is_filtered((std::strcpy(member, name), frame)), is_filtered) << name;
+        std::strcpy(member, "f");
+    };
+    expect(true, frame.function_name,
+           {"", "std::vector<int>::grow()", "mem_read", "MEM_MANAGER::x()", "operator new[](unsigned long)",
+            "KTL_LIST::add()", "boost::any::any()", "tbb::task::run()", "ntl::list::add()"});
+    expect(false, frame.function_name, {"parse()", "my::std::f()", "memory_read", "operator delete(void*)"});
+    expect(true, frame.module_name, {"", "vbx_mem_preload", "vbx_memory", "tbbamalloc", "Db_KvS"});
+    expect(false, frame.module_name, {"tbx", "db_kvs2"});
+    expect(true, frame.file_name,
+           {"", "/rigs/x.cpp", "d:\\src\\kvs_map.cpp", "d:\\mem_pool.cpp", "d:\\kit_utils",
+            "d:\\plc_zk_mem_interface", "d:\\src\\tbb_concurrent_hash_map_sys"});
+    expect(false, frame.file_name,
+           {"/opt/rigs/x.cpp", "d:\\kit_utils.cpp", "d:\\kvs_src\\map.cpp", "/kvs_map.cpp"});
+}
+
+class ATTRIBUTION_TEST : public TRACKER_TEST {};
+
+TEST_F(ATTRIBUTION_TEST, ChargesTheFirstFrameOfTheHostAndAsksForEachAddressOnce) {
+    set_variable("mem_profile_with_incomplete_fileline_info", "on");
+    fake_define_symbol(0x500, {"no_line", "", 0, "parser"});
+    fake_define_symbol(0x501, {"", "", 0, "parser"});
+    start(MEM_GRANULARITY_PER_FILELINE);
+    for (std::uint64_t block = 0xA000; block < 0xA020; block += 16)
+        allocate(block, 16, {FILTERED, FILTERED + 1, PARSE, QUERY});
+    allocate(0xB000, 16, {FILTERED, 0, QUERY}); // a frame of zero
+    allocate(0xC000, 16, {0x501, 0x500});
+    EXPECT_EQ(rendered_sites(), "OTHER cur 16/1 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n"
+                                "no_line cur 16/1 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n"
+                                "parse cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n");
+    EXPECT_EQ(fake_line_queries, 5); // none of query, which stands behind the charged frame
+    MEM_ADDRESS_TRACKER site;
+    ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(0xC000), site));
+    EXPECT_STREQ(site.file_name, "Unknown");
+}
+
+TEST_F(ATTRIBUTION_TEST, LooksDeeperOnlyBehindAFullCapture) {
+    start(MEM_GRANULARITY_PER_LIBRARY);
+    const struct {
+        FAKE_STACK stack;
+        int parsed, others; // blocks so far
+        std::size_t captures;
+    } cases[] = {{filtered_frames(10, {PARSE}), 1, 0, 1}, {filtered_frames(11, {PARSE}), 2, 0, 2},
+                 {filtered_frames(60, {PARSE}), 3, 0, 2}, {filtered_frames(61, {PARSE}), 3, 1, 2},
+                 {filtered_frames(10), 3, 2, 1},          {{}, 3, 3, 1}};
+    std::uint64_t block = 0xA000;
+    for (const auto& [stack, parsed, others, captures] : cases) {
+        SCOPED_TRACE(stack.size());
+        fake_captures().clear();
+        allocate(block += 16, 16, stack);
+        EXPECT_EQ(fake_captures().size(), captures);
+        if (captures == 2) {
+            EXPECT_EQ(fake_captures()[1].max_frames, 50);
+            EXPECT_EQ(fake_captures()[1].skip_frames, 11);
+        }
+        EXPECT_EQ(module_record("parser").current_blocks, parsed);
+        EXPECT_EQ(module_record("OTHER").current_blocks, others);
+    }
+}
+
+TEST_F(ATTRIBUTION_TEST, KeepsAndCutsWhatTheServiceSays) {
+    fake_define_symbol(0x600, {std::string(2000, 'f'), std::string(257, 'p'), 7, std::string(65, 'm')});
+    const MEM_ADDRESS_TRACKER record = resolved(0x600);
+    EXPECT_EQ(record.function_name, std::string(512, 'f'));
+    EXPECT_EQ(record.file_name, std::string(256, 'p'));
+    EXPECT_EQ(record.module_name, std::string(64, 'm'));
+    fake_define_symbol(0x701, {"bare", "", 0, "bare"});
+    EXPECT_STREQ(resolved(0x701).module_name, "bare");
+    EXPECT_EQ(fake_refreshes, 0);
+    fake_define_symbol(0x700, {"late", "/late.cpp", 5, "late", false}); // of a module that isn't listed yet
+    EXPECT_STREQ(resolved(0x700).file_name, "/late.cpp");
+    EXPECT_EQ(fake_refreshes, 1);
+    fake_symbol_query_hook = [](std::uint64_t) { throw std::bad_alloc(); };
+    EXPECT_STREQ(resolved(PARSE).module_name, "");
+    fake_symbol_query_hook = {};
+    EXPECT_STREQ(resolved(PARSE).module_name, "parser"); // and the lock is free again
+}
+
+// Threads with known addresses go on while another describes a new one; two threads that meet one new address
+// charge one record.
+TEST_F(ATTRIBUTION_TEST, HoldsNobodyUpWhileItDescribes) {
+    start(MEM_GRANULARITY_PER_FILELINE);
+    allocate(0xA000, 16, {PARSE});
+    std::atomic<bool> describing{false}, known_event_is_through{false};
+    fake_symbol_query_hook = [&](std::uint64_t) {
+        describing = true;
+        while (!known_event_is_through)
+            std::this_thread::yield();
+    };
+    auto threads = run_on_threads(2, [](std::uint64_t thread) { allocate(0xB000 + thread, 16, {EXPAND}); });
+    while (!describing)
+        std::this_thread::yield();
+    allocate(0xD000, 16, {PARSE});
+    known_event_is_through = true;
+    threads.clear();
+    EXPECT_EQ(rendered_sites(), "parse cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n"
+                                "expand cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n");
+}
+
+// ---- what an event moves
 
 class EVENT_TEST : public TRACKER_TEST {};
 
-TEST_F(EVENT_TEST, ChargesAndCreditsTheSite) {
-    start(MEM_GRANULARITY_PER_FILELINE);
-    allocate(0xA000, 64, {PARSE, QUERY}, 50);
-    allocate(0xA040, 32, {PARSE, QUERY});
-    allocate(0xA080, 128, {QUERY}, 100);
-    release(0xA000, 64);
-    EXPECT_EQ(rendered_sites(), "parse cur 32/1 max 96/2 peak 0/0 cum 96/2 req 82 mis 0\n"
-                                "query cur 128/1 max 128/1 peak 0/0 cum 128/1 req 100 mis 0\n");
-    EXPECT_EQ(mem_tracked_total_bytes().load(), 160);
-    EXPECT_EQ(mem_get_stats().current.bytes.load(), 0);
-    MEMORY_TRACKER_BASE record;
-    EXPECT_FALSE(mem_get_module_tracker("parser", record));
-}
-
-struct FEATURE_CASE {
-    std::uint32_t mask;
-    bool counts_sites;
-    bool counts_modules;
-    bool counts_globally;
-    bool counts_total;
-    bool counts_bins;
-    bool knows_block;
-};
-
-class FEATURE_TEST : public EVENT_TEST, public testing::WithParamInterface<FEATURE_CASE> {};
-
-TEST_P(FEATURE_TEST, MovesWhatItsBitsAskFor) {
-    const FEATURE_CASE& expected = GetParam();
-    start(expected.mask);
-    EXPECT_EQ(fake_hook_is_installed(), expected.mask != 0);
-    allocate(0xA000, 64, {PARSE});
-
-    MEM_ADDRESS_TRACKER site;
-    EXPECT_EQ(mem_get_address_tracker(reinterpret_cast<void*>(0xA000), site), expected.knows_block);
-    EXPECT_EQ(site.current_bytes, expected.counts_sites ? 64 : 0);
-    EXPECT_EQ(site.module_tracker != nullptr, expected.counts_modules);
-    MEMORY_TRACKER_BASE record;
-    EXPECT_EQ(mem_get_module_tracker("parser", record), expected.counts_modules);
-    EXPECT_EQ(mem_get_current_bytes(), expected.counts_globally ? 64U : 0U);
-    EXPECT_EQ(mem_tracked_total_bytes().load(), expected.counts_total ? 64 : 0);
-    EXPECT_EQ(pbin_stats->entry(0).current_bytes.load(), expected.counts_bins ? 64 : 0);
-    EXPECT_EQ(ptag_stats->entry(0).cumulative_bytes.load(), expected.counts_bins ? 64 : 0);
-    EXPECT_EQ(fake_captures().size(), expected.knows_block ? 1U : 0U);
-
-    release(0xA000, 64);
-    EXPECT_EQ(mem_get_current_bytes(), 0U);
-    EXPECT_EQ(mem_tracked_total_bytes().load(), 0);
-    EXPECT_EQ(pbin_stats->entry(0).current_bytes.load(), 0);
-    EXPECT_EQ(mem_sample_counter.load(), expected.mask != 0 ? 2U : 0U);
-}
-
-INSTANTIATE_TEST_SUITE_P(Masks, FEATURE_TEST,
-                         testing::Values(FEATURE_CASE{0, false, false, false, false, false, false},
-                                         FEATURE_CASE{1, false, false, true, false, false, false},
-                                         FEATURE_CASE{2, false, false, false, true, true, false},
-                                         FEATURE_CASE{4, false, true, false, true, false, true},
-                                         FEATURE_CASE{8, true, false, false, true, false, true},
-                                         FEATURE_CASE{16, true, false, false, false, false, true},
-                                         FEATURE_CASE{32, false, false, true, false, false, false},
-                                         FEATURE_CASE{64, false, false, false, false, false, false},
-                                         FEATURE_CASE{95, true, true, true, true, true, true}),
-                         [](const auto& test) { return "Mask" + std::to_string(test.param.mask); });
-
-TEST_F(EVENT_TEST, RollsSitesUpIntoModules) {
-    start(MEM_GRANULARITY_PER_LIBRARY);
-    allocate(0xA000, 64, {PARSE}, 60);
-    allocate(0xA040, 32, {EXPAND}, 30);
-    release(0xA000, 64);
-    const MEMORY_TRACKER_BASE parser = module_record("parser");
-    EXPECT_EQ(parser.current_blocks, 1);
-    EXPECT_EQ(parser.max_blocks, 2);
-    EXPECT_EQ(parser.cumulative_blocks, 2);
-    EXPECT_EQ(parser.current_bytes, 32);
-    EXPECT_EQ(parser.max_bytes, 96);
-    EXPECT_EQ(parser.cumulative_bytes, 96);
-    EXPECT_EQ(parser.cumulative_requested_bytes, 90);
-    EXPECT_EQ(parser.peak_bytes, 0);
-    MEMORY_TRACKER_BASE none;
-    EXPECT_FALSE(mem_get_module_tracker("", none));
-    EXPECT_FALSE(mem_get_module_tracker("Parser", none));
-}
-
-TEST_F(EVENT_TEST, TakesUnknownBlocksFromTheCatchAll) {
-    start(MEM_GRANULARITY_ALL);
-    EXPECT_EQ(module_record("OTHER").current_blocks, 0);
-    release(0xB000, 48);
-    EXPECT_EQ(catch_all().current_blocks, -1);
-    EXPECT_EQ(catch_all().current_bytes, -48);
-    EXPECT_EQ(module_record("OTHER").current_bytes, -48);
-    EXPECT_EQ(mem_tracked_total_bytes().load(), -48);
-    EXPECT_EQ(mem_get_current_bytes(), static_cast<std::uint64_t>(-48));
-}
-
-TEST_F(EVENT_TEST, KeepsTheSecondSiteOfABlockAllocatedTwice) {
+// Its free was never seen. The sites keep the second allocation, the bins the first.
+TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
     start(MEM_GRANULARITY_PER_FILELINE);
     allocate(0xA000, 64, {PARSE});
     allocate(0xA000, 64, {QUERY});
     release(0xA000, 64);
     EXPECT_EQ(rendered_sites(), "parse cur 64/1 max 64/1 peak 0/0 cum 64/1 req 64 mis 0\n"
                                 "query cur 0/0 max 64/1 peak 0/0 cum 64/1 req 64 mis 0\n");
-}
-
-TEST_F(EVENT_TEST, CountsSmallBlocksFreedOnAnotherThread) {
-    start(MEM_GRANULARITY_PER_FILELINE);
-    allocate(0xA000, 8128, {PARSE});
-    allocate(0xC000, 8129, {PARSE});
-    allocate(0xE000, 16, {PARSE});
-    std::thread([] {
-        release(0xA000, 8128);
-        release(0xC000, 8129);
-        release(0xBBBB0, 16); // unknown: never mismatched
-    }).join();
-    release(0xE000, 16);
-    EXPECT_EQ(rendered_site(PARSE), "parse cur 0/0 max 16273/3 peak 16273/3 cum 16273/3 req 16273 mis 8128");
-    EXPECT_EQ(catch_all().cumulative_mismatched_bytes, 0);
-}
-
-TEST_F(EVENT_TEST, TellsMismatchedBlocksByTheMaskOfBothEvents) {
-    start(MEM_GRANULARITY_CHECK_LEAKS);
-    allocate(0xA000, 16, {PARSE});
-    allocate(0xB000, 16, {QUERY});
-    mem_enable_tracking(MEM_GRANULARITY_PER_FILELINE);
-    allocate(0xC000, 16, {EXPAND});
-    release(0xA000, 16); // allocated while no thread was kept
-    mem_disable_tracking(MEM_GRANULARITY_PER_FILELINE);
-    std::thread([] {
-        release(0xB000, 16);
-        release(0xC000, 16);
-    }).join();
-    EXPECT_EQ(rendered_sites(), "parse cur 0/0 max 16/1 peak 0/0 cum 16/1 req 16 mis 16\n"
-                                "expand cur 0/0 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n"
-                                "query cur 0/0 max 16/1 peak 0/0 cum 16/1 req 16 mis 0\n");
-}
-
-TEST_F(EVENT_TEST, FindsTheModuleByNameWhenTheSiteHasNone) {
-    start(MEM_GRANULARITY_PER_FILELINE);
-    allocate(0xA000, 16, {PARSE});
-    mem_enable_tracking(MEM_GRANULARITY_PER_LIBRARY);
-    release(0xA000, 16);
-    EXPECT_EQ(module_record("parser").current_blocks, -1);
-    EXPECT_EQ(module_record("parser").cumulative_blocks, 0);
+    MEM_BLOCK_SHARDS shards;
+    const void* const block = &shards;
+    shards.insert(block, {1, 2});
+    shards.insert(block, {3, 4});
+    EXPECT_EQ(shards.take(block).tag_id, 2U);
+    EXPECT_EQ(shards.take(block).tag_id, 0U);
 }
 
 TEST_F(EVENT_TEST, CountsBlockedThreadsAndItsOwnEventsApart) {
@@ -164,22 +166,22 @@ TEST_F(EVENT_TEST, CountsBlockedThreadsAndItsOwnEventsApart) {
     EXPECT_EQ(mem_unblock_thread_tracking(), 0);
     {
         const MEM_IN_TRACKER_SCOPE own_event;
+        allocate(0xB000, 8, {PARSE});
         release(0xA040, 64);
     }
     EXPECT_EQ(rendered_sites(), "");
     EXPECT_EQ(mem_sample_counter.load(), 0U);
     const MEM_FALLBACK_COUNTERS& counters = mem_fallback_counters;
-    EXPECT_EQ(counters.allocations.load(), 2U);
+    EXPECT_EQ(counters.allocations.load(), 3U);
     EXPECT_EQ(counters.frees.load(), 2U);
     EXPECT_EQ(counters.requested_total.load(), 50U);
-    EXPECT_EQ(counters.allocated_total.load(), 128U);
+    EXPECT_EQ(counters.allocated_total.load(), 136U);
     EXPECT_EQ(counters.requested_outstanding.load(), 50U);
-    EXPECT_EQ(counters.allocated_outstanding.load(), 0U);
+    EXPECT_EQ(counters.allocated_outstanding.load(), 8U);
 }
 
 TEST_F(EVENT_TEST, PrintsTheTimelineIndexOnEveryEighthSample) {
-    set_variable("mem_profile_library_snapshot_period", "2");
-    start(MEM_GRANULARITY_PER_FILELINE);
+    start(MEM_GRANULARITY_PER_FILELINE, "2");
     testing::internal::CaptureStdout();
     for (std::uint64_t block = 0; block < 18; ++block)
         allocate(0xA000 + 16 * block, 16, {PARSE});
@@ -190,18 +192,92 @@ TEST_F(EVENT_TEST, PrintsTheTimelineIndexOnEveryEighthSample) {
 
 TEST_F(EVENT_TEST, ScopeGuardStopsTheGlobalStatisticsAlone) {
     start(MEM_GRANULARITY_PER_BIN | MEM_GRANULARITY_PER_FILELINE);
-    {
-        const MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT guard;
-        allocate(0xA000, 16, {PARSE});
+    for (const bool was_on : {true, false}) {
+        mem_set_tbb_track_alloc_dealloc(was_on);
+        {
+            const MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT guard;
+            allocate(0xA000 + was_on, 16, {PARSE});
+            mem_set_tbb_track_alloc_dealloc(!was_on);
+        }
+        EXPECT_EQ(mem_get_tbb_track_alloc_dealloc(), was_on);
     }
-    allocate(0xA010, 16, {PARSE});
+    EXPECT_EQ(mem_get_current_bytes(), 0U);
+    EXPECT_EQ(rendered_sites(), "parse cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0\n");
+}
+
+// ---- callbacks
+
+namespace {
+
+std::string calls;
+std::atomic<long> counted_calls{0};
+
+template <char NAME>
+void callback(void*, std::uint64_t, std::uint64_t, bool) {
+    calls += NAME;
+}
+template <int NUMBER>
+void counting_callback(void*, std::uint64_t, std::uint64_t, bool) {
+    ++counted_calls;
+}
+template <int... NUMBERS>
+void add_counting_callbacks(std::integer_sequence<int, NUMBERS...>) {
+    (mem_add_callback_function(counting_callback<NUMBERS>), ...);
+}
+
+std::string calls_of_one_event() {
+    calls.clear();
+    allocate(0xA000, 16, {});
+    return calls;
+}
+
+} // namespace
+
+class CALLBACK_TABLE_TEST : public TRACKER_TEST {};
+
+TEST_F(CALLBACK_TABLE_TEST, HoldsSixteenInOrderOfAdding) {
+    mem_add_callback_function(callback<'a'>);
+    mem_add_callback_function(callback<'a'>);
+    EXPECT_EQ(calls_of_one_event(), "a");
+    mem_add_callback_function(callback<'b'>);
+    mem_add_callback_function(callback<'c'>);
+    EXPECT_EQ(calls_of_one_event(), "abc");
+    mem_remove_callback_function(callback<'b'>);
+    mem_remove_callback_function(callback<'d'>);
+    EXPECT_EQ(calls_of_one_event(), "ac");
+    mem_remove_callback_function(callback<'a'>);
+    EXPECT_EQ(calls_of_one_event(), "c");
+    start(0);
+    mem_enable_tracking(MEM_GRANULARITY_PER_BIN); // the event handler is one of them
+    EXPECT_EQ(calls_of_one_event(), "c");
+    mem_disable_tracking(MEM_GRANULARITY_PER_BIN);
+    EXPECT_EQ(calls_of_one_event(), "c");
     EXPECT_EQ(mem_get_current_bytes(), 16U);
-    EXPECT_EQ(catch_all().current_blocks, 0);
-    EXPECT_EQ(rendered_site(PARSE), "parse cur 32/2 max 32/2 peak 0/0 cum 32/2 req 32 mis 0");
-    mem_set_tbb_track_alloc_dealloc(false);
-    {
-        const MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT guard;
-        mem_set_tbb_track_alloc_dealloc(true);
+    mem_remove_callback_function(callback<'c'>);
+    EXPECT_FALSE(fake_hook_is_installed());
+    add_counting_callbacks(std::make_integer_sequence<int, 16>());
+    calls_of_one_event();
+    EXPECT_EQ(counted_calls, 16);
+    EXPECT_DEATH(mem_add_callback_function(callback<'a'>),
+                 "MEM: internal error: Change the size of callback_fns to increase the number of allowed "
+                 "callbacks");
+}
+
+// A change of the table is one step for an event: it calls the old entries or the new ones, none twice.
+TEST_F(CALLBACK_TABLE_TEST, ChangesUnderRunningEvents) {
+    add_counting_callbacks(std::make_integer_sequence<int, 2>());
+    std::atomic<bool> stop{false};
+    std::atomic<long> events{0};
+    auto threads = run_on_threads(2, [&](std::uint64_t) {
+        for (; !stop; ++events)
+            allocate(0xA000, 16, {});
+    });
+    for (int change = 0; change < 2000; ++change) {
+        mem_remove_callback_function(counting_callback<0>);
+        mem_add_callback_function(counting_callback<0>);
     }
-    EXPECT_FALSE(mem_get_tbb_track_alloc_dealloc());
+    stop = true;
+    threads.clear();
+    EXPECT_GE(counted_calls, events);
+    EXPECT_LE(counted_calls, 2 * events);
 }

@@ -7,23 +7,32 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <mutex>
+#include <sstream>
 
 namespace {
 
-std::string rendered(const MEM_ADDRESS_TRACKER& site) {
-    char text[1024];
-    const auto number = [](std::int64_t value) { return static_cast<long long>(value); };
-    std::snprintf(text, sizeof text,
-                  "%s cur %lld/%d max %lld/%d peak %lld/%d cum %lld/%lld req %lld mis %lld",
-                  site.address == 0 ? "OTHER" : site.function_name, number(site.current_bytes),
-                  site.current_blocks, number(site.max_bytes), site.max_blocks, number(site.peak_bytes),
-                  site.peak_blocks, number(site.cumulative_bytes), number(site.cumulative_blocks),
-                  number(site.cumulative_requested_bytes), number(site.cumulative_mismatched_bytes));
-    return text;
+std::mutex messages_lock;
+std::string messages;
+
+// Comes inside events as well, where the heap may be made to fail: no more is kept than there is room for.
+bool keep_message(const char* tag, const char* format, std::va_list args) {
+    const std::lock_guard guard(messages_lock);
+    char text[200];
+    std::vsnprintf(text, sizeof text, format, args);
+    if (messages.size() + sizeof text + 20 < messages.capacity())
+        messages.append(tag).append(": ").append(text).append("\n");
+    return true;
 }
 
-bool was_touched(const MEM_ADDRESS_TRACKER& site) {
-    return site.cumulative_blocks != 0 || site.current_blocks != 0 || site.current_bytes != 0;
+std::string rendered(const MEM_ADDRESS_TRACKER& site) {
+    std::ostringstream text;
+    text << (site.address == 0 ? "OTHER" : site.function_name) << " cur " << site.current_bytes << "/"
+         << site.current_blocks << " max " << site.max_bytes << "/" << site.max_blocks << " peak "
+         << site.peak_bytes << "/" << site.peak_blocks << " cum " << site.cumulative_bytes << "/"
+         << site.cumulative_blocks << " req " << site.cumulative_requested_bytes << " mis "
+         << site.cumulative_mismatched_bytes << "\n";
+    return text.str();
 }
 
 } // namespace
@@ -34,21 +43,26 @@ TRACKER_TEST::TRACKER_TEST() {
     fake_define_symbol(QUERY, {"query", "/src/query.cpp", 30, "engine"});
     for (std::uint64_t address = FILTERED; address < FILTERED + 0x100; ++address)
         fake_define_symbol(address, {"std::vector<int>::grow()", "/usr/include/vector", 1, "parser"});
-    mem_set_msg_local_vdebug_callback([](const char*, const char*, std::va_list) { return true; });
+    messages.reserve(2000);
+    mem_set_msg_local_vdebug_callback(keep_message);
 }
 
-void TRACKER_TEST::start(std::uint32_t mask) {
+void TRACKER_TEST::start(std::uint32_t mask, const char* sample_period) {
+    if (sample_period != nullptr)
+        set_variable("mem_profile_library_snapshot_period", sample_period);
     mem_tbb_tracker_start(static_cast<MEM_TRACKING_GRANULARITY>(mask));
+}
+
+std::string TRACKER_TEST::take_messages() {
+    const std::string taken = messages;
+    messages.clear();
+    return taken;
 }
 
 EMPTY_FOLDER::EMPTY_FOLDER() {
     char folder[] = "/tmp/tracker_test_XXXXXX";
-    m_folder = mkdtemp(folder);
-    std::filesystem::current_path(m_folder);
-}
-
-EMPTY_FOLDER::~EMPTY_FOLDER() {
-    std::filesystem::remove_all(m_folder);
+    path = mkdtemp(folder);
+    std::filesystem::current_path(path);
 }
 
 std::string contents(const std::string& file) {
@@ -57,31 +71,30 @@ std::string contents(const std::string& file) {
 }
 
 void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size) {
-    const FAKE_STACK_SCOPE scope(std::move(stack));
-    fake_allocate(block, requested_size, size);
+    fake_allocate(block, requested_size, size, std::move(stack));
 }
 
 void release(std::uint64_t block, std::uint64_t size) {
     fake_free(block, size);
 }
 
+std::string close_bin(const std::string& tag) {
+    std::uint64_t figures[3] = {9, 9, 9};
+    mem_close_profile_bin(tag, &figures[0], &figures[1], &figures[2]);
+    return std::to_string(figures[0]) + " " + std::to_string(figures[1]) + " " + std::to_string(figures[2]);
+}
+
 std::string rendered_sites() {
     std::map<std::uint64_t, std::string> lines;
     const MEM_SPIN_GUARD guard(mem_site_lock);
     mem_tbb_site_table->for_each([&lines](const MEM_ADDRESS_TRACKER& site) {
-        if (was_touched(site))
+        if (site.cumulative_blocks != 0 || site.current_blocks != 0)
             lines[site.address] = rendered(site);
     });
     std::string text;
     for (const auto& [address, line] : lines)
-        text += line + "\n";
+        text += line;
     return text;
-}
-
-std::string rendered_site(std::uint64_t address) {
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    const MEM_ADDRESS_TRACKER* const site = mem_tbb_site_table->find(address);
-    return site != nullptr ? rendered(*site) : "none";
 }
 
 MEMORY_TRACKER_BASE module_record(const std::string& name) {
@@ -96,6 +109,21 @@ MEMORY_TRACKER_BASE catch_all() {
     return record;
 }
 
+std::string rows_of(bool (*report)(std::ostream&, std::ostream&)) {
+    std::ostringstream plain, detailed;
+    EXPECT_TRUE(report(plain, detailed));
+    const std::string text = detailed.str();
+    const std::size_t begin = text.find("\n\n") + 2;
+    return text.substr(begin, text.find("Time spent") - begin);
+}
+
 void set_variable(const char* name, const char* value) {
     setenv(name, value, 1);
+}
+
+std::vector<std::jthread> run_on_threads(int count, std::function<void(std::uint64_t)> job) {
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < count; ++thread)
+        threads.emplace_back(job, static_cast<std::uint64_t>(thread));
+    return threads;
 }

@@ -1,0 +1,151 @@
+#include "tests/fakes/fakes.h"
+
+#include "vbx/platform/debug_symbols/debug_symbols.h"
+#include "vbx/platform/os/clock.h"
+#include "vbx/platform/tbbamalloc/tbbamalloc.h"
+#include "vbx/platform/vbx_err/vbx_err.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <thread>
+#include <utility>
+
+namespace {
+thread_local FAKE_STACK current_stack;
+thread_local std::vector<FAKE_CAPTURE> captures;
+
+constinit std::atomic<tbbk_mem_tracker_callback> hook{nullptr};
+constinit std::atomic<int> threads_inside{0};
+constinit thread_local int own_depth = 0;
+
+void fire(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size, bool is_allocation) {
+    threads_inside += own_depth++ == 0;
+    if (const auto callback = hook.load())
+        callback(reinterpret_cast<void*>(block), requested_size, size, is_allocation);
+    threads_inside -= --own_depth == 0;
+}
+} // namespace
+
+void fake_allocate(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size, FAKE_STACK stack) {
+    current_stack = std::move(stack);
+    fire(block, requested_size, size, true);
+}
+void fake_free(std::uint64_t block, std::uint64_t size) {
+    fire(block, 0, size, false);
+}
+bool fake_hook_is_installed() {
+    return hook != nullptr;
+}
+
+void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
+    hook = callback;
+}
+bool tbbk_process_malloc_is_shim() noexcept {
+    return true;
+}
+void tbbk_guard_forks() noexcept {}
+
+bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (threads_inside != (own_depth > 0)) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+void tbbk_quiesce_end() noexcept {}
+
+namespace {
+class FAKE_UNWINDER final : public ERR_UNWINDER {
+  public:
+    const char* describe() const override { return "fake"; }
+    std::int32_t capture_stack(std::uint64_t* frames, std::int32_t max_frames, std::int32_t skip_frames,
+                               std::uint64_t) override {
+        captures.push_back({max_frames, skip_frames});
+        const auto size = static_cast<std::int32_t>(current_stack.size());
+        const std::int32_t first = std::min(skip_frames, size);
+        const std::int32_t count = std::min(max_frames, size - first);
+        std::copy_n(current_stack.begin() + first, count, frames);
+        return count;
+    }
+};
+FAKE_UNWINDER fake_unwinder;
+} // namespace
+
+ERR_UNWINDER* ERR_UNWINDER::get_default_unwinder() {
+    return &fake_unwinder;
+}
+
+std::vector<FAKE_CAPTURE>& fake_captures() {
+    return captures;
+}
+
+namespace {
+std::map<std::uint64_t, FAKE_SYMBOL> symbols;
+std::uint64_t unlisted_address = 0;
+
+const char* text_of(std::uint64_t address, std::string FAKE_SYMBOL::*member) {
+    const auto found = symbols.find(address);
+    return found != symbols.end() && !(found->second.*member).empty() ? (found->second.*member).c_str()
+                                                                      : nullptr;
+}
+} // namespace
+
+void fake_define_symbol(std::uint64_t address, FAKE_SYMBOL symbol) {
+    symbols[address] = std::move(symbol);
+}
+int fake_line_queries = 0, fake_refreshes = 0;
+std::function<void(std::uint64_t)> fake_symbol_query_hook;
+
+SYM_STATUS sym_get_line_from_addr(std::uint64_t address, SYM_LINE& line) {
+    ++fake_line_queries;
+    if (fake_symbol_query_hook)
+        fake_symbol_query_hook(address);
+    const char* const file = text_of(address, &FAKE_SYMBOL::file);
+    if (file == nullptr)
+        return SYM_STATUS::no_information;
+    if (!symbols[address].is_listed) {
+        unlisted_address = address;
+        return SYM_STATUS::module_not_listed;
+    }
+    line = {file, symbols[address].line};
+    return SYM_STATUS::found;
+}
+
+void sym_refresh_module_list() {
+    ++fake_refreshes;
+    symbols[unlisted_address].is_listed = true;
+}
+
+bool sym_from_addr(std::uint64_t address, SYM_SYMBOL& symbol) {
+    symbol.name = text_of(address, &FAKE_SYMBOL::function);
+    return symbol.name != nullptr;
+}
+
+void sym_undecorate_name(const char* name, char* out, std::size_t length) {
+    std::snprintf(out, length, "%s", name);
+}
+
+bool sym_get_module_info(std::uint64_t address, SYM_MODULE& module) {
+    module.short_name = text_of(address, &FAKE_SYMBOL::module);
+    return module.short_name != nullptr;
+}
+
+namespace {
+std::vector<std::int64_t> clock_readings{0};
+}
+
+void fake_set_clock(std::vector<std::int64_t> readings) {
+    clock_readings = std::move(readings);
+}
+
+std::int64_t os_clock() {
+    const std::int64_t now = clock_readings.front();
+    if (clock_readings.size() > 1)
+        clock_readings.erase(clock_readings.begin());
+    return now;
+}

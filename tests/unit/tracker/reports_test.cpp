@@ -1,0 +1,276 @@
+// The files that a process leaves behind: their exact text, which switch brings which, what becomes of those
+// that can't be written; and reports on streams of any kind, at the edges of their figures.
+
+#include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/host/memory_source.h"
+#include "vbx/mem/mem_tbb_tracker/reports/leak_reports.h"
+#include "vbx/mem/mem_tbb_tracker/reports/pb_stats_report.h"
+#include "vbx/mem/mem_tbb_tracker/reports/timeline_report.h"
+#include "vbx/mem/tracker.h"
+
+#include <cerrno>
+#include <deque>
+#include <iomanip>
+#include <locale>
+#include <map>
+#include <sstream>
+
+namespace {
+
+// Answers once.
+constexpr MEM_MEMORY_SOURCE SCRIPTED{[] { return 0; },
+                                     [](OS_PROCESS_MEMORY& memory) {
+                                         static int queries = 0;
+                                         memory = {0xFFFFFFFF, 2000, 2000, 3000, 3000, 0};
+                                         return queries++ == 0 ? 0 : EIO;
+                                     },
+                                     nullptr};
+
+using FILES = std::map<std::string, std::string>;
+
+// Contents by name, without what all names have.
+FILES files() {
+    FILES files;
+    for (const auto& entry : std::filesystem::directory_iterator(".")) {
+        const std::string name = entry.path().filename();
+        files[name.substr(8, name.find('.') - 8)] = contents(name);
+    }
+    return files;
+}
+std::string names_of(const FILES& files) {
+    std::string names;
+    for (const auto& [name, text] : files)
+        names += name + " ";
+    return names;
+}
+
+} // namespace
+
+class REPORT_FILES_TEST : public TRACKER_TEST {
+  protected:
+    const EMPTY_FOLDER m_folder;
+
+    static void start_with(const std::vector<std::string>& variables, const char* sample_period = nullptr) {
+        for (const std::string& variable : variables)
+            set_variable(("TARVANE_MEM_" + variable).c_str(), "1");
+        start(mem_get_tracking_granularity_from_env(), sample_period);
+    }
+};
+
+TEST_F(REPORT_FILES_TEST, TellOfOneProcessInExactWordsThatTheManualKnows) {
+    mem_memory_source = &SCRIPTED;
+    fake_define_symbol(0x3000, {"query", "/src/query.cpp", 40, "ENGINE"});
+    fake_define_symbol(0x3100, {"peel", "/src/peel.cpp", 5, "Äpfel"});
+    start_with({"PROFILE_ALL"}, "1000");
+    allocate(0xA000, 1024, {FILTERED, PARSE}, 1000); // a sample
+    mem_open_profile_bin("lex", "loading");
+    allocate(0xB000, 123456, {QUERY});
+    release(0xC000, 1792);    // unknown, and a sample, because it records a peak
+    allocate(0xD000, 16, {}); // can't be attributed
+    allocate(0xD010, 0, {EXPAND});
+    mem_set_timeline_label("ending");
+    release(0xB000, 123456); // no peak: nothing has grown
+    allocate(0xB000, 2000, {0x3000});
+    allocate(0xB800, 48, {0x3100});
+    mem_block_thread_tracking();
+    release(0xF000, 64);
+    mem_unblock_thread_tracking();
+    mem_tbb_tracker_teardown();
+
+    std::string text, manual;
+    for (const auto& [name, of_file] : files())
+        text += "---- " + name + "\n" + of_file;
+    EXPECT_EQ(text, contents(VBX_SOURCES "/tests/unit/tracker/reports.golden"));
+    for (const auto& page : std::filesystem::directory_iterator(VBX_SOURCES "/docs"))
+        manual += contents(page.path());
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const bool is_head = line.starts_with("MEM: ") || line.find("urrent") < line.size();
+        EXPECT_TRUE(!is_head || manual.find("\n" + line + "\n") != std::string::npos) << line;
+    }
+}
+
+TEST_F(REPORT_FILES_TEST, CollectAFastLeakBlockAProcess) {
+    start(MEM_GRANULARITY_CHECK_LEAKS_FAST);
+    allocate(0xA000, 1234, {});
+    mem_write_fast_leak_report();
+    mem_set_gen_get_module_filename_callback([] { return std::string("indexer"); });
+    allocate(0xB000, 123456789012345, {});
+    release(0xA000, 1234);
+    mem_write_fast_leak_report();
+    const std::string rule = "\n===============================\n";
+    EXPECT_EQ(files()["fast_leak_warning"],
+              "For more detail, use INI mem_check_leaks=on\n\n memory leak summary" + rule +
+                  "Leaked bytes:              1234\nPeak bytes on heap:        1234" + rule +
+                  "\nindexer memory leak summary" + rule +
+                  "Leaked bytes:      123456789012345\nPeak bytes on heap:123456789013579" + rule + "\n");
+}
+
+struct SWITCHES {
+    std::vector<std::string> variables;
+    std::string files, files_of_second_shutdown;
+};
+class SWITCHES_TEST : public REPORT_FILES_TEST, public testing::WithParamInterface<SWITCHES> {};
+
+TEST_P(SWITCHES_TEST, BringTheirFilesOnce) {
+    mem_shutdown_tbb_tracking(); // before the start: nothing
+    start_with(GetParam().variables);
+    // A feature that is turned on later brings no report, and a sample no file.
+    mem_enable_tracking(MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_FILELINE |
+                        MEM_GRANULARITY_PER_BIN_DETAILED);
+    mem_user_snapshot_tracking_data();
+    mem_shutdown_tbb_tracking();
+    EXPECT_EQ(names_of(files()), GetParam().files);
+    EXPECT_FALSE(fake_hook_is_installed());
+    EXPECT_FALSE(mem_get_tbb_memory_tracking_enabled());
+    // The flags are spent: only what follows the mask is written again.
+    for (const auto& entry : std::filesystem::directory_iterator("."))
+        std::filesystem::remove(entry.path());
+    mem_shutdown_tbb_tracking();
+    EXPECT_EQ(names_of(files()), GetParam().files_of_second_shutdown);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, SWITCHES_TEST,
+    testing::Values(
+        SWITCHES{{}, "", ""},
+        SWITCHES{{"PROFILE_PER_FILELINE", "CHECK_LEAKS", "CHECK_LEAKS_FAST"},
+                 "fileline leak_warning subsystem ",
+                 ""},
+        SWITCHES{{"PROFILE_PER_LIBRARY"},
+                 "cumulative_blocks_timeline cumulative_blocks_timeline_detailed timeline timeline_detailed ",
+                 ""},
+        SWITCHES{{"PROFILE_BIN_TAG_PLOT"},
+                 "pbin_stats pbin_stats_mb pbin_tag_stats pbin_tag_stats_mb pbin_tag_timeline_detailed ",
+                 ""},
+        SWITCHES{{"CHECK_LEAKS_FAST", "PROFILE_PER_BIN", "PROFILE_AUXILIARY_TIMELINE"},
+                 "auxiliary_timeline fast_leak_warning ",
+                 "fast_leak_warning "}));
+
+// A full disk, a folder in the place of a file: neither is said, the other logs come.
+TEST_F(REPORT_FILES_TEST, AreMissingWhenTheyCannotBeWritten) {
+    start_with({"PROFILE_ALL"});
+    mem_set_tbb_exe_string("abc");
+    for (const char* full : {"mem_tbb_timeline.abc.log", "mem_tbb_pbin_tag_timeline_detailed.abc.log"})
+        std::filesystem::create_symlink("/dev/full", full);
+    for (const char* folder : {"mem_tbb_cumulative_blocks_timeline.abc.log", "mem_tbb_pbin_stats.abc.log",
+                               "mem_tbb_auxiliary_timeline.abc.log"})
+        std::filesystem::create_directory(folder);
+    testing::internal::CaptureStderr();
+    mem_tbb_tracker_teardown();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_TRUE(contents("mem_tbb_timeline_detailed.abc.log").ends_with(" seconds.\n"));
+    // One output of a pair alone is not written either, as for a host's streams.
+    EXPECT_EQ(contents("mem_tbb_cumulative_blocks_timeline_detailed.abc.log"), "");
+    EXPECT_NE(contents("mem_tbb_pbin_tag_stats.abc.log"), "");
+}
+
+// ---- text
+
+namespace {
+struct THOUSANDS : std::numpunct<char> {
+    char do_thousands_sep() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+};
+} // namespace
+
+class TIMELINE_TEXT_TEST : public testing::Test {
+  protected:
+    const std::string TITLE = "MEM: TBB Module Tracking Memory Timeline.\n\n\tMisc";
+    struct NUMBERED_ROWS final : MEM_ROW_LABELS {
+        std::string label = "0";
+        std::string_view current() override { return label; }
+        void advance() override { ++label[0]; }
+    };
+    std::deque<MEM_SERIES> series;
+    std::vector<MEM_TIMELINE_COLUMN> columns;
+    std::ostringstream plain, detailed;
+
+    void add(const std::string& name, const std::vector<std::int64_t>& samples) {
+        for (MEM_SERIES& added = series.emplace_back(); const std::int64_t sample : samples)
+            added.append(sample);
+        columns.push_back({name, &series.back()});
+    }
+    bool write(std::uint64_t num_rows) {
+        NUMBERED_ROWS labels;
+        return mem_write_timeline(plain, detailed, columns, num_rows, labels);
+    }
+};
+
+TEST_F(TIMELINE_TEXT_TEST, RanksThePlainColumnsInTheFormatOfTheStream) {
+    add("big", {0, 1234567, -1});
+    add("below", {-5, -5, -3});
+    add("zero", {0, 0, 0});
+    add("short", {7}); // ends before the rows do
+    plain.imbue(std::locale(std::locale::classic(), new THOUSANDS));
+    detailed << std::showpos;
+    fake_set_clock({1000, 1235567});
+    EXPECT_TRUE(write(3));
+    // Clicks as a whole number, and both outputs tell the same time.
+    const std::string time = "Time spent dumping:\t1234567 clicks.\t1234.57 seconds.\n";
+    EXPECT_EQ(plain.str(), TITLE +
+                               "\tbelow\tzero\tshort\tbig\n0\t0\t-5\t0\t7\t0\n"
+                               "1\t0\t-5\t0\t0\t1,234,567\n2\t0\t-3\t0\t0\t-1\n" +
+                               time);
+    EXPECT_TRUE(detailed.str().ends_with("\n\tbig\tbelow\tzero\tshort\n0\t+0\t-5\t+0\t+7\n"
+                                         "1\t+1234567\t-5\t+0\t+0\n2\t-1\t-3\t+0\t+0\n" +
+                                         time));
+}
+
+TEST_F(TIMELINE_TEXT_TEST, MiscIsTheSumOfAllButTheEighteenLargest) {
+    for (const int count : {0, 17, 18, 19, 200}) {
+        columns.clear();
+        std::string names, figures;
+        std::int64_t misc = 0;
+        for (int index = 0; index < count; ++index) {
+            const std::int64_t value = 100 + index / 2; // pairs of neighbours are even, and keep their order
+            add("m" + std::to_string(index), {value});
+            if (index < count - 18) {
+                misc += value;
+                continue;
+            }
+            names += "\tm" + std::to_string(index);
+            figures += "\t" + std::to_string(value);
+        }
+        plain.str("");
+        EXPECT_TRUE(write(1));
+        EXPECT_TRUE(plain.str().starts_with(TITLE + names + "\n0\t" + std::to_string(misc) + figures + "\n"));
+    }
+}
+
+TEST_F(TIMELINE_TEXT_TEST, AFailedStreamStopsBoth) {
+    for (std::ostringstream* failed : {&plain, &detailed}) {
+        failed->setstate(std::ios_base::failbit);
+        EXPECT_FALSE(write(1));
+        failed->clear();
+        EXPECT_EQ(plain.str() + detailed.str(), "");
+    }
+    detailed.setstate(std::ios_base::eofbit); // no failure
+    fake_set_clock({-1, 7});
+    EXPECT_TRUE(write(0));
+    EXPECT_EQ(plain.str(), TITLE + "\nError timing this dump.\n");
+}
+
+TEST(BIN_TEXT_TEST, MebibytesHaveThreeDecimalsOnAnyStream) {
+    MEM_PB_STATS_TABLE table;
+    MEM_PB_TABLE names;
+    for (const char* name : {"Root::skipped", "Root::deep", "Root::opened for nothing"})
+        names.open(name);
+    table.add(0, 1048576);
+    table.snapshot_peak();
+    table.add(2, 123456789012);
+    table.subtract(0, 1048576 + 1024);
+    std::ostringstream stream;
+    stream << std::showpos;
+    mem_dump_pb_stats(table, stream, "A title", names);
+    EXPECT_TRUE(stream.str().ends_with("\nRoot\t+1048576\t+1048576\t+1048576\t-1024\n"
+                                       "Root::skipped\t+0\t+0\t+0\t+0\n"
+                                       "Root::deep\t+123456789012\t+0\t+123456789012\t+123456789012\n"));
+    stream << std::noshowpos << std::scientific << std::setprecision(9);
+    mem_dump_pb_stats_mib(table, stream, "A title", names);
+    stream << 1.5; // the format is the host's again
+    EXPECT_TRUE(
+        stream.str().ends_with("\nRoot\t1.000\t1.000\t1.000\t-0.001\n"
+                               "Root::skipped\t0.000\t0.000\t0.000\t0.000\n"
+                               "Root::deep\t117737.569\t0.000\t117737.569\t117737.569\n1.500000000e+00"));
+}

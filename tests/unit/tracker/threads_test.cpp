@@ -1,0 +1,242 @@
+// The gate and the tables of bins under real threads, and the order of locks; then events on many threads
+// while the host opens and closes bins, sets labels, takes samples and writes reports, resets the tables or
+// ends.
+
+#include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/base/spin_lock.h"
+#include "vbx/mem/base/tracker_gate.h"
+#include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/tracker.h"
+
+#include <atomic>
+#include <map>
+#include <numeric>
+#include <random>
+#include <sstream>
+
+TEST(GATE_TEST, AnApproachingCatKeepsNewMiceOut) {
+    MEM_TRACKER_GATE gate;
+    gate.enter(MEM_GATE_ROLE::mouse);
+    std::atomic<int> order{0}, cat_place{0}, mouse_place{0};
+    auto threads = run_on_threads(2, [&](std::uint64_t thread) {
+        // The cat can't get in; it has time to announce itself before the mouse comes behind it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100 * thread));
+        const MEM_GATE_ROLE role = thread == 0 ? MEM_GATE_ROLE::cat : MEM_GATE_ROLE::mouse;
+        gate.enter(role);
+        (thread == 0 ? cat_place : mouse_place) = ++order;
+        gate.leave(role);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(order, 0);
+    gate.leave(MEM_GATE_ROLE::mouse);
+    threads.clear();
+    EXPECT_LT(cat_place, mouse_place);
+}
+
+TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
+    MEM_TRACKER_GATE gate;
+    EXPECT_DEATH(gate.leave(MEM_GATE_ROLE::mouse), "MEM: internal error: mice >= 0 ");
+    run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); });
+    EXPECT_FALSE(gate.enter_as_cat_within(0));
+    run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); }); // no cat approaches now
+}
+
+TEST(PB_STATS_TABLE_TEST, StandsStillForAnExclusiveUser) {
+    MEM_PB_STATS_TABLE table;
+    std::atomic<bool> stop{false};
+    auto threads = run_on_threads(3, [&](std::uint64_t thread) {
+        for (auto id = static_cast<std::uint32_t>(thread); !stop; id = (id + 3) % 500) {
+            table.add(id, 8);
+            table.subtract(id, 8);
+        }
+    });
+    for (int copy = 0; copy < 200; ++copy) {
+        const MEM_PB_STATS_TABLE::STILL still(table);
+        for (std::uint32_t id = 0; id < still.size(); ++id)
+            ASSERT_EQ(still.current_bytes(id), still.current_bytes(id));
+    }
+    stop = true;
+}
+
+#if defined(VBX_RANK_CHECK)
+TEST(LOCK_RANK_TEST, LocksAreTakenInRisingRank) {
+    MEM_SPIN_LOCK leaf{MEM_LOCK_RANK::leaf}, other_leaf{MEM_LOCK_RANK::leaf};
+    MEM_SPIN_LOCK mask{MEM_LOCK_RANK::granularity};
+    MEM_TRACKER_GATE gate;
+    {
+        const MEM_GATE_CAT cat(gate);
+        const MEM_SPIN_GUARD guard(mask); // the shutdown's step
+    }
+    const MEM_SPIN_GUARD guard(leaf);
+    EXPECT_DEATH(const MEM_SPIN_GUARD two(other_leaf), "lock_order_is_kept");
+    EXPECT_DEATH(const MEM_GATE_MOUSE mouse(gate), "lock_order_is_kept");
+}
+#endif
+
+namespace {
+
+constexpr std::uint64_t MODULES = 30; // so that the plain output has a "Misc" with something in it
+constexpr std::uint64_t FIRST_SITE = 0x4000;
+constexpr std::uint64_t EVENTS = 20000;
+
+// Allocates and frees in a stretch of addresses of its own, a few dozen blocks live at a time.
+struct EVENT_THREAD {
+    std::map<std::uint64_t, std::uint64_t> live;
+
+    void run(std::uint64_t number) {
+        std::mt19937_64 random(number);
+        for (std::uint64_t event = 0; event < EVENTS; ++event) {
+            if (live.size() > 50 || (!live.empty() && random() % 3 == 0)) {
+                release_first();
+                continue;
+            }
+            const std::uint64_t block = ((number + 1) << 24) + 16 * event;
+            live[block] = random() % 1000;
+            // Modules turn up one by one over the run.
+            allocate(block, live[block], {FIRST_SITE + random() % (1 + event * MODULES / EVENTS)});
+        }
+    }
+    void release_first() {
+        release(live.begin()->first, live.begin()->second);
+        live.erase(live.begin());
+    }
+};
+
+using ROW = std::vector<std::int64_t>;
+
+std::int64_t sum_of(const ROW& row) {
+    return std::accumulate(row.begin(), row.end(), std::int64_t{0});
+}
+std::vector<ROW> rows_of(const std::string& report) {
+    std::istringstream lines(report);
+    lines.ignore(1000, '\n').ignore(1000, '\n').ignore(100'000, '\n');
+    std::vector<ROW> rows;
+    for (std::string line; std::getline(lines, line) && !line.starts_with("Time");) {
+        std::istringstream cells(line.substr(std::min(line.find('\t'), line.size())));
+        rows.emplace_back(std::istream_iterator<std::int64_t>(cells), std::istream_iterator<std::int64_t>());
+    }
+    return rows;
+}
+
+// The last row of a report whose rows add up to the same in both outputs.
+ROW checked_last_row(bool (*report)(std::ostream&, std::ostream&)) {
+    std::ostringstream plain, detailed;
+    EXPECT_TRUE(report(plain, detailed));
+    const std::vector<ROW> plain_rows = rows_of(plain.str()), rows = rows_of(detailed.str());
+    EXPECT_EQ(plain_rows.size(), rows.size());
+    for (std::size_t row = 0; row < rows.size(); ++row)
+        EXPECT_EQ(sum_of(plain_rows[row]), sum_of(rows[row])) << "row " << row;
+    return rows.empty() ? ROW() : rows.back();
+}
+
+ROW current_bytes(const MEM_PB_STATS_TABLE& table) {
+    ROW bytes;
+    for (std::uint32_t id = 0; id < table.size(); ++id)
+        bytes.push_back(table.figures(id).current_bytes);
+    return bytes;
+}
+
+} // namespace
+
+class THREADS_TEST : public TRACKER_TEST {
+  protected:
+    EVENT_THREAD event_threads[3];
+
+    THREADS_TEST() {
+        for (std::uint64_t module = 0; module < MODULES; ++module)
+            fake_define_symbol(FIRST_SITE + module, {"f", "/f.cpp", 1, "module" + std::to_string(module)});
+        start(MEM_GRANULARITY_ALL, "70");
+    }
+    // Bins are opened and samples taken while events run, with a job on a thread of its own beside.
+    void run_with(std::function<void(std::uint64_t)> job) {
+        testing::internal::CaptureStdout(); // the line of every eighth sample is of no interest here
+        std::atomic<int> running{3};
+        auto threads = run_on_threads(4, [&](std::uint64_t thread) {
+            for (std::uint64_t round = 0; thread == 3 && running != 0; ++round)
+                job(round);
+            if (thread < 3) {
+                event_threads[thread].run(thread);
+                --running;
+            }
+        });
+        for (std::uint64_t round = 0; running != 0; ++round) {
+            const MEM_PROFILE_BIN_SCOPE outer("bin", "tag" + std::to_string(round % 300));
+            const MEM_PROFILE_BIN_SCOPE inner("bin" + std::to_string(round % 2000));
+            mem_user_snapshot_tracking_data();
+        }
+        threads.clear();
+        testing::internal::GetCapturedStdout();
+    }
+    std::int64_t live_bytes() const {
+        std::uint64_t sum = 0;
+        for (const EVENT_THREAD& thread : event_threads)
+            for (const auto& [block, size] : thread.live)
+                sum += size;
+        return static_cast<std::int64_t>(sum);
+    }
+    void expect_all_credited_in_the_end() {
+        for (EVENT_THREAD& thread : event_threads)
+            while (!thread.live.empty())
+                thread.release_first();
+        EXPECT_EQ(current_bytes(*pbin_stats), ROW(pbin_stats->size()));
+        EXPECT_EQ(current_bytes(*ptag_stats), ROW(ptag_stats->size()));
+    }
+};
+
+TEST_F(THREADS_TEST, EverythingAddsUp) {
+    run_with([](std::uint64_t round) {
+        mem_set_timeline_label("label " + std::to_string(round));
+        checked_last_row(round % 2 == 0 ? mem_dump_tbb_module_tracking
+                                        : mem_dump_tbb_profile_bin_tag_timeline_tracking);
+        std::ostringstream stream;
+        mem_dump_tbb_profile_bin_stats_tracking(stream);
+        // Every row has a name of the host's: the tables never run ahead of the names.
+        EXPECT_EQ(stream.str().find("Other"), std::string::npos);
+    });
+    // Nothing moves any more: the last rows are what the records say.
+    mem_user_snapshot_tracking_data();
+    const ROW modules = checked_last_row(mem_dump_tbb_module_tracking);
+    EXPECT_EQ(modules.size(), MODULES + 1);
+    EXPECT_EQ(sum_of(modules), live_bytes());
+    EXPECT_EQ(checked_last_row(mem_dump_tbb_profile_bin_tag_timeline_tracking), current_bytes(*ptag_stats));
+    EXPECT_EQ(sum_of(current_bytes(*ptag_stats)), live_bytes());
+    EXPECT_EQ(sum_of(current_bytes(*pbin_stats)), live_bytes());
+    expect_all_credited_in_the_end();
+}
+
+TEST_F(THREADS_TEST, ResetsComeInBetween) {
+    run_with([](std::uint64_t round) {
+        mem_reset_tracking_entries();
+        if (round % 8 == 0)
+            checked_last_row(mem_dump_tbb_profile_bin_tag_timeline_tracking);
+    });
+    // A reset leaves the bins alone, so their figures are whole whatever has come in between.
+    EXPECT_EQ(sum_of(current_bytes(*pbin_stats)), live_bytes());
+    EXPECT_EQ(mem_get_global_current().bytes.load(), live_bytes());
+    mem_reset_tracking_entries();
+    expect_all_credited_in_the_end();
+    EXPECT_EQ(ptag_stats->size(), 0U);
+}
+
+// A host's threads that go on while the process ends find the tracker or nothing.
+TEST_F(THREADS_TEST, TheTeardownWaitsForHosts) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> rounds{0};
+    auto hosts = run_on_threads(3, [&](std::uint64_t) {
+        for (; !stop; ++rounds) {
+            std::ostringstream plain, detailed;
+            MEMORY_TRACKER_BASE record;
+            mem_set_timeline_label("label");
+            mem_user_snapshot_tracking_data();
+            mem_dump_tbb_module_tracking(plain, detailed);
+            mem_get_module_tracker("OTHER", record);
+        }
+    });
+    while (rounds < 20)
+        std::this_thread::yield();
+    const EMPTY_FOLDER folder;
+    mem_tbb_tracker_teardown();
+    for (const int then = rounds; rounds < then + 20;)
+        std::this_thread::yield();
+    stop = true;
+}
