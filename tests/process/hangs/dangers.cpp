@@ -104,12 +104,20 @@ int end_threads(char**) {
     return 9;
 }
 
-// The process ends while threads allocate: by the return of main, by exit() on another thread while main
-// waits, or while main leaves by pthread_exit.
+// The process ends while threads allocate, or change the callbacks too: by the return of main, by exit() on
+// another thread while main waits, or while main leaves by pthread_exit.
 int end_with_threads(char** way) {
     [[maybe_unused]] static const auto* const busy = new BUSY_THREADS(3);
     usleep(20000);
-    if (way[0] == std::string("return"))
+    if (way[0] == std::string("with_callbacks"))
+        std::thread([] {
+            const auto ignore = [](void*, std::uint64_t, std::uint64_t, bool) {};
+            for (;;) {
+                mem_add_callback_function(ignore);
+                mem_remove_callback_function(ignore);
+            }
+        }).detach();
+    if (way[0] == std::string("return") || way[0] == std::string("with_callbacks"))
         return 9;
     std::thread([] { std::exit(9); }).detach();
     if (way[0] == std::string("leave_main"))

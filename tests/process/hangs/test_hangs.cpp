@@ -41,6 +41,7 @@ INSTANTIATE_TEST_SUITE_P(
                     DANGER{"fork", {BUILT "dangers", "fork"}},
                     DANGER{"end_threads", {BUILT "dangers", "end_threads"}},
                     DANGER{"return_with_threads", {BUILT "dangers", "end_with_threads", "return"}},
+                    DANGER{"return_with_callbacks", {BUILT "dangers", "end_with_threads", "with_callbacks"}},
                     DANGER{"exit_from_thread", {BUILT "dangers", "end_with_threads", "exit"}},
                     DANGER{"exit_from_last_but_main", {BUILT "dangers", "end_with_threads", "leave_main"}},
                     DANGER{"exit_inside_callback", {BUILT "dangers", "exit_inside_event", "callback"}},

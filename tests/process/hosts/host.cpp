@@ -2,6 +2,7 @@
 #include <vbx/mem.h>
 
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -55,6 +56,9 @@ int main(int count, char** arguments) {
         mem_set_tbb_exe_string(arguments[2]);
     } else if (action == "remove_directory") {
         std::filesystem::remove(std::filesystem::current_path());
+    } else if (action == "limit_files") {
+        const rlimit bytes{100, 100};
+        setrlimit(RLIMIT_FSIZE, &bytes);
     } else if (action == "replace_file") {
         replace_file(arguments[2], std::strtoul(arguments[3], nullptr, 10));
     } else if (action == "ask_configuration") {

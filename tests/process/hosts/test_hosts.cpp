@@ -5,6 +5,7 @@
 #include "tests/support/run_child.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <regex>
@@ -94,9 +95,17 @@ TEST(BadInput, HostsThatChangeTheirSurroundingsGetTheirReports) {
     }
 }
 
-TEST(BadInput, DirectoryThatTakesNoFileIsPassedOver) {
+TEST(BadInput, FilesThatCannotBeWrittenArePassedOver) {
     const TEST_DIRECTORY removed;
     EXPECT_EQ(run_host(removed, test_all_switches(), {"remove_directory"}).standard_error, "");
+    const TEST_DIRECTORY small; // the kernel answers longer files with a signal
+    EXPECT_EQ(run_host(small, test_all_switches(), {"limit_files"}).standard_error, "");
+    EXPECT_EQ(test_read_file(small / REPORT).size(), 100U);
+    EXPECT_EQ(test_read_file(small / "mem_tbb_subsystem.tvx.log").size(), 100U);
+    const TEST_DIRECTORY piped; // nobody reads the pipe
+    ASSERT_EQ(mkfifo((piped / REPORT).c_str(), 0600), 0);
+    run_host(piped, PER_FILELINE, {"none"});
+    EXPECT_NE(test_read_file(piped / "mem_tbb_subsystem.tvx.log"), "");
     const TEST_DIRECTORY directory; // no file can have such a name
     const TEST_ENVIRONMENT long_name = {{"HOST_LONG_NAME", "1"}, {"MEM_PRINT_LIB_LOAD", "1"}};
     const TEST_OUTCOME outcome =

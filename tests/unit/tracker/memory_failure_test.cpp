@@ -6,6 +6,8 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <new>
@@ -33,6 +35,11 @@ bool next_allocation_fails() {
 // The library's own nothrow form may not come through the one above.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return std::malloc(size);
+}
+// The heap of the bins' maps.
+extern "C" void* scalable_malloc(std::size_t size) {
+    static const auto real = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "scalable_malloc"));
+    return next_allocation_fails() ? nullptr : real(size);
 }
 [[gnu::noinline]] void operator delete(void* block) noexcept {
     std::free(block);
@@ -90,6 +97,37 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
     EXPECT_NE(module_record("m19").cumulative_blocks, 0);
     EXPECT_NE(pbin_stats->figures(MEM_ROOT_ID).cumulative_bytes, 0);
     EXPECT_NE(pbin_stats->figures(late_id).cumulative_bytes, 0);
+}
+
+// The maps have linked a new entry when they fail to grow for it.
+TEST_F(MEMORY_FAILURE_TEST, MapsThatCannotGrowLeaveNothingBehind) {
+    start(MEM_GRANULARITY_ALL);
+    const MEM_PROFILE_BIN_SCOPE bin("bin", "tag");
+    const auto expect_all_hold = [](std::int64_t bytes) {
+        EXPECT_EQ(module_record("parser").current_bytes + module_record("OTHER").current_bytes, bytes);
+        for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats})
+            EXPECT_EQ(table->figures(MEM_ROOT_ID).current_bytes + table->figures(1).current_bytes, bytes);
+    };
+    constexpr std::uint64_t BLOCKS = 60'000;
+    const auto block_at = [](std::uint64_t number) { return 0x1000 * (number + 1); }; // all in one shard
+    for (const std::uint64_t failing_from : {100U, 30'000U}) {
+        SCOPED_TRACE(failing_from);
+        for (std::uint64_t number = 0; number < BLOCKS; ++number) {
+            FAKE_STACK stack{PARSE};
+            fake_captures().clear();
+            allocations_left = number < failing_from ? -1 : 0;
+            fake_allocate(block_at(number), 64, 64, std::move(stack));
+            allocations_left = -1;
+        }
+        expect_all_hold(64 * BLOCKS);
+        EXPECT_NE(catch_all().current_blocks, 0);
+        EXPECT_NE(ptag_stats->figures(MEM_ROOT_ID).current_bytes, 0);
+        for (std::uint64_t number = 0; number < BLOCKS; ++number)
+            release(block_at(number), 64);
+        expect_all_hold(0);
+        EXPECT_EQ(catch_all().current_blocks, 0);
+        EXPECT_EQ(ptag_stats->figures(MEM_ROOT_ID).current_bytes, 0);
+    }
 }
 
 TEST_F(MEMORY_FAILURE_TEST, AnOpenThatFailsLeavesNothingOpen) {

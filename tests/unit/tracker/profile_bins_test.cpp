@@ -143,8 +143,8 @@ TEST_F(PEAK_TEST, IsThatOfTheBetterStretch) {
     const auto expect_peaks = [](const char* of_parse, const char* of_query, std::int64_t of_root) {
         EXPECT_NE(rendered_sites().find(" peak " + std::string(of_parse) + " cum 5000/2"), std::string::npos);
         EXPECT_NE(rendered_sites().find(" peak " + std::string(of_query) + " cum "), std::string::npos);
-        EXPECT_EQ(pbin_stats->entry(0).peak_bytes.load(), of_root);
-        EXPECT_EQ(ptag_stats->entry(0).peak_bytes.load(), of_root);
+        EXPECT_EQ(pbin_stats->figures(0).peak_bytes, of_root);
+        EXPECT_EQ(ptag_stats->figures(0).peak_bytes, of_root);
     };
     expect_peaks("5000/2", "0/0", 5000);
     allocate(0xC000, 12000, {QUERY});

@@ -132,12 +132,6 @@ std::size_t MEM_PB_STATS_TABLE::size() const {
     return m_size.load(std::memory_order_acquire);
 }
 
-MEM_PB_STATS MEM_PB_STATS_TABLE::entry(std::uint32_t id) {
-    const STILL still(*this);
-    const MEM_PB_STATS* const stats = find(id);
-    return stats != nullptr ? *stats : MEM_PB_STATS{};
-}
-
 // The scope holds the table, which the analysis can't see from in here.
 std::int64_t MEM_PB_STATS_TABLE::STILL::current_bytes(std::uint32_t id) const MEM_NO_THREAD_SAFETY_ANALYSIS {
     return m_table.at(id).current_bytes.load();

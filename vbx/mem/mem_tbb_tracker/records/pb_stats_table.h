@@ -54,10 +54,9 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     void clear();
 
     std::size_t size() const;
-    // Copy of one entry; all 0 for an id that the table doesn't hold.
-    MEM_PB_STATS entry(std::uint32_t id);
-    // The four figures that reports show, as they stand. Takes no mode and holds up no event: each figure is
-    // read by itself, while others may be charging, growing or emptying the table.
+    // The four figures that reports show, as they stand; all 0 for an id that the table doesn't hold. Takes
+    // no mode and holds up no event: each figure is read by itself, while others may be charging, growing or
+    // emptying the table.
     MEM_PB_FIGURES figures(std::uint32_t id) const;
 
     // In a forked child: nobody is inside, whoever was.
