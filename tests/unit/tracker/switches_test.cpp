@@ -1,6 +1,7 @@
-// The mask and the settings from the environment and the configuration keys.
+// The mask and the settings from the environment and the configuration keys; what a host fills in.
 
 #include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 
@@ -19,81 +20,83 @@ void set_all(const std::string& settings) {
     }
 }
 
-struct MASK {
+const struct {
     std::string switches;
     std::uint32_t mask;
     std::string flags; // a letter a report flag that is set
-};
-struct SETTING {
-    std::string settings;
-    std::uint64_t period;
-    std::int64_t threshold;
-    int lines; // on standard error
-};
-
-} // namespace
-
-class MASK_TEST : public testing::TestWithParam<MASK> {};
-
-TEST_P(MASK_TEST, IsWorkedOutFromTheSwitches) {
-    set_all(GetParam().switches);
-    EXPECT_EQ(mem_get_tracking_granularity_from_env(), GetParam().mask);
-    std::string flags;
-    flags += mem_report_flags.fileline ? "f" : "";
-    flags += mem_report_flags.library ? "l" : "";
-    flags += mem_report_flags.bin_tag ? "b" : "";
-    flags += mem_report_flags.auxiliary ? "a" : "";
-    EXPECT_EQ(flags, GetParam().flags);
-    EXPECT_FALSE(mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN)); // worked out, not stored
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Switches, MASK_TEST,
-    testing::Values(MASK{"", 0, ""}, MASK{"mem_profile_all=on CHECK_LEAKS_FAST=1", 95, "flba"},
-                    MASK{"PROFILE_PER_BIN=1 mem_profile_per_bin_detailed=ON", 3, "b"},
-                    MASK{"mem_profile_per_bin=on PROFILE_BIN_TAG_PLOT=1", 3, "b"},
-                    MASK{"mem_track_user_memory=on mem_profile_per_bin=off", 1, ""},
-                    MASK{"PROFILE_PER_LIBRARY=1 mem_profile_per_fileline=on", 12, "fl"},
-                    MASK{"mem_profile_per_library=1 PROFILE_PER_FILELINE=1", 12, "fl"},
-                    MASK{"CHECK_LEAKS=1 mem_profile_auxiliary_timeline=on", 80, "a"},
-                    MASK{"mem_check_leaks_fast=on PROFILE_AUXILIARY_TIMELINE=1", 96, "a"},
-                    MASK{"mem_check_leaks=on CHECK_LEAKS_FAST=1", 16, ""}, // the full one wins
-                    MASK{"MEM_LEAK_TRACKING_IN_ZV_MODE=1", 32, ""},
-                    // "0" and nothing are as good as unset, anything else is on; keys take only what says so.
-                    MASK{"PROFILE_PER_LIBRARY=0 PROFILE_PER_FILELINE= mem_profile_per_bin=yes", 0, ""},
-                    MASK{"PROFILE_PER_LIBRARY=0 mem_profile_per_library=on", 4, "l"},
-                    MASK{"PROFILE_PER_LIBRARY=off PROFILE_PER_FILELINE=00", 12, "fl"},
-                    MASK{"mem_only_profile_single_executable=tracker_tes PROFILE_ALL=1", 0, ""},
-                    MASK{"mem_only_profile_single_executable=Tracker_test PROFILE_ALL=1", 0, ""},
-                    MASK{"mem_only_profile_single_executable=tracker_test PROFILE_ALL=1", 95, "flba"}));
-
-class SETTING_TEST : public testing::TestWithParam<SETTING> {};
-
-TEST_P(SETTING_TEST, IsReadOrReplacedByTheDefault) {
-    set_all(GetParam().settings);
-    testing::internal::CaptureStderr();
-    mem_read_settings();
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(mem_snapshot_period, GetParam().period);
-    EXPECT_EQ(mem_fileline_peak_threshold, GetParam().threshold);
-    EXPECT_EQ(std::ranges::count(said, '\n'), GetParam().lines) << said;
-    EXPECT_EQ(said.starts_with("MEM: "), !said.empty()) << said;
-}
+} MASKS[] = {{"", 0, ""},
+             {"mem_profile_all=on CHECK_LEAKS_FAST=1", 95, "flba"},
+             {"PROFILE_PER_BIN=1 mem_profile_per_bin_detailed=ON", 3, "b"},
+             {"mem_profile_per_bin=on PROFILE_BIN_TAG_PLOT=1", 3, "b"},
+             {"mem_track_user_memory=on mem_profile_per_bin=off", 1, ""},
+             {"PROFILE_PER_LIBRARY=1 mem_profile_per_fileline=on", 12, "fl"},
+             {"mem_profile_per_library=1 PROFILE_PER_FILELINE=1", 12, "fl"},
+             {"CHECK_LEAKS=1 mem_profile_auxiliary_timeline=on", 80, "a"},
+             {"mem_check_leaks_fast=on PROFILE_AUXILIARY_TIMELINE=1", 96, "a"},
+             {"mem_check_leaks=on CHECK_LEAKS_FAST=1", 16, ""}, // the full one wins
+             {"MEM_LEAK_TRACKING_IN_ZV_MODE=1", 32, ""},
+             // "0" and nothing are as good as unset, anything else is on; keys take only what says so.
+             {"PROFILE_PER_LIBRARY=0 PROFILE_PER_FILELINE= mem_profile_per_bin=yes", 0, ""},
+             {"PROFILE_PER_LIBRARY=0 mem_profile_per_library=on", 4, "l"},
+             {"PROFILE_PER_LIBRARY=off PROFILE_PER_FILELINE=00", 12, "fl"},
+             {"mem_only_profile_single_executable=tracker_tes PROFILE_ALL=1", 0, ""},
+             {"mem_only_profile_single_executable=Tracker_test PROFILE_ALL=1", 0, ""},
+             {"mem_only_profile_single_executable=tracker_test PROFILE_ALL=1", 95, "flba"}};
 
 const std::string PERIOD = "PROFILE_LIBRARY_SNAPSHOT_PERIOD=";
 const std::string PERIOD_KEY = "mem_profile_library_snapshot_period=";
 const std::string THRESHOLD = " PROFILE_FILELINE_PEAK_SNAPSHOT_THRESHOLD=";
 const std::string THRESHOLD_KEY = " mem_profile_fileline_peak_snapshot_threshold=";
 
-INSTANTIATE_TEST_SUITE_P(
-    Settings, SETTING_TEST,
-    testing::Values(SETTING{PERIOD + "0" + THRESHOLD + "many", 131072, 134217728, 0},
-                    SETTING{PERIOD + "100x" + THRESHOLD + "4096", 100, 4096, 0},
-                    SETTING{PERIOD + "100 " + PERIOD_KEY + "12abc" + THRESHOLD_KEY + "77", 12, 77, 0},
-                    SETTING{PERIOD_KEY + "0" + THRESHOLD_KEY + "0", 131072, 134217728, 2},
-                    SETTING{PERIOD + "99999999999999999999999" + THRESHOLD + "-1", UINT64_MAX, 134217728, 1},
-                    SETTING{THRESHOLD_KEY + "4611686018427387904", 131072, std::int64_t{1} << 62, 0},
-                    SETTING{THRESHOLD_KEY + "4611686018427387905", 131072, 134217728, 1}));
+const struct {
+    std::string settings;
+    std::uint64_t period;
+    std::int64_t threshold;
+    int lines; // on standard error
+} SETTINGS[] = {{PERIOD + "0" + THRESHOLD + "many", 131072, 134217728, 0},
+                {PERIOD + "100x" + THRESHOLD + "4096", 100, 4096, 0},
+                {PERIOD + "100 " + PERIOD_KEY + "12abc" + THRESHOLD_KEY + "77", 12, 77, 0},
+                {PERIOD_KEY + "0" + THRESHOLD_KEY + "0", 131072, 134217728, 2},
+                {PERIOD + "99999999999999999999999" + THRESHOLD + "-1", UINT64_MAX, 134217728, 1},
+                {THRESHOLD_KEY + "4611686018427387904", 131072, std::int64_t{1} << 62, 0},
+                {THRESHOLD_KEY + "4611686018427387905", 131072, 134217728, 1}};
+
+} // namespace
+
+class MASK_TEST : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(MASK_TEST, IsWorkedOutFromTheSwitches) {
+    const auto& [switches, mask, expected_flags] = MASKS[GetParam()];
+    SCOPED_TRACE(switches);
+    set_all(switches);
+    EXPECT_EQ(mem_get_tracking_granularity_from_env(), mask);
+    std::string flags;
+    flags += mem_report_flags.fileline ? "f" : "";
+    flags += mem_report_flags.library ? "l" : "";
+    flags += mem_report_flags.bin_tag ? "b" : "";
+    flags += mem_report_flags.auxiliary ? "a" : "";
+    EXPECT_EQ(flags, expected_flags);
+    EXPECT_FALSE(mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN)); // worked out, not stored
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, MASK_TEST, testing::Range<std::size_t>(0, std::size(MASKS)));
+
+class SETTING_TEST : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(SETTING_TEST, IsReadOrReplacedByTheDefault) {
+    const auto& [settings, period, threshold, lines] = SETTINGS[GetParam()];
+    SCOPED_TRACE(settings);
+    set_all(settings);
+    testing::internal::CaptureStderr();
+    mem_read_settings();
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(mem_snapshot_period, period);
+    EXPECT_EQ(mem_fileline_peak_threshold, threshold);
+    EXPECT_EQ(std::ranges::count(said, '\n'), lines) << said;
+    EXPECT_EQ(said.starts_with("MEM: "), !said.empty()) << said;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, SETTING_TEST, testing::Range<std::size_t>(0, std::size(SETTINGS)));
 
 // ---- what a host may answer in place of the environment
 
@@ -103,15 +106,46 @@ TEST(HOST_SLOT_TEST, ConfigurationIsThatOfTheHostOrOfTheEnvironment) {
                mem_cfg_get_value("k") + " " + std::to_string(mem_cfg_get_int_value("k", 7));
     };
     EXPECT_EQ(answers(), "01  0");
-    for (const auto& [value, expected] :
-         {std::pair{"ON", "11 ON 0"}, {"Off", "00 Off 0"}, {"0", "00 0 0"}, {"12abc", "01 12abc 12"}}) {
-        set_variable("k", value);
-        EXPECT_EQ(answers(), expected);
-    }
-    EXPECT_TRUE(mem_cfg_is_on(nullptr, true));
-    EXPECT_EQ(mem_cfg_get_value(nullptr), "");
+    set_variable("k", "Off");
+    EXPECT_EQ(answers(), "00 Off 0");
+    set_variable("k", "12abc");
+    EXPECT_EQ(answers(), "01 12abc 12");
     mem_set_cfg_is_on_callback([](const char*, bool default_value) { return !default_value; });
     mem_set_cfg_get_value_callback([](const char* name, std::string* value) { *value += name; });
     mem_set_cfg_get_int_value_callback([](const char*, int* value, int usual) { *value += 10 * usual; });
     EXPECT_EQ(answers(), "10 k 70");
+}
+
+TEST(HOST_SLOT_TEST, PathsAreEmptyWithoutAHost) {
+    const auto answers = [] {
+        return mem_gen_get_tarvane_path() + mem_gen_get_db_dir_path_string() + mem_gen_get_module_filename() +
+               mem_gen_get_project_output_directory() + (mem_gen_get_is_ui_process() ? " ui" : "");
+    };
+    EXPECT_EQ(answers(), "");
+    mem_set_gen_get_tarvane_path_callback([] { return std::string("suite "); });
+    mem_set_gen_get_db_dir_path_string_callback([] { return std::string("db "); });
+    mem_set_gen_get_module_filename_callback([] { return std::string("module "); });
+    mem_set_gen_get_project_output_directory_callback([]() -> const char* { return "out"; });
+    mem_set_gen_get_is_ui_process_callback([] { return true; });
+    EXPECT_EQ(answers(), "suite db module out ui");
+}
+
+namespace {
+bool inform(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    const bool result = mem_msg_local_vinfo("TAG", format, args);
+    va_end(args);
+    return result;
+}
+} // namespace
+
+TEST_F(TRACKER_TEST, MessagesGoToTheirSlotOrToStandardOutput) {
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(inform("%s", "info")); // the slot of the debug messages is filled
+    mem_set_msg_local_vdebug_callback(nullptr);
+    mem_set_msg_local_vinfo_callback([](const char*, const char*, std::va_list) { return false; });
+    EXPECT_TRUE(mem_msg_debug("x %d", 1));
+    EXPECT_FALSE(inform("nobody sees this"));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "TAG: info\nMEM: x 1\n");
 }

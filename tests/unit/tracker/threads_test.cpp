@@ -14,7 +14,7 @@
 #include <random>
 #include <sstream>
 
-TEST(GATE_TEST, AnApproachingCatKeepsNewMiceOut) {
+TEST(GATE_TEST, ACatIsInsideAloneAndKeepsNewMiceOutBefore) {
     MEM_TRACKER_GATE gate;
     gate.enter(MEM_GATE_ROLE::mouse);
     std::atomic<int> order{0}, cat_place{0}, mouse_place{0};
@@ -31,6 +31,14 @@ TEST(GATE_TEST, AnApproachingCatKeepsNewMiceOut) {
     gate.leave(MEM_GATE_ROLE::mouse);
     threads.clear();
     EXPECT_LT(cat_place, mouse_place);
+    gate.enter(MEM_GATE_ROLE::cat);
+    threads = run_on_threads(1, [&](std::uint64_t) {
+        const MEM_GATE_MOUSE inside(gate);
+        ++order;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(order, 2);
+    gate.leave(MEM_GATE_ROLE::cat);
 }
 
 TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
@@ -43,17 +51,18 @@ TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
 
 TEST(PB_STATS_TABLE_TEST, StandsStillForAnExclusiveUser) {
     MEM_PB_STATS_TABLE table;
+    table.add(2, 8);
     std::atomic<bool> stop{false};
     auto threads = run_on_threads(3, [&](std::uint64_t thread) {
-        for (auto id = static_cast<std::uint32_t>(thread); !stop; id = (id + 3) % 500) {
+        for (const auto id = static_cast<std::uint32_t>(thread); !stop; table.subtract(id, 8))
             table.add(id, 8);
-            table.subtract(id, 8);
-        }
     });
-    for (int copy = 0; copy < 200; ++copy) {
+    for (int copy = 0; copy < 300; ++copy) {
         const MEM_PB_STATS_TABLE::STILL still(table);
-        for (std::uint32_t id = 0; id < still.size(); ++id)
-            ASSERT_EQ(still.current_bytes(id), still.current_bytes(id));
+        const std::int64_t bytes[] = {still.current_bytes(0), still.current_bytes(1), still.current_bytes(2)};
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        for (std::uint32_t id = 0; id < 3; ++id)
+            EXPECT_EQ(still.current_bytes(id), bytes[id]);
     }
     stop = true;
 }

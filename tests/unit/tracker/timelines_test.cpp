@@ -41,8 +41,8 @@ TEST_F(TIMELINES_TEST, TheFirstEventEveryPeriodthAndPeaksAreSamples) {
     EXPECT_EQ(module_rows(), "\tengine\tOTHER\tparser\nOther\t0\t0\t10\nOther\t0\t0\t10\nOther\t7\t0\t10\n"
                              "Other\t0\t0\t5\n");
     EXPECT_EQ(mem_sample_counter.load(), 7U);
-    EXPECT_EQ(mem_module_timeline->bytes_series.at("parser").runs.size(),
-              2U); // what stands still costs nothing
+    // What stands still costs nothing.
+    EXPECT_EQ(mem_module_timeline->bytes_series.at("parser").runs.size(), 2U);
 }
 
 TEST_F(TIMELINES_TEST, AHostsSampleCountsWhateverIsOn) {
