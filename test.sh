@@ -2,9 +2,8 @@
 # Builds and tests everything. Debian 12; installs the packages that are missing.
 #
 #   ./test.sh                the release build and all tests, the clang build with its thread-safety analysis
-#   ./test.sh --sanitizers   the tests once more in the build asan, with the lock rank check
-#   ./test.sh --threads      the same in the build tsan
-#   ./test.sh --tidy         clang-tidy over all sources
+#   ./test.sh --sanitizers   the tests once more in the builds asan and tsan, with the lock rank check; then
+#                            clang-tidy over all sources
 #
 # The last lines are those that each run of the tests closed on.
 set -eu
@@ -51,17 +50,13 @@ case "${1:-}" in
 --sanitizers)
     build asan
     run_tests asan
-    ;;
---threads)
     build tsan
     run_tests tsan
-    ;;
---tidy)
-    [ -f build/release/compile_commands.json ] || cmake --preset release
+    cmake --preset release
     analyse
     ;;
 *)
-    echo "usage: $0 [--sanitizers | --threads | --tidy]" >&2
+    echo "usage: $0 [--sanitizers]" >&2
     exit 2
     ;;
 esac

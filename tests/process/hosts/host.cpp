@@ -57,7 +57,7 @@ int main(int count, char** arguments) {
     } else if (action == "remove_directory") {
         std::filesystem::remove(std::filesystem::current_path());
     } else if (action == "limit_files") {
-        const rlimit bytes{100, 100};
+        const rlimit bytes{300, 300};
         setrlimit(RLIMIT_FSIZE, &bytes);
     } else if (action == "replace_file") {
         replace_file(arguments[2], std::strtoul(arguments[3], nullptr, 10));
