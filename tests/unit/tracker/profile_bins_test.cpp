@@ -149,8 +149,13 @@ TEST_F(PEAK_TEST, IsThatOfTheBetterStretch) {
     expect_peaks("5000/2", "0/0", 5000);
     allocate(0xC000, 12000, {QUERY});
     release(0xF000, 0);
-    mem_tbb_apply_final_peak(); // higher: stands as it is
+    mem_tbb_tracking_flush_peak(); // higher: replaces the first
+    mem_tbb_apply_final_peak();
     expect_peaks("1023/1", "14000/2", 15023);
+    allocate(0xD000, 30000, {QUERY});
+    release(0xF000, 0);
+    mem_tbb_apply_final_peak(); // the last one is higher: stands as it is
+    expect_peaks("1023/1", "44000/3", 45023);
 }
 
 TEST_F(PEAK_TEST, AFlushWithTheFastLeakCheckAloneMovesTheGlobalPeak) {
