@@ -1,4 +1,5 @@
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/debug_aids/settings.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/events/callback_table.h"
@@ -89,5 +90,8 @@ void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask) {
     if (mem_cfg_is_on("mem_profile_with_incomplete_fileline_info", false))
         mem_accept_incomplete_fileline_info();
     mem_start_tracking(mask);
-    // The debug aids read their settings here once they exist, behind the event handler in the table.
+    // Behind the event handler in the table: a block is counted before an aid touches it.
+    const bool has_debug_aids = mem_read_debug_aid_settings();
+    if (has_debug_aids && mask == 0)
+        warn_if_no_events_can_come();
 }

@@ -60,6 +60,17 @@ void publish(const CALLBACK_TABLE& wanted) MEM_REQUIRES(callback_lock) {
     current_table.store(&kept_state(wanted), std::memory_order_release);
 }
 
+const CALLBACK_TABLE& publish_without(MEM_EVENT_CALLBACK callback) MEM_REQUIRES(callback_lock) {
+    CALLBACK_TABLE table = *current_table.load(std::memory_order_relaxed);
+    if (const int index = table.index_of(callback); index < table.count) {
+        std::copy(table.callback_fns + index + 1, table.callback_fns + table.count,
+                  table.callback_fns + index);
+        table.callback_fns[--table.count] = nullptr;
+        publish(table);
+    }
+    return *current_table.load(std::memory_order_relaxed);
+}
+
 } // namespace
 
 void mem_table_add(MEM_EVENT_CALLBACK callback) {
@@ -81,16 +92,18 @@ void mem_table_add(MEM_EVENT_CALLBACK callback) {
 void mem_table_remove(MEM_EVENT_CALLBACK callback) {
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_SPIN_GUARD guard(callback_lock);
-    CALLBACK_TABLE table = *current_table.load(std::memory_order_relaxed);
-    if (const int index = table.index_of(callback); index < table.count) {
-        std::copy(table.callback_fns + index + 1, table.callback_fns + table.count,
-                  table.callback_fns + index);
-        table.callback_fns[--table.count] = nullptr;
-        publish(table);
-    }
+    const CALLBACK_TABLE& table = publish_without(callback);
     // With two or more the hook is the dispatcher already, or null after a shutdown, and stays that.
     if (table.count <= 1)
         tbbk_set_mem_tracker_callback(table.callback_fns[0]);
+}
+
+void mem_table_retire(MEM_EVENT_CALLBACK callback) {
+    const MEM_BLOCK_SCOPE own_heap_use;
+    const MEM_SPIN_GUARD guard(callback_lock);
+    // A callback that stands alone in the table may be on the hook itself.
+    if (publish_without(callback).count == 0)
+        tbbk_set_mem_tracker_callback(nullptr);
 }
 
 void mem_add_callback_function(MEM_EVENT_CALLBACK callback) {
