@@ -8,6 +8,7 @@
 // find them valid, and no allocation on first use.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 struct MEM_THREAD_STATE {
@@ -27,12 +28,19 @@ enum MEM_BLOCKED_BY : std::uint8_t {
 inline constinit __thread MEM_THREAD_STATE mem_thread_state{};
 
 // Bits of a byte set for a scope. The byte gets its old value back, so scopes nest.
+//
+// The fences are for the compiler: it knows that the C library's malloc and free read no variable of ours, and
+// would drop a store that only the events inside of those are to see.
 class MEM_BYTE_SCOPE {
   public:
     MEM_BYTE_SCOPE(std::uint8_t& byte, std::uint8_t bits) : m_byte(byte), m_saved(byte) {
         m_byte = static_cast<std::uint8_t>(m_saved | bits);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
     }
-    ~MEM_BYTE_SCOPE() { m_byte = m_saved; }
+    ~MEM_BYTE_SCOPE() {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        m_byte = m_saved;
+    }
     MEM_BYTE_SCOPE(const MEM_BYTE_SCOPE&) = delete;
     MEM_BYTE_SCOPE& operator=(const MEM_BYTE_SCOPE&) = delete;
 

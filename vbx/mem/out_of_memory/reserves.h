@@ -1,7 +1,7 @@
 // Memory that is held for the last steps of a process that runs out of it: one reserve for the process, one
 // for each thread that the library sees start.
 //
-// They are the library's own heap use: no site is charged with them.
+// They make no events: no figure shows them, whoever looks.
 #pragma once
 
 #include "vbx/mem/base/library_lock.h"

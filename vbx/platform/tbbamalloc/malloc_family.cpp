@@ -90,6 +90,8 @@ void* tbbk_obtain_quietly(std::size_t size) noexcept {
 }
 
 void tbbk_give_back_quietly(void* block) noexcept {
+    if (block == nullptr)
+        return;
     const TBBK_ENTRY entry;
     tbbk_heap.give_back(block);
 }

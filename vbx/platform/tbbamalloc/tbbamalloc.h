@@ -38,8 +38,9 @@ void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept;
 // is installed.
 void tbbk_set_free_check(tbbk_free_check check) noexcept;
 
-// Memory for the platform layer itself, without an event and without the new handler: null when there is
-// none. Only for a few bytes that no figure should show; given back by the second of the two.
+// Memory that no figure shows: without an event and without the new handler, so null when there is none. For
+// what the library needs outside of events, a few bytes a thread. Given back by the second of the two, which
+// takes null too.
 void* tbbk_obtain_quietly(std::size_t size) noexcept;
 void tbbk_give_back_quietly(void* block) noexcept;
 
