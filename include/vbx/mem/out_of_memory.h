@@ -18,8 +18,9 @@ extern "C" {
 [[noreturn]] VBX_MEM_API void mem_out_of_memory();
 }
 
-// From now on a failing malloc or operator new of any thread ends the process. (Inside the library itself one
-// is still a null or a std::bad_alloc, which costs a figure or a report and not the process.)
+// From now on a failing malloc or operator new of any thread ends the process; so does a call of the library
+// that fails for want of memory. What the library needs inside of an allocation or for a report it goes
+// without: a block is not recorded, a report is missing, and a line says so.
 // handler  runs once, in place of the line on standard error, on the thread that ran out first; it may use
 // the
 //          reserve of a few kilobytes, and can't save the process. Null selects the line

@@ -29,8 +29,8 @@ inline constinit __thread MEM_THREAD_STATE mem_thread_state{};
 
 // Bits of a byte set for a scope. The byte gets its old value back, so scopes nest.
 //
-// The fences are for the compiler: it knows that the C library's malloc and free read no variable of ours, and
-// would drop a store that only the events inside of those are to see.
+// The fences are for the compiler: it knows that the C library's malloc and free read no variable of ours,
+// and would drop a store that only the events inside of those are to see.
 class MEM_BYTE_SCOPE {
   public:
     MEM_BYTE_SCOPE(std::uint8_t& byte, std::uint8_t bits) : m_byte(byte), m_saved(byte) {

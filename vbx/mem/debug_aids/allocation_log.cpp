@@ -3,6 +3,7 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/events/callback_table.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 #include "vbx/platform/os/append_file.h"
 
 #include <vbx/mem/debug_aids.h>
@@ -47,11 +48,13 @@ void mem_log_handler(void* block, std::uint64_t requested_size, std::uint64_t al
     guard = 1;
 }
 
-void mem_set_print_allocations_callback_enabled(bool on) {
+void mem_set_print_allocations_callback_enabled(bool on) try {
     if (on)
         start_log();
     else
         mem_table_remove(mem_log_handler);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 void mem_close_allocation_log(bool (*events_have_ended)()) {

@@ -1,6 +1,7 @@
 #include "vbx/mem/debug_aids/fill_patterns.h"
 
 #include "vbx/mem/mem_tbb_tracker/events/callback_table.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <atomic>
 #include <cstring>
@@ -49,16 +50,18 @@ void mem_fill_handler(void* block, std::uint64_t requested_size, std::uint64_t a
     std::memset(start_of_slot(block, allocated_size), byte, length);
 }
 
-void mem_set_alloc_pattern(int pattern) {
-    alloc_pattern.set(pattern);
+void mem_set_alloc_pattern(int pattern) try { alloc_pattern.set(pattern); } catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
-void mem_set_free_pattern(int pattern) {
-    free_pattern.set(pattern);
+void mem_set_free_pattern(int pattern) try { free_pattern.set(pattern); } catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
-void mem_disable_alloc_patterns() {
+void mem_disable_alloc_patterns() try {
     alloc_pattern.is_on.store(false, std::memory_order_relaxed);
     free_pattern.is_on.store(false, std::memory_order_relaxed);
     mem_table_remove(mem_fill_handler);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }

@@ -1,6 +1,7 @@
 #include "vbx/mem/out_of_memory/set_up.h"
 
 #include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_thr/vbx_thr.h"
 
@@ -12,6 +13,7 @@
 namespace {
 
 constinit std::atomic<bool> is_asked_for{false};
+constinit std::atomic<bool> is_installed{false};
 
 // Inside the library a failed allocation is caught and costs a figure or a report. An exit from there would
 // meet the locks that this thread holds.
@@ -33,6 +35,7 @@ void mem_ask_for_out_of_memory_end() {
 }
 
 void mem_install_out_of_memory_end() {
+    is_installed.store(true, std::memory_order_relaxed);
     // A failing malloc goes the way of a failing operator new, which ends in malloc here.
     _set_new_mode(1);
     _set_new_handler(end_unless_inside_library);
@@ -43,4 +46,10 @@ void mem_install_out_of_memory_end() {
 // stream is wide: the host's choice.)
 void mem_warm_up_last_steps() {
     mem_info_get_process_peak_virtual_used();
+}
+
+void mem_fail_host_call() {
+    if (is_installed.load(std::memory_order_relaxed) && !mem_thread_is_inside_library())
+        mem_out_of_memory();
+    throw;
 }

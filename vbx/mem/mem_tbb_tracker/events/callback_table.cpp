@@ -4,6 +4,7 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/events/event_handler.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
 
@@ -106,12 +107,16 @@ void mem_table_retire(MEM_EVENT_CALLBACK callback) {
         tbbk_set_mem_tracker_callback(nullptr);
 }
 
-void mem_add_callback_function(MEM_EVENT_CALLBACK callback) {
+void mem_add_callback_function(MEM_EVENT_CALLBACK callback) try {
     mem_table_add(callback);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
-void mem_remove_callback_function(MEM_EVENT_CALLBACK callback) {
+void mem_remove_callback_function(MEM_EVENT_CALLBACK callback) try {
     mem_table_remove(callback);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 namespace {
@@ -137,16 +142,20 @@ void mem_start_tracking(MEM_TRACKING_GRANULARITY mask) {
     change_mask(0, mask);
 }
 
-void mem_enable_tracking(MEM_TRACKING_GRANULARITY bits) {
+void mem_enable_tracking(MEM_TRACKING_GRANULARITY bits) try {
     const MEM_SPIN_GUARD guard(mem_granularity_lock);
     const std::uint32_t old_mask = mem_current_mask();
     change_mask(old_mask, old_mask | bits);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
-void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits) {
+void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits) try {
     const MEM_SPIN_GUARD guard(mem_granularity_lock);
     const std::uint32_t old_mask = mem_current_mask();
     change_mask(old_mask, old_mask & ~static_cast<std::uint32_t>(bits));
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 void mem_drop_tracking_after_fork() MEM_NO_THREAD_SAFETY_ANALYSIS {
