@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <latch>
 #include <new>
 #include <string>
 #include <thread>
@@ -64,7 +65,7 @@ int main(int, char** arguments) {
     way = arguments[2];
     block_size = std::stoul(arguments[3]);
     const std::string handler = arguments[4];
-    const rlimit limit{400U << 20, 400U << 20};
+    const rlimit limit{200U << 20, 200U << 20};
     if (setrlimit(RLIMIT_AS, &limit) != 0)
         return 1;
     std::printf("in the buffer\n");
@@ -75,12 +76,16 @@ int main(int, char** arguments) {
     at_end.is_wanted = way == "at_end";
     if (at_end.is_wanted)
         return 0;
+    // Together: a thread that can't be started any more would be another end.
+    std::latch all_are_there(count + 1);
     std::vector<std::thread> threads;
     for (int index = 0; index < count; ++index)
-        threads.emplace_back([] {
+        threads.emplace_back([&all_are_there] {
+            all_are_there.arrive_and_wait();
             if (way == "locked")
                 flockfile(stdout); // one of them has it when the end comes
             exhaust();
         });
+    all_are_there.arrive_and_wait();
     exhaust();
 }

@@ -34,8 +34,8 @@ TEST_P(OutOfMemory, EndsOnceWithStatusOneAndTheReports) {
         const bool has_message = std::regex_search(outcome.standard_error, match, standard);
         EXPECT_EQ(has_message, one.handler == "none") << outcome.standard_error;
         if (has_message) {
-            EXPECT_GT(std::stoi(match[1]), one.name == "huge" ? 5 : 100);
-            EXPECT_LT(std::stoi(match[1]), 420);
+            EXPECT_GT(std::stoi(match[1]), one.name == "huge" ? 5 : 60);
+            EXPECT_LT(std::stoi(match[1]), 210);
         }
         EXPECT_NE(outcome.standard_output.find("in the buffer\n"), std::string::npos);
         static const std::regex handler("handler\n");
