@@ -16,26 +16,6 @@ bool tracker_finds_sites() {
            (mem_current_mask() & MEM_ATTRIBUTED) != 0;
 }
 
-// The tracker's handler has just entered the block.
-std::uint64_t site_of_live_block(const void* block) {
-    const MEM_IN_TRACKER_SCOPE in_tracker;
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
-    std::uint64_t address = 0;
-    mem_tbb_address_map->visit(block, [&address](const MEM_BLOCK_RECORD& record) {
-        address = record.address_tracker_ptr->address; // never changes
-    });
-    return address;
-}
-
-// Throws std::bad_alloc.
-std::uint64_t site_of_this_call() {
-    const MEM_IN_TRACKER_SCOPE in_tracker;
-    const MEM_CAPTURED_STACK stack = mem_capture_stack();
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    return mem_attribute_stack(stack.frames, stack.count).address;
-}
-
 struct SITE_TEXT {
     char text[220] = "an unknown place";
 };
@@ -58,16 +38,40 @@ SITE_TEXT described(std::uint64_t address) {
 
 } // namespace
 
-void MEM_BLOCK_HISTORIES::note_allocation(const void* block) {
-    const std::uint64_t site = tracker_finds_sites() ? site_of_live_block(block) : 0;
+std::uint64_t mem_site_of_live_block(const void* block) noexcept {
+    if (!tracker_finds_sites())
+        return 0;
+    const MEM_IN_TRACKER_SCOPE in_tracker;
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    std::uint64_t address = 0;
+    mem_tbb_address_map->visit(block, [&address](const MEM_BLOCK_RECORD& record) {
+        address = record.address_tracker_ptr->address; // never changes
+    });
+    return address;
+}
+
+std::uint64_t mem_site_of_this_free() noexcept {
+    if (!tracker_finds_sites())
+        return 0;
+    const MEM_IN_TRACKER_SCOPE in_tracker;
+    const MEM_CAPTURED_STACK stack = mem_capture_stack();
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    const MEM_SPIN_GUARD guard(mem_site_lock);
+    try {
+        return mem_attribute_stack(stack.frames, stack.count).address;
+    } catch (...) {
+        return 0;
+    }
+}
+
+void MEM_BLOCK_HISTORIES::note_allocation(const void* block, std::uint64_t site) {
     const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
     ENTRIES::accessor entry;
     m_entries.insert(entry, ENTRY(block, MEM_BLOCK_HISTORY()));
     entry->second = {site, 0};
 }
 
-void MEM_BLOCK_HISTORIES::note_free(const void* block) {
-    const std::uint64_t site = tracker_finds_sites() ? site_of_this_call() : 0;
+void MEM_BLOCK_HISTORIES::note_free(const void* block, std::uint64_t site) {
     const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
     ENTRIES::accessor entry;
     m_entries.insert(entry, ENTRY(block, MEM_BLOCK_HISTORY()));

@@ -21,12 +21,17 @@ struct MEM_BLOCK_HISTORY {
     std::uint64_t freed_at = 0;
 };
 
+// The code address of the site for the event of a block that a host's thread makes; 0 when it isn't known.
+// The first is for behind the tracker's own handler of an allocation. The second describes code that is new,
+// for which it may allocate, like any event of the tracker's: not for where such events are turned away.
+std::uint64_t mem_site_of_live_block(const void* block) noexcept;
+std::uint64_t mem_site_of_this_free() noexcept;
+
 class MEM_BLOCK_HISTORIES {
   public:
-    // For the event of a block, behind the tracker's own handler, from the thread that makes it. The events
-    // that the tracker turns away leave no trace. Throws std::bad_alloc.
-    void note_allocation(const void* block);
-    void note_free(const void* block);
+    // Both throw std::bad_alloc.
+    void note_allocation(const void* block, std::uint64_t site);
+    void note_free(const void* block, std::uint64_t site);
 
     // One line "MEM: ..." on standard error.
     void tell(const void* block);

@@ -36,7 +36,8 @@ bool is_mark_of_now(EPOCH mark) {
     err_report_internal_error("Double free detected", "MEM", __FILE__, __LINE__);
 }
 
-// A host's blocked thread is not checked. Nor is the check's own heap use, made with an entry locked.
+// A host's blocked thread is not checked. Nor is the check's own heap use, made with an entry locked; what it
+// allocates it frees inside of itself, or never while it checks.
 bool is_turned_away() {
     return (mem_thread_state.block_byte & (MEM_BLOCKED_BY_HOST | MEM_BLOCKED_BY_FREE_CHECK)) != 0;
 }
@@ -45,10 +46,6 @@ bool is_turned_away() {
 // allocations are looked at all the same: the block may be a host's in the end, a stream's buffer for one.
 bool is_in_own_work() {
     return (mem_thread_state.block_byte & MEM_BLOCKED_BY_OWN_WORK) != 0;
-}
-
-bool tracker_sees_this_event() {
-    return mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
 }
 
 void take_mark_away(const void* block) {
@@ -67,18 +64,29 @@ bool set_mark(const void* block) {
     return was_freed;
 }
 
-void on_allocation(const void* block, bool is_of_host) {
-    take_mark_away(block);
-    if (is_of_host && histories != nullptr)
-        histories->note_allocation(block);
+// Whether a history is kept of this event.
+bool has_history() {
+    return histories != nullptr && mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
 }
 
-void on_free(const void* block, bool is_of_host) {
-    // The mark first: at a second free the history still has to tell of the first.
+void on_allocation(const void* block) {
+    const bool is_noted = has_history();
+    const std::uint64_t site = is_noted ? mem_site_of_live_block(block) : 0;
+    const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
+    take_mark_away(block);
+    if (is_noted)
+        histories->note_allocation(block, site);
+}
+
+void on_free(const void* block) {
+    const bool is_noted = has_history();
+    // Here and not below: what the tracker allocates for a new site it frees where the check looks.
+    const std::uint64_t site = is_noted ? mem_site_of_this_free() : 0;
+    const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
     if (set_mark(block))
         report_double_free(block);
-    if (is_of_host && histories != nullptr)
-        histories->note_free(block);
+    if (is_noted)
+        histories->note_free(block, site);
 }
 
 // Before the heap has seen the block. It takes a block that it has given up for one of the C library's, if it
@@ -102,13 +110,11 @@ void check_before_free(const void* block) {
 void mem_double_free_handler(void* block, std::uint64_t, std::uint64_t, bool is_allocation) {
     if (is_turned_away() || (is_in_own_work() && !is_allocation))
         return;
-    const bool is_of_host = tracker_sees_this_event();
-    const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
     try {
         if (is_allocation)
-            on_allocation(block, is_of_host);
+            on_allocation(block);
         else
-            on_free(block, is_of_host);
+            on_free(block);
     } catch (const std::bad_alloc&) {
         // This free goes unmarked, or its history untold.
     }
