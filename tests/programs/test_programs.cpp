@@ -96,13 +96,9 @@ TEST_P(Programs, BehaveAsWithoutUsAndAreCountedExactly) {
 }
 
 TEST_P(Programs, BehaveAsWithoutUsWithEveryDebugAid) {
-    const TEST_ENVIRONMENT aids = {{"mem_alloc_pattern_hex", "AB"},
-                                   {"mem_free_pattern_hex", "DD"},
-                                   {"mem_print_allocations", "on"},
-                                   {"mem_check_double_free", "on"},
-                                   {"mem_breakpoint_callback", "on"}};
     const TEST_DIRECTORY directory;
-    expect_same_behaviour(GetParam(), test_preload() + test_all_switches() + aids, directory);
+    expect_same_behaviour(GetParam(), test_preload() + test_all_switches() + test_all_debug_aids(),
+                          directory);
     if (IsSkipped())
         return;
     EXPECT_NE(test_read_file(directory / "mem_allocations.log"), "");

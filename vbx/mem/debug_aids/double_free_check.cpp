@@ -64,6 +64,16 @@ bool set_mark(const void* block) {
     return was_freed;
 }
 
+// A free goes unmarked then, or its history untold. Inside the check's own scope, because that is where the
+// exception itself is allocated.
+template <class STEP>
+void unless_memory_fails(STEP step) {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+    }
+}
+
 // Whether a history is kept of this event.
 bool has_history() {
     return histories != nullptr && mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
@@ -75,7 +85,7 @@ void on_allocation(const void* block) {
     const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
     take_mark_away(block);
     if (is_noted)
-        histories->note_allocation(block, site);
+        unless_memory_fails([=] { histories->note_allocation(block, site); });
 }
 
 void on_free(const void* block) {
@@ -83,10 +93,12 @@ void on_free(const void* block) {
     // Here and not below: what the tracker allocates for a new site it frees where the check looks.
     const std::uint64_t site = is_noted ? mem_site_of_this_free() : 0;
     const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
-    if (set_mark(block))
-        report_double_free(block);
-    if (is_noted)
-        histories->note_free(block, site);
+    unless_memory_fails([=] {
+        if (set_mark(block))
+            report_double_free(block);
+        if (is_noted)
+            histories->note_free(block, site);
+    });
 }
 
 // Before the heap has seen the block. It takes a block that it has given up for one of the C library's, if it
@@ -110,14 +122,10 @@ void check_before_free(const void* block) {
 void mem_double_free_handler(void* block, std::uint64_t, std::uint64_t, bool is_allocation) {
     if (is_turned_away() || (is_in_own_work() && !is_allocation))
         return;
-    try {
-        if (is_allocation)
-            on_allocation(block);
-        else
-            on_free(block);
-    } catch (const std::bad_alloc&) {
-        // This free goes unmarked, or its history untold.
-    }
+    if (is_allocation)
+        on_allocation(block);
+    else
+        on_free(block);
 }
 
 void mem_start_double_free_check() {
