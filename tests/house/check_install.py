@@ -10,15 +10,15 @@ import sys
 import tempfile
 from pathlib import Path
 
-import outside
+import outside_programs
 
 
 def main(build, project, compiler):
     with tempfile.TemporaryDirectory() as name:
         folder = Path(name)
-        outside.run("cmake", "--install", build, "--prefix", folder / "installed")
+        outside_programs.run("cmake", "--install", build, "--prefix", folder / "installed")
         prefix = Path(shutil.move(folder / "installed", folder / "moved"))
-        found = list(outside.faults(project, prefix, folder, compiler))
+        found = list(outside_programs.faults(project, prefix, folder, compiler))
         page = prefix / "share/man/man7/vbx_mem.7"
         found += [] if page.is_file() else [f"{page} is missing"]
     print("\n".join(found) or "the installed product works linked, preloaded and loaded at run time")

@@ -13,8 +13,8 @@ import sys
 import tempfile
 from pathlib import Path
 
-import outside
-from outside import run
+import outside_programs
+from outside_programs import run
 
 AS_ROOT = [] if os.geteuid() == 0 else ["fakeroot"]
 RUNTIME, DEVELOPMENT = "libvbx-mem", "libvbx-mem-dev"
@@ -82,7 +82,7 @@ def installed_faults(files, root, libraries, project, folder, compiler):
     run(*dpkg, "--install", *files.values())
     # The one thing that an installation into the host's own root would give: the loader knows the folder.
     os.environ["LD_LIBRARY_PATH"] = str(root / libraries)
-    yield from outside.faults(project, root / "usr", folder, compiler)
+    yield from outside_programs.faults(project, root / "usr", folder, compiler)
     if damaged := run(*dpkg, "--verify", RUNTIME, DEVELOPMENT):
         yield damaged
     run(*dpkg, "--purge", DEVELOPMENT, RUNTIME)

@@ -17,7 +17,7 @@ import tempfile
 from pathlib import Path
 
 # A string of this shape in the sources is the name of a switch, however it is asked for.
-NAME = re.compile(r'"((?:TARVANE_MEM|MEM)_[A-Z_]+|mem_[a-z_]+[a-z]|debug_msg)"')
+NAME = re.compile(r'"((?:TARVANE_MEM|MEM)_[A-Z_]+|mem_[a-z_]*[a-z]|debug_msg)"')
 SKIPPED = 77
 
 

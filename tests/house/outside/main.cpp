@@ -1,6 +1,8 @@
-// A host outside of the source tree. It refers to nothing of the shim by name, and loads a library at run time.
-#include <dlfcn.h>
+// A host outside of the source tree. It refers to nothing of the shim by name, and loads a library at run
+// time.
 #include <vbx/mem.h>
+
+#include <dlfcn.h>
 
 static MEM_INITIALIZER mem_initializer("outside");
 

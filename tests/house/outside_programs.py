@@ -1,4 +1,4 @@
-"""Programs outside of the source tree against an installed product: what they find of it, and what it reports of them."""
+"""Programs outside of the source tree use an installed product: do they find it, and does it report them?"""
 import os
 import re
 import subprocess
