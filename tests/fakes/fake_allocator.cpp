@@ -1,6 +1,8 @@
 #include "tests/fakes/fakes.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
+#include <malloc.h>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -46,3 +48,7 @@ bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
     return true;
 }
 void tbbk_quiesce_end() noexcept {}
+
+std::size_t _msize(void* block) noexcept {
+    return malloc_usable_size(block);
+}

@@ -19,6 +19,7 @@
 #include "vbx/mem/base/lock_rank.h"
 #include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/code_module_list.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
@@ -34,6 +35,7 @@ void leave_tracking_to_the_parent() {
     mem_library_lock.reset_after_fork();
     mem_reset_long_operations_after_fork();
     mem_abandon_tracker_after_fork();
+    mem_forget_code_modules_after_fork();
 }
 
 } // namespace
