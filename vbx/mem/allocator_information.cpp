@@ -41,6 +41,11 @@ bool mem_debug_messages_are_on() {
     return debug_messages_are_on;
 }
 
+void mem_silence_debug_lines_after_fork() {
+    debug_messages_are_on = false;
+    lines_are_late = false;
+}
+
 void mem_print_kept_allocator_information() {
     if (lines_are_late)
         print_lines();

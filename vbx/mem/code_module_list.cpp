@@ -48,7 +48,3 @@ void mem_list_code_modules() {
             std::fflush(stdout);
     }
 }
-
-void mem_forget_code_modules_after_fork() {
-    registry = nullptr;
-}

@@ -4,6 +4,3 @@
 // Prints the registered pairs in order, if the key "debug_msg" was on at load. For an exit handler: lets no
 // write end the process, throws nothing.
 void mem_list_code_modules();
-
-// In a forked child: what is registered is the parent's to list.
-void mem_forget_code_modules_after_fork();
