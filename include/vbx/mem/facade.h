@@ -15,6 +15,7 @@
 class VBX_MEM_API MEM_SEGMENT {
   public:
     MEM_SEGMENT() = default;
+    /// One segment is like the other.
     MEM_SEGMENT(const MEM_SEGMENT&) = default;
     /// Does nothing. @return this object
     MEM_SEGMENT& operator=(const MEM_SEGMENT&);
@@ -40,6 +41,7 @@ class VBX_MEM_API MEM_SEGMENT {
 class VBX_MEM_API MEM_MANAGER {
   public:
     constexpr MEM_MANAGER() = default;
+    /// One manager is like the other.
     MEM_MANAGER(const MEM_MANAGER&) = default;
     /// Does nothing. @return this object
     MEM_MANAGER& operator=(const MEM_MANAGER&);
@@ -72,11 +74,14 @@ VBX_MEM_API extern MEM_MANAGER mem_manager;
 /// a copy nor an assignment takes the other's.
 class VBX_MEM_API MEM_MRC_CLASS__ {
   protected:
+    /// Begins with 0.
     MEM_MRC_CLASS__();
+    /// Begins with 0, whatever the other's.
     MEM_MRC_CLASS__(const MEM_MRC_CLASS__&);
+    /// Leaves the number as it is. @return this object
     MEM_MRC_CLASS__& operator=(const MEM_MRC_CLASS__&);
 
-    std::uint32_t m_count; ///< 0 in a new object, the derived class's from then on
+    std::uint32_t m_count; ///< for the derived class to count with
 };
 
 /// @param block  any pointer; it isn't looked at
