@@ -1,7 +1,7 @@
 # The reference of the public headers as pages: `cmake --build build/release --target docs`, then
 # build/release/reference/html/index.html.
 find_program(VBX_DOXYGEN doxygen)
-find_package(Python3 COMPONENTS Interpreter)
+find_package(Python3 COMPONENTS Interpreter QUIET)
 if(NOT VBX_DOXYGEN OR NOT Python3_FOUND)
   return()
 endif()

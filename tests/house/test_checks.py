@@ -9,7 +9,6 @@ sys.path.append(str(Path(__file__).parents[2] / "scripts"))
 import check_binaries
 import check_layers
 import check_sources
-import check_switches
 import reference_comments
 
 README = "order:\n```\nvbx/platform/os   below\nvbx/mem/base      middle\nvbx/mem           top\n```\n"
@@ -62,53 +61,28 @@ class Checks(unittest.TestCase):
         found = check_binaries.check_exports("library", str(tree / "list.txt"))
         self.assertEqual([line for line in found if line[1:] in ("kept", "gone", "new")], ["-gone", "+new"])
 
-
     def test_comments_become_documentation(self):
-        header = """\
-// The heap of <a> host.
-#pragma once
-
-// Stands alone.
-
-// Moves a block.
-// from, to  where it is
-//           and goes
-// size      unlike these two; not an argument
-// Returns `true` for a move.
-bool move(void* from, void* to);
-bool move_back(void* from, void* to);
-struct PAIR {
-    PAIR(const PAIR&);
-    int first;  // of `two`
-                // numbers
-    // Both at once.
-    int sum() { return first;
-    }
-    int difference();
-};
-"""
-        shown = list(reference_comments.Header(header.splitlines()).shown())
-        self.assertEqual(len(shown), header.count("\n"))
-        self.assertEqual(shown[:4], ["/// The heap of \\<a\\> host.", "/// \\file", "", "// Stands alone."])
-        self.assertEqual(shown[6:8], ["/// \\param from,to where it is", "///           and goes"])
-        self.assertTrue(shown[8].endswith("size      unlike these two; not an argument"))
-        self.assertEqual(shown[9], "/// \\return `true` for a move.")
-        self.assertRegex(shown[11], r"^/\*\* Moves a block.*\\param from,to .*\*/ bool move_back\(")
-        self.assertEqual(shown[13:16], ["", "    int first;  ///< of `two`", "                ///< numbers"])
-        self.assertEqual(shown[16:19], ["/// Both at once.", *header.splitlines()[17:19]])
-        self.assertEqual(shown[19], "/** Both at once. */     int difference();")
-
-    def test_switches(self):
-        records = "variable  MEM_A\nkey       mem_a\ntext      it; b\nfile      r.TAG.log\n\nkey mem_n\ndefault 7\ntext n\n"
-        readme = "| variable | key | what it brings |\n|---|---|---|\n\n| number | key | default |\n|---|---|---|\n"
-        tree = self.tree({"docs/switches.txt": records, "README.md": readme, "vbx/mem/a.cpp": 'f("MEM_A", "mem_a", "mem_b");',
-                          "vbx/mem/mem_tbb_tracker/state/settings.h": "int MEM_DEFAULT_N = 7;\n"})
-        found = list(check_switches.check_names(tree, list(check_switches.read_records(tree))))
-        self.assertEqual([line.split(":")[0] for line in found], ["mem_b", "mem_n"])
-        self.assertEqual(len(list(check_switches.check_readme(tree, list(check_switches.read_records(tree))))), 3)
-        fixed = check_switches.with_tables(readme, list(check_switches.read_records(tree)))
-        self.assertIn("| `MEM_A` | `mem_a` | it; b; `r.TAG.log` |\n", fixed)
-        self.assertIn("| | `mem_n` | 7: n |\n", fixed)
+        pairs = [
+            ("// Of <a> file.", "/// Of \\<a\\> file."),
+            ("#pragma once", "/// \\file"),
+            ("// Stands alone.", "// Stands alone."),
+            ("", ""),
+            ("// Moves.", "/// Moves."),
+            ("// from, to  where it is", "/// \\param from,to where it is"),
+            ("//           and goes", "///           and goes"),
+            ("// Returns `<true>`.", "///  \\ilinebr  \\ilinebr \\return `<true>`."),
+            ("bool move(void* from, void* to);", "bool move(void* from, void* to);"),
+            ("void stay();", "/** Moves. \\ilinebr from, to  where it is \\ilinebr           and goes \\ilinebr "
+                             "\\return `<true>`. */ void stay();"),
+            ("", ""),
+            ("struct PAIR {", "struct PAIR {"),
+            ("    PAIR(const PAIR&);", ""),
+            ("    int first;  // of two", "    int first;  ///< of two"),
+            ("                // numbers", "                ///< numbers"),
+            ("};", "};"),
+        ]
+        shown = reference_comments.Header([plain for plain, _ in pairs]).shown()
+        self.assertEqual(list(shown), [marked for _, marked in pairs])
 
 
 if __name__ == "__main__":

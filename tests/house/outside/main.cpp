@@ -10,10 +10,6 @@ static char* volatile kept = nullptr;
 
 int main(int, char** arguments) {
     kept = new char[3000];
-    void* const plugin = dlopen(arguments[1], RTLD_NOW);
-    void* const work = plugin != nullptr ? dlsym(plugin, "plugin_work") : nullptr;
-    if (work == nullptr)
-        return 1;
-    reinterpret_cast<void (*)()>(work)();
+    reinterpret_cast<void (*)()>(dlsym(dlopen(arguments[1], RTLD_NOW), "plugin_work"))();
     return 0;
 }

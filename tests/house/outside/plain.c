@@ -7,13 +7,8 @@ static void* volatile kept;
 
 int main(int count, char** arguments) {
     kept = malloc(3000);
-    if (count > 1) {
-        void* plugin = dlopen(arguments[1], RTLD_NOW);
-        void (*work)(void) = plugin ? (void (*)(void))dlsym(plugin, "plugin_work") : NULL;
-        if (!work)
-            return 1;
-        work();
-    }
+    if (count > 1)
+        ((void (*)(void))dlsym(dlopen(arguments[1], RTLD_NOW), "plugin_work"))();
     puts("done");
     return 0;
 }
