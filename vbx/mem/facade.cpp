@@ -23,7 +23,7 @@ void MEM_MANAGER::initialize() {
 MEM_MANAGER& MEM_MANAGER::operator=(const MEM_MANAGER&) {
     return *this;
 }
-MEM_MANAGER& MEM_MANAGER::operator=(MEM_MANAGER&&) {
+MEM_MANAGER& MEM_MANAGER::operator=(MEM_MANAGER&&) noexcept {
     return *this;
 }
 
@@ -44,7 +44,7 @@ MEM_SEGMENT* MEM_MANAGER::get_default_segment() {
 MEM_SEGMENT& MEM_SEGMENT::operator=(const MEM_SEGMENT&) {
     return *this;
 }
-MEM_SEGMENT& MEM_SEGMENT::operator=(MEM_SEGMENT&&) {
+MEM_SEGMENT& MEM_SEGMENT::operator=(MEM_SEGMENT&&) noexcept {
     return *this;
 }
 int MEM_SEGMENT::get_id() const {

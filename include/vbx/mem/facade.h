@@ -20,7 +20,7 @@ class VBX_MEM_API MEM_SEGMENT {
     /// Does nothing. @return this object
     MEM_SEGMENT& operator=(const MEM_SEGMENT&);
     /// Does nothing. @return this object
-    MEM_SEGMENT& operator=(MEM_SEGMENT&&);
+    MEM_SEGMENT& operator=(MEM_SEGMENT&&) noexcept;
 
     /// @return always 1
     int get_id() const;
@@ -46,7 +46,7 @@ class VBX_MEM_API MEM_MANAGER {
     /// Does nothing. @return this object
     MEM_MANAGER& operator=(const MEM_MANAGER&);
     /// Does nothing. @return this object
-    MEM_MANAGER& operator=(MEM_MANAGER&&);
+    MEM_MANAGER& operator=(MEM_MANAGER&&) noexcept;
 
     /// @return live bytes, as mem_get_global_current() counts them; a figure below 0 turns into a very large
     ///         number
