@@ -63,7 +63,7 @@ function(vbx_read_switches)
   file(READ ${VBX_SWITCHES} all)
   # A semicolon would part a text in two, the lists of CMake being what they are.
   string(REPLACE ";" "\t" all "${all}\n\n")
-  string(REGEX REPLACE "#[^\n]*\n" "" all "${all}")
+  string(REGEX REPLACE "(^|\n)#[^\n]*" "\\1" all "${all}")
   string(REGEX REPLACE "\n\n+" ";" all "${all}")
   foreach(record IN LISTS all)
     foreach(field variable key default file report text)

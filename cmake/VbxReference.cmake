@@ -2,7 +2,7 @@
 # build/release/reference/html/index.html.
 find_program(VBX_DOXYGEN doxygen)
 find_package(Python3 COMPONENTS Interpreter QUIET)
-if(NOT VBX_DOXYGEN OR NOT Python3_FOUND)
+if(NOT PROJECT_IS_TOP_LEVEL OR NOT VBX_DOXYGEN OR NOT Python3_FOUND)
   return()
 endif()
 
