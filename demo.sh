@@ -35,6 +35,14 @@ show_modules() {
 show_statistics() {
     awk -F '\t' 'NF == 5 { printf "%-18s %16s %16s %18s %16s\n", $1, $2, $3, $4, $5 }' "$1"
 }
+show_timeline() {
+    awk -F '\t' '
+        NR >= 3 && NF > 1 && !/^Time spent/ {
+            printf "%-18s", $1
+            for (cell = 2; cell <= NF; ++cell) printf " %12s", $cell
+            print ""
+        }' "$1"
+}
 heading() { printf '\n== %s\n\n' "$1"; }
 
 runs=$build/runs
@@ -49,13 +57,21 @@ show_sites mem_tbb_fileline.word_index.log 8
 printf '\nLeaks (mem_tbb_leak_warning.word_index.log), those of the suite:\n\n'
 grep -E '^(text_source|word_table|word_index) leaked' mem_tbb_leak_warning.word_index.log | sed "s|$root/||"
 
-heading "2. The same program by phases: its profile bins and tags"
-echo '$ TARVANE_MEM_PROFILE_BIN_TAG_PLOT=1 word_index'
-TARVANE_MEM_PROFILE_BIN_TAG_PLOT=1 "$build/examples/suite/word_index"
+heading "2. The same program by phases: its profile bins and tags, and how its memory moves"
+cat <<'END'
+$ export TARVANE_MEM_PROFILE_PER_BIN=1 TARVANE_MEM_PROFILE_BIN_TAG_PLOT=1 TARVANE_MEM_PROFILE_PER_LIBRARY=1
+$ TARVANE_MEM_PROFILE_LIBRARY_SNAPSHOT_PERIOD=250 word_index
+END
+TARVANE_MEM_PROFILE_PER_BIN=1 TARVANE_MEM_PROFILE_BIN_TAG_PLOT=1 TARVANE_MEM_PROFILE_PER_LIBRARY=1 \
+    TARVANE_MEM_PROFILE_LIBRARY_SNAPSHOT_PERIOD=250 "$build/examples/suite/word_index"
 printf '\nPer bin, a phase or one of its steps (mem_tbb_pbin_stats.word_index.log):\n\n'
 show_statistics mem_tbb_pbin_stats.word_index.log
 printf '\nPer tag, a category of phases (mem_tbb_pbin_tag_stats.word_index.log):\n\n'
 show_statistics mem_tbb_pbin_tag_stats.word_index.log
+printf '\nBytes of each tag, a row a sample (mem_tbb_pbin_tag_timeline_detailed.word_index.log):\n\n'
+show_timeline mem_tbb_pbin_tag_timeline_detailed.word_index.log
+printf '\nBytes of each module, a row a sample (mem_tbb_timeline.word_index.log):\n\n'
+show_timeline mem_tbb_timeline.word_index.log
 
 # A minimal system has perl, but no Python.
 # Python's own pools ask the kernel and not malloc; the variable sends its objects through malloc.

@@ -1,14 +1,14 @@
 #!/bin/sh
 # Installs the Debian packages that are missing. This is the one list of them.
 #
-#   scripts/install_dependencies.sh build    what the libraries and the examples need
+#   scripts/install_dependencies.sh build    what the libraries, their packages and the examples need
 #   scripts/install_dependencies.sh test     the above and what the tests, benchmarks and analyses need
 set -eu
 
-build_packages="g++ cmake ninja-build pkg-config binutils
+build_packages="g++ cmake ninja-build pkg-config binutils dpkg-dev
     libtbb-dev libboost-filesystem-dev libboost-iostreams-dev libdw-dev libelf-dev libiberty-dev"
 test_packages="libgtest-dev libbenchmark-dev clang clang-format clang-tidy
-    python3 perl git sqlite3"
+    python3 perl git sqlite3 doxygen mandoc groff-base fakeroot"
 
 case "${1:-}" in
 build) wanted=$build_packages ;;

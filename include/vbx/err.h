@@ -3,6 +3,7 @@
 
 #include <vbx/mem/export.h>
 
+// Has no state of its own: all that a derived class adds is its text.
 class VBX_MEM_API ERR_EXCEPTION {
   public:
     ERR_EXCEPTION();

@@ -10,8 +10,10 @@
 #pragma once
 
 #include <vbx/mem/callbacks.h>
+#include <vbx/mem/code_modules.h>
 #include <vbx/mem/control.h>
 #include <vbx/mem/debug_aids.h>
+#include <vbx/mem/facade.h>
 #include <vbx/mem/host.h>
 #include <vbx/mem/info.h>
 #include <vbx/mem/initializer.h>
@@ -20,5 +22,7 @@
 #include <vbx/mem/profile_bins.h>
 #include <vbx/mem/reports.h>
 #include <vbx/mem/stats.h>
+#include <vbx/mem/strings.h>
 #include <vbx/mem/timelines.h>
 #include <vbx/mem/trackers.h>
+#include <vbx/mem_utils/chunk_alloc.h>

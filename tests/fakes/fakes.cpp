@@ -5,6 +5,8 @@
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -71,6 +73,10 @@ bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
     return true;
 }
 void tbbk_quiesce_end() noexcept {}
+
+std::size_t _msize(void* block) noexcept {
+    return malloc_usable_size(block);
+}
 
 namespace {
 class FAKE_UNWINDER final : public ERR_UNWINDER {

@@ -1,12 +1,15 @@
 #!/usr/bin/env python3
 """The checks of this folder find what they are there for: each is let loose on a small tree with one planted fault."""
+import sys
 import tempfile
 import unittest
 from pathlib import Path
 
+sys.path.append(str(Path(__file__).parents[2] / "scripts"))
 import check_binaries
 import check_layers
 import check_sources
+import reference_comments
 
 README = "order:\n```\nvbx/platform/os   below\nvbx/mem/base      middle\nvbx/mem           top\n```\n"
 CLEAN = {
@@ -57,6 +60,29 @@ class Checks(unittest.TestCase):
         self.addCleanup(setattr, check_binaries, "exported_symbols", real)
         found = check_binaries.check_exports("library", str(tree / "list.txt"))
         self.assertEqual([line for line in found if line[1:] in ("kept", "gone", "new")], ["-gone", "+new"])
+
+    def test_comments_become_documentation(self):
+        pairs = [
+            ("// Of <a> file.", "/// Of \\<a\\> file."),
+            ("#pragma once", "/// \\file"),
+            ("// Stands alone.", "// Stands alone."),
+            ("", ""),
+            ("// Moves.", "/// Moves."),
+            ("// from, to  where it is", "/// \\param from,to where it is"),
+            ("//           and goes", "///           and goes"),
+            ("// Returns `<true>`.", "///  \\ilinebr  \\ilinebr \\return `<true>`."),
+            ("bool move(void* from, void* to);", "bool move(void* from, void* to);"),
+            ("void stay();", "/** Moves. \\ilinebr from, to  where it is \\ilinebr           and goes \\ilinebr "
+                             "\\return `<true>`. */ void stay();"),
+            ("", ""),
+            ("struct PAIR {", "struct PAIR {"),
+            ("    PAIR(const PAIR&);", ""),
+            ("    int first;  // of two", "    int first;  ///< of two"),
+            ("                // numbers", "                ///< numbers"),
+            ("};", "};"),
+        ]
+        shown = reference_comments.Header([plain for plain, _ in pairs]).shown()
+        self.assertEqual(list(shown), [marked for _, marked in pairs])
 
 
 if __name__ == "__main__":

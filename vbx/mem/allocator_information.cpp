@@ -9,6 +9,8 @@
 namespace {
 
 constinit bool lines_are_late = false;
+// Outlives the static object below: the listing of code modules asks for it, too.
+constinit bool debug_messages_are_on = false;
 
 void print_lines() {
     mem_print_stdout("Debug: MEM: Native allocator:          '%s'\n", "TBBmalloc");
@@ -16,7 +18,7 @@ void print_lines() {
 }
 
 struct ALLOCATOR_INFORMATION {
-    bool debug_messages_are_on = mem_cfg_is_on("debug_msg", false);
+    ALLOCATOR_INFORMATION() { debug_messages_are_on = mem_cfg_is_on("debug_msg", false); }
 
     ~ALLOCATOR_INFORMATION() {
         if (!debug_messages_are_on)
@@ -33,6 +35,15 @@ struct ALLOCATOR_INFORMATION {
 void mem_keep_allocator_information() {
     const MEM_LIBRARY_GUARD guard;
     static ALLOCATOR_INFORMATION information;
+}
+
+bool mem_debug_messages_are_on() {
+    return debug_messages_are_on;
+}
+
+void mem_silence_debug_lines_after_fork() {
+    debug_messages_are_on = false;
+    lines_are_late = false;
 }
 
 void mem_print_kept_allocator_information() {

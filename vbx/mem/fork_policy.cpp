@@ -2,7 +2,8 @@
 //
 // The child has one thread, a copy of the one that forked, and all memory as it stood at that moment. It
 // stops tracking: its hook is off, its mask 0. It writes no report, because the parent's would be overwritten
-// by it. It holds no lock of the library, so every exported operation still returns.
+// by it, and none of the debug lines that end a process. It holds no lock of the library, so every exported
+// operation still returns.
 //
 // That the child can use its heap at all, and that no thread was in the middle of an event when the memory
 // was copied, is the allocator shim's work: it keeps all other threads out of the allocator, events included,
@@ -15,6 +16,7 @@
 
 #include "vbx/mem/fork_policy.h"
 
+#include "vbx/mem/allocator_information.h"
 #include "vbx/mem/base/library_lock.h"
 #include "vbx/mem/base/lock_rank.h"
 #include "vbx/mem/base/long_operation.h"
@@ -34,6 +36,7 @@ void leave_tracking_to_the_parent() {
     mem_library_lock.reset_after_fork();
     mem_reset_long_operations_after_fork();
     mem_abandon_tracker_after_fork();
+    mem_silence_debug_lines_after_fork();
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "vbx/mem/tracker.h"
 
 #include <vbx/mem/control.h>
+#include <vbx/mem/facade.h>
 #include <vbx/mem/initializer.h>
 
 #include <atomic>
@@ -38,8 +39,6 @@ constinit PRINT_SWITCH load_lines;
 constinit PRINT_SWITCH unload_lines;
 
 void start_library() {
-    if (!mem_library_lock.exists())
-        mem_library_lock.create();
     mem_install_fork_policy();
     mem_install_thread_wrapper();
     mem_keep_allocator_information();
@@ -55,8 +54,10 @@ const char* printable(const char* module_name) {
 
 MEM_INITIALIZER::MEM_INITIALIZER(const char* module_name) : m_module_name(module_name) {
     // Libraries can be loaded on several threads at once, and no lock is held here.
-    if (std::atomic_ref(s_init_counter).fetch_add(1) == 0)
+    if (std::atomic_ref(s_init_counter).fetch_add(1) == 0) {
+        mem_manager.initialize();
         start_library();
+    }
     if (load_lines.is_on())
         mem_print_stdout("Loading: %s\n", printable(m_module_name));
 }

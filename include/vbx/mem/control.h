@@ -18,6 +18,7 @@ enum MEM_TRACKING_GRANULARITY : std::uint32_t {
     MEM_GRANULARITY_ALL = 95,                // all but MEM_GRANULARITY_CHECK_LEAKS_FAST
 };
 
+// The features of both.
 constexpr MEM_TRACKING_GRANULARITY operator|(MEM_TRACKING_GRANULARITY a, MEM_TRACKING_GRANULARITY b) {
     return static_cast<MEM_TRACKING_GRANULARITY>(static_cast<std::uint32_t>(a) |
                                                  static_cast<std::uint32_t>(b));
@@ -58,6 +59,7 @@ class VBX_MEM_API MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT {
     ~MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT();
     MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT(const MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT&) =
         delete;
+    // Takes over what the other guard restores at its end.
     MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT&
     operator=(const MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT&) = default;
 

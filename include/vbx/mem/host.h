@@ -18,6 +18,8 @@
 // A variable-argument list as a message callback receives it: `va_list` in its parameter form.
 using MEM_MESSAGE_ARGUMENTS = std::va_list;
 
+// What a host puts into the slots. Arguments and result are those of the library's function that asks the
+// slot. A value goes back through `value`, which comes empty or 0; a text stays the host's.
 using MEM_MESSAGE_CALLBACK = bool (*)(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args);
 using MEM_CFG_IS_ON_CALLBACK = bool (*)(const char* name, bool default_value);
 using MEM_CFG_GET_VALUE_CALLBACK = void (*)(const char* name, std::string* value);
@@ -26,6 +28,8 @@ using MEM_STRING_CALLBACK = std::string (*)();
 using MEM_BOOL_CALLBACK = bool (*)();
 using MEM_TEXT_CALLBACK = const char* (*)();
 
+// Fills a slot.
+// callback  what the library asks from now on, on any thread; null for the default
 VBX_MEM_API void mem_set_msg_local_vdebug_callback(MEM_MESSAGE_CALLBACK callback);
 VBX_MEM_API void mem_set_msg_local_vinfo_callback(MEM_MESSAGE_CALLBACK callback);
 VBX_MEM_API void mem_set_cfg_is_on_callback(MEM_CFG_IS_ON_CALLBACK callback);

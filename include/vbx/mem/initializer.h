@@ -3,6 +3,7 @@
 
 #include <vbx/mem/export.h>
 
+// A module of the suite owns one, with static storage; nothing else is needed of it.
 class VBX_MEM_API MEM_INITIALIZER {
   public:
     // Counts one more live initialiser; the first of the process starts the library. Every module of a host

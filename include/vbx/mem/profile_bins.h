@@ -54,14 +54,15 @@ VBX_MEM_API bool mem_dump_tbb_profile_bin_tag_stats_tracking(std::ostream& strea
 
 // Bytes of the process over a bin that was closed.
 struct MEM_PROFILE_BIN_FIGURES {
-    std::uint64_t bytes_at_open = 0;
-    std::uint64_t bytes_at_close = 0;
-    std::uint64_t local_peak_bytes = 0;
+    std::uint64_t bytes_at_open = 0;    // live when it was opened
+    std::uint64_t bytes_at_close = 0;   // live when it was closed
+    std::uint64_t local_peak_bytes = 0; // the highest between
 };
 
 // A bin that is open for a scope.
 class MEM_PROFILE_BIN_SCOPE {
   public:
+    // As mem_open_profile_bin.
     explicit MEM_PROFILE_BIN_SCOPE(const std::string& name, std::string tag = {}) : m_tag(std::move(tag)) {
         mem_open_profile_bin(name, m_tag);
     }

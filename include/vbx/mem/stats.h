@@ -17,6 +17,7 @@
 template <class T>
 class KTL_RELAXED_ATOMIC_BASE {
   public:
+    // A copy takes the value of this moment.
     constexpr KTL_RELAXED_ATOMIC_BASE() = default;
     constexpr explicit KTL_RELAXED_ATOMIC_BASE(T value) : m_value(value) {}
     KTL_RELAXED_ATOMIC_BASE(const KTL_RELAXED_ATOMIC_BASE& other) : m_value(other.load()) {}
@@ -26,6 +27,7 @@ class KTL_RELAXED_ATOMIC_BASE {
     }
     virtual ~KTL_RELAXED_ATOMIC_BASE() = default;
 
+    // The value, read and replaced.
     T load() const { return m_value.load(std::memory_order_relaxed); }
     void store(T value) { m_value.store(value, std::memory_order_relaxed); }
     // Gives the value after the addition.
@@ -48,15 +50,17 @@ class KTL_RELAXED_ATOMIC : public KTL_RELAXED_ATOMIC_BASE<T> {
     using KTL_RELAXED_ATOMIC_BASE<T>::KTL_RELAXED_ATOMIC_BASE;
 };
 
+// A pair of counters.
 struct MEM_BASE_STATS {
-    KTL_RELAXED_ATOMIC<long long> bytes;
-    KTL_RELAXED_ATOMIC<long long> blocks;
+    KTL_RELAXED_ATOMIC<long long> bytes;  // of the slots that the allocator gave
+    KTL_RELAXED_ATOMIC<long long> blocks; // how many
 };
 
+// The counters of the process. The two peaks of a pair need not have been reached at the same time.
 struct MEM_STATS {
-    MEM_BASE_STATS current;
-    MEM_BASE_STATS peak;
-    MEM_BASE_STATS local_peak;
+    MEM_BASE_STATS current;    // live now; can be below 0
+    MEM_BASE_STATS peak;       // highest current so far
+    MEM_BASE_STATS local_peak; // highest current since the region began
 
     // Counts one block of `size` bytes and raises both pairs of peaks. Lock-free.
     void add_block(std::uint64_t size);

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string>
 
+// The ten counters of a site or a module. Bytes are those of the slots that the allocator gave.
 struct MEMORY_TRACKER_BASE {
     std::int32_t current_blocks = 0;              // charged here and not yet freed; can be below 0
     std::int32_t max_blocks = 0;                  // highest current_blocks at an allocation
@@ -26,10 +27,12 @@ struct MEMORY_TRACKER_BASE {
     std::int64_t cumulative_mismatched_bytes = 0; // freed on another thread than the allocating one
 };
 
+// Longer names are cut to so many characters.
 constexpr int MEM_MAX_MODULE_NAME = 64;
 constexpr int MEM_MAX_FILE_NAME = 256;
 constexpr int MEM_MAX_FUNCTION_NAME = 512;
 
+// The record of an allocation site.
 struct MEM_ADDRESS_TRACKER : MEMORY_TRACKER_BASE {
     std::uint64_t address = 0; // return address of the charged frame; 0 in the catch-all record
     std::uint32_t line = 0;    // 0 when unknown

@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <locale>
 #include <string>
+#include <utility>
 
 static const std::string long_name(10'000, 'n');
 static MEM_INITIALIZER mem_initializer(std::getenv("HOST_LONG_NAME") != nullptr ? long_name.c_str() : "host");
@@ -45,6 +47,19 @@ static void ask_configuration(const char* library) {
     std::printf("%d %s %d\n", is_on, value.c_str(), mem_cfg_get_int_value("probe", 3));
 }
 
+static void register_code_modules() {
+    const char* const none = nullptr;
+    const std::pair<const char*, const char*> pairs[] = {
+        {"router", "small"}, {"parser", "y"}, {"parser", "x"}, {"", ""},
+        {"parser", "y"},     {"\xE4", "z"},   {none, "x"},     {"x", none}};
+    for (const auto& [module, workload] : pairs)
+        mem_register_dll_for_pgo(module, workload);
+    setenv("debug_msg", "on", 1); // too late
+    if (fork() == 0)
+        std::exit(0);
+    wait(nullptr);
+}
+
 int main(int count, char** arguments) {
     const std::string action = count > 1 ? arguments[1] : "";
     if (action == "close_output") {
@@ -63,6 +78,11 @@ int main(int count, char** arguments) {
         replace_file(arguments[2], std::strtoul(arguments[3], nullptr, 10));
     } else if (action == "ask_configuration") {
         ask_configuration(arguments[2]);
+    } else if (action == "register_code_modules") {
+        register_code_modules();
+    } else if (action == "exhaust_chunks") {
+        std::printf("before");
+        MEM_UTILS_CHUNK_ALLOC().chunk_malloc(std::strtoull(arguments[2], nullptr, 10), 16);
     } else if (action == "mask") {
         print_mask();
     }

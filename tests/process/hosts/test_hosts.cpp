@@ -179,6 +179,34 @@ TEST(Output, LoadLinesGoToStandardOutputAndPreloadedOnesToStandardError) {
     }
 }
 
+TEST(Output, CodeModulesAreListedByTheProcessThatRegisteredThem) {
+    const TEST_DIRECTORY directory;
+    std::string expected;
+    for (const char* const pair :
+         {" was last compiled using PGO for:", "parser was last compiled using PGO for:x",
+          "parser was last compiled using PGO for:y", "router was last compiled using PGO for:small",
+          "\xE4 was last compiled using PGO for:z"})
+        expected += "Debug: PGO: The code module " + std::string(pair) + "\n";
+    const LINES action = {"register_code_modules"};
+    EXPECT_EQ(run_host(directory, {}, action).standard_output, "");
+    const std::string written = run_host(directory, {{"debug_msg", "on"}}, action).standard_output;
+    EXPECT_EQ(written.substr(0, written.find("Debug: MEM: ")), expected) << written;
+}
+
+// Nothing of that size is to be had, and the sum with the alignment doesn't even fit a number.
+TEST(Output, ExhaustedChunkAllocatorEndsTheProcessWithItsReports) {
+    for (const char* const size : {"18446744073709551610", "9000000000000000000"}) {
+        const TEST_DIRECTORY directory;
+        const TEST_OUTCOME outcome =
+            test_run_child({{HOST, "exhaust_chunks", size}, PER_FILELINE}, directory);
+        EXPECT_EQ(outcome.end, "exit 1");
+        EXPECT_NE(outcome.standard_output.find("before"), std::string::npos) << outcome.standard_output;
+        const std::regex line("\nOut of memory \\(\\d+ megabytes used\\)\n");
+        EXPECT_TRUE(std::regex_match(outcome.standard_error, line)) << outcome.standard_error;
+        EXPECT_EQ(directory.files(REPORT), LINES{REPORT});
+    }
+}
+
 // Each of the three kinds of query looks once for the library, at its first query. While the process loads,
 // the first two kinds are asked, so a library that comes later is found by the third alone.
 TEST(Output, ConfigurationComesFromTheLibraryThatWasThereAtTheFirstQuery) {

@@ -87,8 +87,10 @@ TEST_F(PROFILE_BINS_TEST, InAForkedChildEveryCallReturns) {
     mem_open_profile_bin("a", "tag");
     allocate(0xA000, 100, {PARSE});
     // Threads that the child doesn't have stand in both tables.
+    using STILL = MEM_PB_STATS_TABLE::STILL;
+    alignas(STILL) std::byte for_good[sizeof(STILL)];
     for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats}) {
-        new MEM_PB_STATS_TABLE::STILL(*table);
+        new (for_good) STILL(*table);
         mem_rank_release(MEM_LOCK_RANK::leaf);
     }
     mem_abandon_tracker_after_fork();

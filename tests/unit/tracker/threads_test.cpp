@@ -6,10 +6,12 @@
 #include "vbx/mem/base/spin_lock.h"
 #include "vbx/mem/base/tracker_gate.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/tracker.h"
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <numeric>
 #include <random>
 #include <sstream>
@@ -241,10 +243,17 @@ TEST_F(THREADS_TEST, TheTeardownWaitsForHosts) {
             mem_get_module_tracker("OTHER", record);
         }
     });
-    while (rounds < 20)
-        std::this_thread::yield();
     const EMPTY_FOLDER folder;
-    mem_tbb_tracker_teardown();
+    auto use = std::make_unique<MEM_TRACKER_USE>();
+    std::atomic<bool> has_ended{false};
+    auto teardown = run_on_threads(1, [&has_ended](std::uint64_t) {
+        mem_tbb_tracker_teardown();
+        has_ended = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(has_ended);
+    use.reset();
+    teardown.clear();
     for (const int then = rounds; rounds < then + 20;)
         std::this_thread::yield();
     stop = true;

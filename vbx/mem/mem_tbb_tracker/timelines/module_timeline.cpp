@@ -5,9 +5,8 @@
 namespace {
 // Not the C library's tolower: it follows the host's locale, and with that the order of the map would change
 // under its entries.
-int lowered(char character) {
-    const int byte = static_cast<signed char>(character);
-    return byte >= 'A' && byte <= 'Z' ? byte - 'A' + 'a' : byte;
+char lowered(char character) {
+    return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
 }
 } // namespace
 
