@@ -27,7 +27,7 @@
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
-#include "vbx/mem/report_room.h"
+#include "vbx/mem/out_of_memory/report_room.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/os/write.h"
@@ -76,7 +76,7 @@ void write_leak_report() {
 
 // Everything that needs a tracker that stands still.
 void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
-    mem_report_room.give_back();
+    mem_open_report_room();
     mem_attempt_report("the peak figures are", mem_tbb_apply_final_peak);
     if (mem_report_flags.fileline)
         mem_attempt_report("the site reports are", write_site_reports);

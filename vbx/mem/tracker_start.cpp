@@ -18,7 +18,7 @@
 #include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
-#include "vbx/mem/report_room.h"
+#include "vbx/mem/out_of_memory/report_room.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
@@ -84,7 +84,7 @@ void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask) {
     mem_mark_tracker_started();
     if (mask != 0) {
         warn_if_no_events_can_come();
-        mem_report_room.hold(MEM_REPORT_ROOM_BYTES);
+        mem_hold_report_room();
     }
     if ((mask & MEM_GRANULARITY_PER_BIN) != 0)
         mem_set_tbb_memory_tracking_enabled(true);

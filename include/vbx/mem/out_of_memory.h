@@ -9,10 +9,11 @@
 #include <vbx/err.h>
 #include <vbx/mem/export.h>
 
+// What a host does about exhausted memory; see mem_set_out_of_memory_handler.
 using MEM_OUT_OF_MEMORY_HANDLER = void (*)();
 
 extern "C" {
-// Ends the process as told above. The first thread of the process to call it does so; later ones wait for the
+// Ends the process as told above. Of several threads that call it one does so, and the others wait for the
 // end. A call from inside the handler, or from what exit() runs, goes on with the exit at once. Any thread,
 // but none that holds locks which exit handlers of the host take. Allocates nothing itself.
 [[noreturn]] VBX_MEM_API void mem_out_of_memory();
@@ -22,8 +23,7 @@ extern "C" {
 // that fails for want of memory. What the library needs inside of an allocation or for a report it goes
 // without: a block is not recorded, a report is missing, and a line says so.
 // handler  runs once, in place of the line on standard error, on the thread that ran out first; it may use
-// the
-//          reserve of a few kilobytes, and can't save the process. Null selects the line
+//          the reserve of a few kilobytes, and can't save the process. Null selects the line
 // Any thread. Reads a file of the kernel.
 VBX_MEM_API void mem_set_out_of_memory_handler(MEM_OUT_OF_MEMORY_HANDLER handler);
 

@@ -28,7 +28,7 @@ class VBX_MEM_API MEM_UTILS_CHUNK_ALLOC {
     /// Hands out a zeroed block. One that fits into the chunk costs a division and a few additions.
     /// @param size       bytes. 0 may give null or the address of the next block: no failure.
     /// @param alignment  bytes, not only powers of two; 0 counts as 1. A block at the start of a new chunk
-    ///                   and, with chunking off, every block has malloc's alignment (16) and no larger one.
+    ///                   and, with chunking off, every block has malloc's alignment and no larger one.
     /// @return the block; never null for want of memory: that ends the process as mem_out_of_memory() does,
     ///         or, where a list node can't be had, with what operator new throws, the object unchanged
     ///

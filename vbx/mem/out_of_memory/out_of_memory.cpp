@@ -21,11 +21,13 @@
 
 namespace {
 
-// The thread that ends the process, named by the place of its words: those stay the same in a forked child.
-constinit std::atomic<const void*> ending_thread{nullptr};
+// Threads are named by the place of their words: those stay the same in a forked child.
+constinit std::atomic<const void*> first_thread{nullptr};
+constinit std::atomic<bool> last_steps_are_done{false};
+constinit std::atomic<const void*> exiting_thread{nullptr};
 
-// How long a thread that is out of memory too waits for the end. Longer than any report takes. A host's exit
-// handler may want a lock that such a thread holds, and then the exit would never come to its end.
+// How long a thread waits for another one's exit. Longer than any report takes. A host's exit handler may
+// want a lock that a thread holds which is out of memory too, and then the exit would never come to its end.
 constexpr std::int64_t LONGEST_WAIT_FOR_END_MS = 30'000;
 
 // Another thread may be waiting for the end right here, inside of a print, with the stream's lock.
@@ -82,18 +84,38 @@ void take_last_steps() {
         print_standard_message();
 }
 
-[[noreturn]] void wait_for_end() {
+// A stream that no other thread holds now.
+bool is_free(std::FILE* stream) {
+    if (ftrylockfile(stream) != 0)
+        return false;
+    funlockfile(stream);
+    return true;
+}
+
+bool claim_exit(const void* self) {
+    const void* none = nullptr;
+    return last_steps_are_done.load(std::memory_order_acquire) && is_free(stdout) && is_free(stderr) &&
+           exiting_thread.compare_exchange_strong(none, self);
+}
+
+// One thread alone calls exit(): two of them inside it would lose the reports. It need not be the first. An
+// exit locks the standard streams to flush them, and a thread that ran out of memory in the middle of a print
+// holds one: then only that thread can go through with it.
+[[noreturn]] void exit_or_wait(const void* self) {
     const std::int64_t deadline = os_clock() + LONGEST_WAIT_FOR_END_MS;
     OS_PATIENCE patience;
-    while (os_clock() < deadline)
+    while (os_clock() < deadline) {
+        if (claim_exit(self))
+            std::exit(EXIT_FAILURE);
         patience.wait();
+    }
     _exit(EXIT_FAILURE);
 }
 
 } // namespace
 
 bool mem_memory_is_exhausted() {
-    return ending_thread.load(std::memory_order_relaxed) != nullptr;
+    return first_thread.load(std::memory_order_relaxed) != nullptr;
 }
 
 void mem_out_of_memory() {
@@ -101,11 +123,18 @@ void mem_out_of_memory() {
     const OS_NO_CANCELLATION no_cancellation;
     const void* const self = &mem_thread_state;
     const void* first = nullptr;
-    if (ending_thread.compare_exchange_strong(first, self))
+    if (first_thread.compare_exchange_strong(first, self)) {
         take_last_steps();
-    else if (first != self)
-        wait_for_end(); // two threads inside exit() would lose the reports
-    std::exit(EXIT_FAILURE);
+        last_steps_are_done.store(true, std::memory_order_release);
+    } else {
+        // Again on a thread that is inside the handler, or inside what exit() runs.
+        const void* none = nullptr;
+        if (first == self)
+            exiting_thread.compare_exchange_strong(none, self);
+        if (exiting_thread.load() == self)
+            std::exit(EXIT_FAILURE);
+    }
+    exit_or_wait(self);
 }
 
 void mem_set_out_of_memory_handler(MEM_OUT_OF_MEMORY_HANDLER handler) {

@@ -2,6 +2,7 @@
 
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/out_of_memory/host_call.h"
+#include "vbx/mem/out_of_memory/report_room.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_thr/vbx_thr.h"
 
@@ -17,16 +18,20 @@ constinit std::atomic<bool> is_installed{false};
 
 // Inside the library a failed allocation is caught and costs a figure or a report. An exit from there would
 // meet the locks that this thread holds.
-int end_unless_inside_library(std::size_t) {
-    if (!mem_thread_is_inside_library())
-        mem_out_of_memory();
-    return 0;
+int end_unless_inside_library(std::size_t bytes) {
+    if (mem_thread_is_inside_library())
+        return mem_give_report_room(bytes) ? 1 : 0;
+    mem_out_of_memory();
 }
 
 } // namespace
 
 bool mem_out_of_memory_end_is_asked_for() {
     return is_asked_for.load(std::memory_order_relaxed);
+}
+
+bool mem_out_of_memory_end_is_installed() {
+    return is_installed.load(std::memory_order_relaxed);
 }
 
 void mem_ask_for_out_of_memory_end() {
@@ -49,7 +54,7 @@ void mem_warm_up_last_steps() {
 }
 
 void mem_fail_host_call() {
-    if (is_installed.load(std::memory_order_relaxed) && !mem_thread_is_inside_library())
+    if (mem_out_of_memory_end_is_installed() && !mem_thread_is_inside_library())
         mem_out_of_memory();
     throw;
 }

@@ -4,6 +4,9 @@
 // Whether somebody has called for them in this process.
 bool mem_out_of_memory_end_is_asked_for();
 
+// Whether failing allocations lead there.
+bool mem_out_of_memory_end_is_installed();
+
 // Installs new mode and new handler; from now on they count as asked for.
 void mem_ask_for_out_of_memory_end();
 
