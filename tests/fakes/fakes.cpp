@@ -91,6 +91,15 @@ class FAKE_UNWINDER final : public ERR_UNWINDER {
         std::copy_n(current_stack.begin() + first, count, frames);
         return count;
     }
+    std::uint64_t ask_frames(ERR_FRAME_QUESTION question, std::int32_t max_frames) override {
+        for (const std::uint64_t address : current_stack) {
+            if (max_frames-- == 0)
+                break;
+            if (const std::uint64_t answer = question(address))
+                return answer;
+        }
+        return 0;
+    }
 };
 FAKE_UNWINDER fake_unwinder;
 } // namespace

@@ -1,6 +1,6 @@
 // What real programs don't show: broken unwind information, races for a rule, interrupted captures.
 #include "vbx/platform/vbx_err/cfi_program.h"
-#include "vbx/platform/vbx_err/rule_cache.h"
+#include "vbx/platform/os/address_cache.h"
 #include "vbx/platform/vbx_err/stack_bounds.h"
 #include "vbx/platform/vbx_err/unwinders.h"
 
@@ -82,7 +82,7 @@ TEST(CallFrames, CanBeCutShortOrChangedAnywhere) {
 
 // Addresses of one set, three times as many as there is room for: two threads overwrite each other's entries.
 TEST(RuleCache, NeverMixesTwoEntries) {
-    static constinit ERR_RULE_CACHE cache;
+    static constinit OS_ADDRESS_CACHE cache;
     static std::atomic<int> hits = 0;
     const auto work = [](std::mt19937 random) {
         for (std::uint64_t turn = 0, value = 0; turn < 1000000; ++turn) {

@@ -8,7 +8,7 @@
 #include <array>
 #include <cstring>
 
-constinit ERR_RULE_CACHE ERR_FRAME_RULES::s_cache;
+constinit OS_ADDRESS_CACHE ERR_FRAME_RULES::s_cache;
 
 namespace {
 

@@ -8,9 +8,9 @@
 // where the description stands, which saves the search.
 #pragma once
 
+#include "vbx/platform/os/address_cache.h"
 #include "vbx/platform/vbx_err/eh_frame.h"
 #include "vbx/platform/vbx_err/frame_rule.h"
-#include "vbx/platform/vbx_err/rule_cache.h"
 
 #include <bit>
 
@@ -36,7 +36,7 @@ class ERR_FRAME_RULES {
     ERR_FRAME_RULE rule_in_row(std::uint64_t address, std::uint32_t row);
     void find_tables(std::uint64_t address);
 
-    static ERR_RULE_CACHE s_cache;
+    static OS_ADDRESS_CACHE s_cache;
 
     ERR_UNWIND_TABLES m_tables; // of the frame looked at last
 };

@@ -13,6 +13,13 @@
 [[noreturn]] void err_report_internal_error(const char* condition, const char* subsystem, const char* file,
                                             int line);
 
+// Asked of a frame by its return address: 0 means "go on to the next frame". Locks and allocates nothing, and
+// gives the same answer when it is asked again.
+using ERR_FRAME_QUESTION = std::uint64_t (*)(std::uint64_t address);
+
+// The stack is not one whose frames can be asked.
+constexpr std::uint64_t ERR_NO_ANSWER = ~std::uint64_t{0};
+
 class ERR_UNWINDER {
   public:
     // The unwinder of the process, not owned by the caller; null when the process has none. The first call
@@ -32,6 +39,17 @@ class ERR_UNWINDER {
     // thread with no lock held; doesn't allocate.
     virtual std::int32_t capture_stack(std::uint64_t* frames, std::int32_t max_frames,
                                        std::int32_t skip_frames, std::uint64_t reserved) = 0;
+
+    // Asks the frames that capture_stack would write, innermost first, and walks no further than to the first
+    // one that answers: a walk costs by the frame.
+    // max_frames  largest number of frames to ask
+    // Returns the first answer that is not 0; 0 when no frame gave one; ERR_NO_ANSWER when only capture_stack
+    // can tell. Where and how it may be called is the same.
+    virtual std::uint64_t ask_frames(ERR_FRAME_QUESTION question, std::int32_t max_frames) {
+        static_cast<void>(question);
+        static_cast<void>(max_frames);
+        return ERR_NO_ANSWER;
+    }
 
   protected:
     ~ERR_UNWINDER() = default;

@@ -2,6 +2,7 @@
 
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
@@ -72,6 +73,7 @@ MEM_ADDRESS_TRACKER& mem_attribute_stack(const std::uint64_t* frames, std::int32
         MEM_ADDRESS_TRACKER* site = mem_tbb_site_table->find(frames[index]);
         if (site == nullptr)
             site = &describe_and_insert(frames[index]);
+        mem_remember_frame(*site);
         if (!site->filtered)
             return *site;
     }

@@ -2,6 +2,7 @@
 
 #include "vbx/mem/base/tracker_gate.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
 #include "vbx/mem/mem_tbb_tracker/events/samples.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
@@ -32,7 +33,35 @@ void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
     mem_store_module_tracker(site, &module_record);
 }
 
-enum class OUTCOME { charged, wants_deeper_stack };
+// Behind the charge of the site. Throws std::bad_alloc, with nothing charged any more.
+void record_block(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
+    try {
+        const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
+        mem_tbb_address_map->insert(event.block, {&site, keeps_thread ? os_thread_id() : 0});
+        charge_module(event, site);
+    } catch (...) {
+        MEM_BLOCK_RECORD ignored;
+        mem_tbb_address_map->take(event.block, ignored);
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        if ((event.mask & MEM_COUNTS_SITES) != 0)
+            mem_undo_charge(site, event.size, event.requested_size);
+        throw;
+    }
+}
+
+enum class OUTCOME { charged, wants_stack, wants_deeper_stack };
+
+// Throws std::bad_alloc, with nothing charged.
+OUTCOME charge_known_site(const MEM_EVENT& event, const MEM_KNOWN_SITE& known) {
+    if (!mem_is_still_known(known))
+        return OUTCOME::wants_stack;
+    {
+        const MEM_SPIN_GUARD guard(mem_site_lock);
+        charge_site(event, *known.site);
+    }
+    record_block(event, *known.site);
+    return OUTCOME::charged;
+}
 
 // Throws std::bad_alloc, with nothing charged.
 OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) {
@@ -44,18 +73,7 @@ OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack)
             return OUTCOME::wants_deeper_stack;
         charge_site(event, *site);
     }
-    try {
-        const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
-        mem_tbb_address_map->insert(event.block, {site, keeps_thread ? os_thread_id() : 0});
-        charge_module(event, *site);
-    } catch (...) {
-        MEM_BLOCK_RECORD ignored;
-        mem_tbb_address_map->take(event.block, ignored);
-        const MEM_SPIN_GUARD guard(mem_site_lock);
-        if ((event.mask & MEM_COUNTS_SITES) != 0)
-            mem_undo_charge(*site, event.size, event.requested_size);
-        throw;
-    }
+    record_block(event, *site);
     return OUTCOME::charged;
 }
 
@@ -80,16 +98,21 @@ void sample_modules(const MEM_EVENT& event) {
         mem_sample_modules();
 }
 
-OUTCOME charge_inside_gate(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) noexcept {
+template <class CHARGE>
+OUTCOME charge_inside_gate(const MEM_EVENT& event, CHARGE charge) noexcept {
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     try {
-        if (charge_by_stack(event, stack) == OUTCOME::wants_deeper_stack)
-            return OUTCOME::wants_deeper_stack;
+        if (const OUTCOME outcome = charge(); outcome != OUTCOME::charged)
+            return outcome;
     } catch (...) {
         charge_catch_all(event);
     }
     sample_modules(event);
     return OUTCOME::charged;
+}
+
+OUTCOME charge_inside_gate(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) noexcept {
+    return charge_inside_gate(event, [&] { return charge_by_stack(event, stack); });
 }
 
 // What a free needs of its site once the site lock is released.
@@ -126,6 +149,10 @@ void credit_module(const CREDITED_SITE& site, std::uint64_t size) {
 void mem_attribute_new_block(const MEM_EVENT& event) noexcept {
     // Stacks are walked with nothing held, neither a lock nor the gate: that is the longest step, and a walk
     // can wait for a thread that is in the middle of an event itself (see the unwinder).
+    const MEM_KNOWN_SITE known = mem_find_known_site();
+    if (known.site != nullptr &&
+        charge_inside_gate(event, [&] { return charge_known_site(event, known); }) == OUTCOME::charged)
+        return;
     if (charge_inside_gate(event, mem_capture_stack()) == OUTCOME::wants_deeper_stack)
         charge_inside_gate(event, mem_capture_deeper_stack());
 }

@@ -3,6 +3,7 @@
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
@@ -28,6 +29,7 @@ void forget_sites_and_modules() MEM_REQUIRES(*mem_tbb_gate) {
     }
     const MEM_SPIN_GUARD guard(mem_site_lock);
     mem_tbb_site_table->clear();
+    mem_forget_known_frames();
 }
 
 void begin_search_for_peak_anew() {

@@ -21,10 +21,16 @@ MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::insert(const MEM_ADDRESS_TRACKER& record) {
 }
 
 MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() {
-    return m_records[0];
+    MEM_ADDRESS_TRACKER* record = mem_known_catch_all.load(std::memory_order_relaxed);
+    if (record == nullptr) {
+        record = &m_records[0];
+        mem_known_catch_all.store(record, std::memory_order_release);
+    }
+    return *record;
 }
 
 void MEM_SITE_TABLE::clear() {
+    mem_known_catch_all.store(nullptr, std::memory_order_relaxed);
     m_records = decltype(m_records)(); // an empty list would keep the buckets
 }
 

@@ -13,6 +13,7 @@
 
 #include <vbx/mem/trackers.h>
 
+#include <atomic>
 #include <cstdint>
 #include <unordered_map>
 
@@ -23,6 +24,10 @@ inline constinit MEM_SPIN_LOCK mem_site_lock{MEM_LOCK_RANK::leaf};
 struct MEM_ADDRESS_HASH {
     std::size_t operator()(std::uint64_t address) const;
 };
+
+// The record under key 0 while there is one, for looking without the lock: null from a reset on until the
+// record is made again.
+inline constinit std::atomic<MEM_ADDRESS_TRACKER*> mem_known_catch_all{nullptr};
 
 class MEM_SITE_TABLE {
   public:

@@ -1,4 +1,4 @@
-// What was found out about return addresses, for all threads, without a lock.
+// What was found out about code addresses, for all threads, without a lock.
 //
 // An entry is two words that are written one after the other. A reader may see the halves of two different
 // writes: the first word is the address masked with a scrambled form of the second, so halves that don't
@@ -13,11 +13,11 @@
 #include <cstddef>
 #include <cstdint>
 
-class ERR_RULE_CACHE {
+class OS_ADDRESS_CACHE {
   public:
-    constexpr ERR_RULE_CACHE() = default;
-    ERR_RULE_CACHE(const ERR_RULE_CACHE&) = delete;
-    ERR_RULE_CACHE& operator=(const ERR_RULE_CACHE&) = delete;
+    constexpr OS_ADDRESS_CACHE() = default;
+    OS_ADDRESS_CACHE(const OS_ADDRESS_CACHE&) = delete;
+    OS_ADDRESS_CACHE& operator=(const OS_ADDRESS_CACHE&) = delete;
 
     // What was stored for an address other than 0; false when it isn't there (any more).
     bool find(std::uint64_t address, std::uint64_t& value) const {
@@ -35,6 +35,16 @@ class ERR_RULE_CACHE {
         ENTRY& entry = entry_for(address);
         entry.masked_address.store(address ^ scrambled(value), std::memory_order_relaxed);
         entry.value.store(value, std::memory_order_relaxed);
+    }
+
+    // Forgets everything. While no thread stores; those that look at the same time find or don't.
+    void clear() {
+        for (SET& set : m_sets)
+            for (ENTRY& entry : set.entries)
+                if (entry.masked_address.load(std::memory_order_relaxed) != 0) {
+                    entry.masked_address.store(0, std::memory_order_relaxed);
+                    entry.value.store(0, std::memory_order_relaxed);
+                }
     }
 
   private:
