@@ -19,7 +19,7 @@ BLOCK = re.compile(r"\s*//( (?P<text>.*))?$")
 BEHIND = re.compile(r"(?P<code>.*?\S\s+)// (?P<text>.*)$")
 ARGUMENT = re.compile(r"(?P<names>\w+(, \w+)*) {2,}(?P<meaning>\S.*)$")
 SCOPE = re.compile(r"(template <.*> *)?(class|struct|enum|union|namespace|extern \"C\")\b[^();]*\{\s*(//.*)?$")
-NO_DECLARATION = re.compile(r"\s*(#(?!define)|///|}|(public|protected|private):|extern \"C\" {|$)")
+NO_DECLARATION = re.compile(r"\s*(#(?!define)|}|(public|protected|private):|extern \"C\" {|$)")
 USUAL = re.compile(r"\s*(virtual |constexpr )?((\w+)\((const )?\3 ?&|\w+&\s+operator=\()[^{]*;", re.DOTALL)
 # A line break for doxygen that doesn't count as one, so that its warnings name the right lines.
 BREAK = " \\ilinebr "

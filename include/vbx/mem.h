@@ -12,10 +12,12 @@
 #include <vbx/mem/callbacks.h>
 #include <vbx/mem/code_modules.h>
 #include <vbx/mem/control.h>
+#include <vbx/mem/debug_aids.h>
 #include <vbx/mem/facade.h>
 #include <vbx/mem/host.h>
 #include <vbx/mem/info.h>
 #include <vbx/mem/initializer.h>
+#include <vbx/mem/out_of_memory.h>
 #include <vbx/mem/peaks.h>
 #include <vbx/mem/profile_bins.h>
 #include <vbx/mem/reports.h>

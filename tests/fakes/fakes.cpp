@@ -49,6 +49,19 @@ bool tbbk_process_malloc_is_shim() noexcept {
     return true;
 }
 void tbbk_guard_forks() noexcept {}
+void tbbk_set_free_check(tbbk_free_check) noexcept {}
+void* tbbk_obtain_quietly(std::size_t size) noexcept {
+    return std::malloc(size);
+}
+void tbbk_give_back_quietly(void* block) noexcept {
+    std::free(block);
+}
+int _set_new_mode(int) noexcept {
+    return 0;
+}
+tbbk_new_handler _set_new_handler(tbbk_new_handler) noexcept {
+    return nullptr;
+}
 
 bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);

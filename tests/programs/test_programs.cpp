@@ -65,28 +65,43 @@ void expect_sound_process(const TEST_DIRECTORY& verdicts, const TEST_DIRECTORY& 
 
 class Programs : public testing::TestWithParam<PROGRAM> {};
 
-TEST_P(Programs, BehaveAsWithoutUsAndAreCountedExactly) {
-    const PROGRAM& program = GetParam();
+// Runs the program alone and with the library; nothing that can be seen of it may differ.
+void expect_same_behaviour(const PROGRAM& program, const TEST_ENVIRONMENT& environment,
+                           const TEST_DIRECTORY& directory) {
     const TEST_DIRECTORY plain_directory;
     const TEST_OUTCOME plain = test_run_child({program.arguments, {}, program.input}, plain_directory);
     if (plain.end == "exit 127")
         GTEST_SKIP() << program.arguments[0] << " is not installed";
     ASSERT_EQ(plain.end, program.end) << plain.standard_error;
-
-    const TEST_DIRECTORY directory;
-    const TEST_DIRECTORY verdicts;
-    const TEST_ENVIRONMENT environment = test_preload(VBX_TEST_EVENT_CHECKER) + test_all_switches() +
-                                         TEST_ENVIRONMENT{{"VBX_TEST_VERDICTS", verdicts.path()}};
     const TEST_OUTCOME tracked = test_run_child({program.arguments, environment, program.input}, directory);
     EXPECT_EQ(tracked.end, plain.end);
     EXPECT_EQ(tracked.standard_output, plain.standard_output);
     EXPECT_EQ(without_our_lines(tracked.standard_error), plain.standard_error);
     EXPECT_EQ(test_read_file(directory / program.result), test_read_file(plain_directory / program.result));
+}
 
+TEST_P(Programs, BehaveAsWithoutUsAndAreCountedExactly) {
+    const TEST_DIRECTORY directory;
+    const TEST_DIRECTORY verdicts;
+    expect_same_behaviour(GetParam(),
+                          test_preload(VBX_TEST_EVENT_CHECKER) + test_all_switches() +
+                              TEST_ENVIRONMENT{{"VBX_TEST_VERDICTS", verdicts.path()}},
+                          directory);
+    if (IsSkipped())
+        return;
     const std::vector<std::string> given = verdicts.files("verdict.");
-    EXPECT_GE(given.size(), program.processes);
+    EXPECT_GE(given.size(), GetParam().processes);
     for (const std::string& file : given)
         expect_sound_process(verdicts, directory, file.substr(file.find('.') + 1));
+}
+
+TEST_P(Programs, BehaveAsWithoutUsWithEveryDebugAid) {
+    const TEST_DIRECTORY directory;
+    expect_same_behaviour(GetParam(), test_preload() + test_all_switches() + test_all_debug_aids(),
+                          directory);
+    if (IsSkipped())
+        return;
+    EXPECT_NE(test_read_file(directory / "mem_allocations.log"), "");
 }
 
 const std::string PYTHON_SCRIPT = R"(

@@ -127,6 +127,14 @@ TEST_ENVIRONMENT test_all_switches() {
     return all;
 }
 
+TEST_ENVIRONMENT test_all_debug_aids() {
+    return {{"mem_alloc_pattern_hex", "AB"},
+            {"mem_free_pattern_hex", "DD"},
+            {"mem_print_allocations", "on"},
+            {"mem_check_double_free", "on"},
+            {"mem_breakpoint_callback", "on"}};
+}
+
 TEST_ENVIRONMENT operator+(TEST_ENVIRONMENT left, const TEST_ENVIRONMENT& right) {
     for (const auto& [name, value] : right)
         left[name] = value;

@@ -41,9 +41,11 @@ struct TEST_OUTCOME {
 // killed. Throws std::system_error when it can't be started.
 TEST_OUTCOME test_run_child(const TEST_COMMAND& command, const TEST_DIRECTORY& directory);
 
-// The variables that bring the library into an unmodified program, and those that turn every feature on.
+// The variables that bring the library into an unmodified program, those that turn every feature on, and
+// those of the debug aids.
 TEST_ENVIRONMENT test_preload(const std::string& more_libraries = "");
 TEST_ENVIRONMENT test_all_switches();
+TEST_ENVIRONMENT test_all_debug_aids();
 TEST_ENVIRONMENT operator+(TEST_ENVIRONMENT left, const TEST_ENVIRONMENT& right);
 
 // The whole of a file; empty when it can't be read.

@@ -6,7 +6,7 @@
 
 #include <vbx/mem/control.h>
 
-#include <utility>
+#include <cstdint>
 
 void mem_set_tbb_track_alloc_dealloc(bool on) {
     if (on)
@@ -37,10 +37,19 @@ MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT::~MEM_TBB_NO_TRACK_ALLOC_DEALLOC
     mem_set_tbb_track_alloc_dealloc(m_was_on);
 }
 
+namespace {
+// Leaves alone what the library has blocked the thread for: a host's callback may be running inside of it.
+int set_host_block(std::uint8_t bits) {
+    const std::uint8_t old = mem_thread_state.block_byte;
+    mem_thread_state.block_byte = static_cast<std::uint8_t>((old & ~unsigned{MEM_BLOCKED_BY_HOST}) | bits);
+    return old & MEM_BLOCKED_BY_HOST;
+}
+} // namespace
+
 int mem_block_thread_tracking() {
-    return std::exchange(mem_thread_state.block_byte, std::uint8_t{1});
+    return set_host_block(MEM_BLOCKED_BY_HOST);
 }
 
 int mem_unblock_thread_tracking() {
-    return std::exchange(mem_thread_state.block_byte, std::uint8_t{0});
+    return set_host_block(0);
 }

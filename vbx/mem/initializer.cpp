@@ -2,6 +2,8 @@
 #include "vbx/mem/base/library_lock.h"
 #include "vbx/mem/fork_policy.h"
 #include "vbx/mem/host/messages.h"
+#include "vbx/mem/out_of_memory/out_of_memory.h"
+#include "vbx/mem/out_of_memory/reserves.h"
 #include "vbx/mem/tracker.h"
 
 #include <vbx/mem/control.h>
@@ -38,8 +40,9 @@ constinit PRINT_SWITCH unload_lines;
 
 void start_library() {
     mem_install_fork_policy();
-    // The thread wrapper and the reserves for the end of memory join here, around the next step.
+    mem_install_thread_wrapper();
     mem_keep_allocator_information();
+    mem_provide_reserves();
     mem_tbb_tracker_start(mem_get_tracking_granularity_from_env());
 }
 
@@ -66,6 +69,7 @@ MEM_INITIALIZER::~MEM_INITIALIZER() {
         mem_print_stdout("Unloading: %s\n", printable(m_module_name));
     if (std::atomic_ref(s_init_counter).fetch_sub(1) == 1) {
         mem_tbb_tracker_teardown();
+        mem_release_reserves();
         mem_print_kept_allocator_information();
         mem_library_lock.destroy();
     }

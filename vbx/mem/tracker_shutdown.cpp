@@ -2,6 +2,8 @@
 
 #include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/debug_aids/allocation_log.h"
+#include "vbx/mem/debug_aids/double_free_check.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
@@ -25,6 +27,7 @@
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
+#include "vbx/mem/out_of_memory/report_room.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/os/write.h"
@@ -73,11 +76,14 @@ void write_leak_report() {
 
 // Everything that needs a tracker that stands still.
 void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
+    mem_open_report_room();
     mem_attempt_report("the peak figures are", mem_tbb_apply_final_peak);
     if (mem_report_flags.fileline)
         mem_attempt_report("the site reports are", write_site_reports);
     mem_write_timeline_reports();
     mem_attempt_report("the leak report is", write_leak_report);
+    // What is in the table beside the handler goes back on the hook, and has not seen what came meanwhile.
+    mem_void_free_marks();
     // Without memory for the shorter callback table the handler stays in it, and finds nothing to do.
     mem_attempt_report("the removal of the event handler is",
                        [] { mem_disable_tracking(MEM_GRANULARITY_ALL); });
@@ -86,7 +92,8 @@ void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
 
 // True when no event can be using the tracker's objects any more.
 bool shut_down() {
-    // The allocation log is closed here, before all else, once it exists.
+    mem_attempt_report("the end of the allocation log is",
+                       [] { mem_close_allocation_log(events_in_flight_have_ended); });
     clear_tracking_flags();
     // Another thread that changes the callbacks puts a handler on the hook again. Events of this thread must
     // find it closed: they would wait at the gate for this thread itself.
@@ -156,6 +163,11 @@ void mem_tbb_tracker_teardown() {
     // From here on a late event does nothing, also one that reads the hook again because callbacks of the
     // host are left in the table.
     mem_end_tracker_use();
+    mem_attempt_report("the removal of the double-free check is", [] {
+        mem_stop_double_free_check();
+        if (events_in_flight_have_ended())
+            mem_destroy_free_marks();
+    });
     if (events_in_flight_have_ended() && mem_tracker_uses_have_ended(EVENTS_TIMEOUT_MS))
         destroy_objects();
 }
@@ -176,6 +188,7 @@ void free_timelines_after_fork() {
 void mem_abandon_tracker_after_fork() {
     is_abandoned.store(true, std::memory_order_relaxed);
     mem_drop_tracking_after_fork();
+    mem_forget_double_free_check_after_fork();
     mem_tracker_objects_exist.store(false, std::memory_order_relaxed);
     mem_clear_report_flags();
     mem_memory_tracking_flag = false;

@@ -1,4 +1,5 @@
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/debug_aids/settings.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/events/callback_table.h"
@@ -17,6 +18,7 @@
 #include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
+#include "vbx/mem/out_of_memory/report_room.h"
 #include "vbx/mem/tracker.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
@@ -80,8 +82,10 @@ void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask) {
     // from that moment, and attribution takes a tracker that has not started for a fault.
     mem_tracker_objects_exist.store(true, std::memory_order_release);
     mem_mark_tracker_started();
-    if (mask != 0)
+    if (mask != 0) {
         warn_if_no_events_can_come();
+        mem_hold_report_room();
+    }
     if ((mask & MEM_GRANULARITY_PER_BIN) != 0)
         mem_set_tbb_memory_tracking_enabled(true);
     if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
@@ -89,5 +93,8 @@ void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask) {
     if (mem_cfg_is_on("mem_profile_with_incomplete_fileline_info", false))
         mem_accept_incomplete_fileline_info();
     mem_start_tracking(mask);
-    // The debug aids read their settings here once they exist, behind the event handler in the table.
+    // Behind the event handler in the table: a block is counted before an aid touches it.
+    const bool has_debug_aids = mem_read_debug_aid_settings();
+    if (has_debug_aids && mask == 0)
+        warn_if_no_events_can_come();
 }

@@ -1,7 +1,7 @@
 #include "vbx/mem/host/messages.h"
-#include "vbx/mem_utils/out_of_memory.h"
 
 #include <vbx/mem/host.h>
+#include <vbx/mem/out_of_memory.h>
 #include <vbx/mem_utils/chunk_alloc.h>
 
 #include <atomic>
@@ -41,7 +41,7 @@ std::uint64_t pad_of(const char* address, std::uint64_t alignment) {
 void* allocate_zeroed(std::uint64_t size) {
     void* const block = std::calloc(1, size);
     if (block == nullptr)
-        mem_utils_out_of_memory();
+        mem_out_of_memory();
     return block;
 }
 
@@ -92,7 +92,7 @@ void* MEM_UTILS_CHUNK_ALLOC::start_chunk(std::uint64_t size) {
 void* MEM_UTILS_CHUNK_ALLOC::make_separate_block(std::uint64_t size, std::uint64_t alignment) {
     std::uint64_t room = 0;
     if (__builtin_add_overflow(size, alignment, &room))
-        mem_utils_out_of_memory();
+        mem_out_of_memory();
     char* const memory = list_zeroed(room);
     return memory + pad_of(memory, alignment);
 }

@@ -1,9 +1,8 @@
-/// @file
-/// The classes that the suite's older code reaches the memory of the process through. They hold nothing: they
-/// answer with fixed values, pass a question on to the process-wide statistics, or do nothing. New code asks
-/// the functions of stats.h.
-///
-/// Everything here may be called from any thread, also after the teardown, and takes no lock.
+// The classes that the suite's older code reaches the memory of the process through. They hold nothing: they
+// answer with fixed values, pass a question on to the process-wide statistics, or do nothing. New code asks
+// the functions of stats.h.
+//
+// Everything here may be called from any thread, also after the teardown, and takes no lock.
 #pragma once
 
 #include <vbx/mem/export.h>
@@ -11,54 +10,49 @@
 #include <cstdint>
 #include <iosfwd>
 
-/// The heap of the process as one segment. There are no others.
+// The heap of the process as one segment. There are no others.
 class VBX_MEM_API MEM_SEGMENT {
   public:
     MEM_SEGMENT() = default;
-    /// One segment is like the other.
+    // One segment is like the other.
     MEM_SEGMENT(const MEM_SEGMENT&) = default;
-    /// Does nothing. @return this object
+    // These do nothing.
     MEM_SEGMENT& operator=(const MEM_SEGMENT&);
-    /// Does nothing. @return this object
     MEM_SEGMENT& operator=(MEM_SEGMENT&&) noexcept;
 
-    /// @return always 1
+    // Always 1.
     int get_id() const;
-    /// Does nothing: blocks carry no guards.
+    // Does nothing: blocks carry no guards.
     void check_memory_guards() const;
 
-    /// Writes nothing.
+    // These write nothing, and open no file.
     void dump(std::ofstream&) const;
-    /// Writes nothing.
     void dump(std::ofstream&, int) const;
-    /// Opens and writes no file.
     void dump(const char*) const;
-    /// Opens and writes no file.
     void dump(const char*, int) const;
 };
 
-/// The heap of the process.
+// The heap of the process.
 class VBX_MEM_API MEM_MANAGER {
   public:
     constexpr MEM_MANAGER() = default;
-    /// One manager is like the other.
+    // One manager is like the other.
     MEM_MANAGER(const MEM_MANAGER&) = default;
-    /// Does nothing. @return this object
+    // These do nothing.
     MEM_MANAGER& operator=(const MEM_MANAGER&);
-    /// Does nothing. @return this object
     MEM_MANAGER& operator=(MEM_MANAGER&&) noexcept;
 
-    /// @return live bytes, as mem_get_global_current() counts them; a figure below 0 turns into a very large
-    ///         number
+    // Returns live bytes, as mem_get_global_current() counts them; a figure below 0 turns into a very large
+    // number
     static std::uint64_t current_total_memory();
-    /// @return the highest that the live bytes have been, as mem_get_global_peak() counts them
+    // Returns the highest that the live bytes have been, as mem_get_global_peak() counts them
     static std::uint64_t peak_total_memory();
-    /// @param block  a live block of the heap, or null
-    /// @return bytes that can be used in the block, at least as many as were asked for; 0 for null
+    // block  a live block of the heap, or null
+    // Returns bytes that can be used in the block, at least as many as were asked for; 0 for null
     static std::uint64_t msize(void* block);
-    /// Does nothing: blocks carry no guards.
+    // Does nothing: blocks carry no guards.
     static void check_memory_guards();
-    /// @return the one segment, the same at every call, never null
+    // Returns the one segment, the same at every call, never null
     static MEM_SEGMENT* get_default_segment();
 
   private:
@@ -67,23 +61,23 @@ class VBX_MEM_API MEM_MANAGER {
     void initialize();
 };
 
-/// The one object of its class.
+// The one object of its class.
 VBX_MEM_API extern MEM_MANAGER mem_manager;
 
-/// Base of the suite's counted records: a number that belongs to the object and not to its value, so neither
-/// a copy nor an assignment takes the other's.
+// Base of the suite's counted records: a number that belongs to the object and not to its value, so neither
+// a copy nor an assignment takes the other's.
 class VBX_MEM_API MEM_MRC_CLASS__ {
   protected:
-    /// Begins with 0.
+    // Begins with 0.
     MEM_MRC_CLASS__();
-    /// Begins with 0, whatever the other's.
+    // Begins with 0, whatever the other's.
     MEM_MRC_CLASS__(const MEM_MRC_CLASS__&);
-    /// Leaves the number as it is. @return this object
+    // Leaves the number as it is. @return this object
     MEM_MRC_CLASS__& operator=(const MEM_MRC_CLASS__&);
 
-    std::uint32_t m_count; ///< for the derived class to count with
+    std::uint32_t m_count; // for the derived class to count with
 };
 
-/// @param block  any pointer; it isn't looked at
-/// @return always true
+// block  any pointer; it isn't looked at
+// Returns always true
 VBX_MEM_API bool mem_is_allocated(void* block);

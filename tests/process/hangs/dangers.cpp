@@ -163,7 +163,7 @@ int run_out_of_memory(char**) {
     }
     for (void* const block : blocks)
         std::free(block);
-    void* volatile again = std::malloc(1'000'000);
+    void* volatile again = std::malloc(10'000);
     std::free(again);
     return again != nullptr && mem_get_global_current().bytes.load() >= 0 ? 9 : 5;
 }

@@ -96,6 +96,27 @@ TEST(Events, ScribblingCallbackSpoilsNothing) {
     }
 }
 
+// Both events of a block tell the size of its slot, wherever in it the block begins, and a block that has
+// pages of its own never tells the size of a slot.
+TEST(Events, TellTheSameSlotForEveryAlignment) {
+    for (std::size_t alignment = 8; alignment <= 16384; alignment *= 2)
+        for (std::size_t size = 1; size <= 16384; size += 151) {
+            RECORDED_EVENTS recorded;
+            void* const block = memalign(alignment, size);
+            const std::size_t usable = malloc_usable_size(block);
+            std::free(block);
+            const std::uint64_t told = recorded.events[0].allocated;
+            EXPECT_EQ(told, recorded.events[1].allocated) << size << " at " << alignment;
+            EXPECT_GE(told, std::max(usable, size)) << size << " at " << alignment;
+            // Slots fill slabs of 16384 bytes from their end.
+            const std::size_t to_end = 16384 - reinterpret_cast<std::uintptr_t>(block) % 16384;
+            EXPECT_TRUE(told > 8128 || (to_end - usable) % told == 0) << size << " at " << alignment;
+        }
+    void* const shrunk = std::realloc(std::malloc(100'000), 2000);
+    EXPECT_GT(malloc_usable_size(shrunk), 8128U);
+    std::free(shrunk);
+}
+
 // Straight from the system, amid the heap's own: once the neighbour below has gone, nothing is mapped where
 // the heap looks for its header.
 TEST(Events, LargeForeignBlocksAreToldApart) {

@@ -11,6 +11,8 @@
 // | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
 // | innermost   | the two words inside the gate: a load or a store, nothing is called; the growing of a bin |
 // |             | or tag table, whose allocation's event is turned away at once                             |
+// | free marks  | an entry of the double-free check, in any event; only the heap is called, and all but the |
+// |             | callbacks without locks turn its events away                                              |
 //
 // The shutdown changes the mask while it is inside the gate as a cat. That is the one step down, and safe:
 // who holds the granularity or the callback lock never enters the gate, because its events are turned away.
@@ -27,6 +29,7 @@ enum class MEM_LOCK_RANK : std::uint8_t {
     timeline,
     leaf,
     innermost,
+    free_marks,
 };
 
 #if defined(VBX_RANK_CHECK)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <vbx/mem/host.h>
+#include <vbx/mem/out_of_memory.h>
 
 struct MEM_HOST_SLOTS {
     MEM_MESSAGE_CALLBACK debug_message;
@@ -15,6 +16,7 @@ struct MEM_HOST_SLOTS {
     MEM_BOOL_CALLBACK is_ui_process;
     MEM_STRING_CALLBACK module_filename;
     MEM_TEXT_CALLBACK project_output_directory;
+    MEM_OUT_OF_MEMORY_HANDLER out_of_memory; // mem_set_out_of_memory_handler does more than fill it
 };
 
 // Read a slot with mem_load_slot: a host thread may fill one while another thread asks.

@@ -1,5 +1,6 @@
 // The entry points that take an alignment.
 #include "vbx/platform/tbbamalloc/allocate.h"
+#include "vbx/platform/tbbamalloc/slot_size.h"
 
 #include <errno.h>
 #include <unistd.h>
@@ -20,7 +21,8 @@ constexpr bool is_power_of_two(std::size_t value) noexcept {
             if (at_least > tbbk_largest_request || size > tbbk_largest_request - at_least)
                 return nullptr;
             // The heap takes no zero here; malloc(0) and its relatives give a block of their own.
-            return tbbk_heap.obtain_aligned(size == 0 ? 1 : size, at_least);
+            return tbbk_heap.obtain_aligned(tbbk_size_for_alignment(size == 0 ? 1 : size, at_least),
+                                            at_least);
         },
         [](void*) {});
 }

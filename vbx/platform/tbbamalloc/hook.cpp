@@ -2,10 +2,12 @@
 
 #include "vbx/platform/tbbamalloc/gate.h"
 #include "vbx/platform/tbbamalloc/heap.h"
+#include "vbx/platform/tbbamalloc/slot_size.h"
 
 #include <errno.h>
 
 constinit std::atomic<tbbk_mem_tracker_callback> tbbk_hook = nullptr;
+constinit std::atomic<tbbk_free_check> tbbk_check_of_frees = nullptr;
 __thread const void* tbbk_frame = nullptr;
 
 void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept {
@@ -19,18 +21,31 @@ void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const 
 
 void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                             std::size_t requested) noexcept {
-    tbbk_report_event(hook, frame, {block, requested, scalable_msize(block), true});
+    tbbk_report_event(hook, frame, {block, requested, tbbk_slot_size(block, scalable_msize(block)), true});
 }
 
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
-                      std::size_t allocated) noexcept {
-    tbbk_report_event(hook, frame, {block, 0, allocated, false});
+                      std::size_t usable) noexcept {
+    tbbk_report_event(hook, frame, {block, 0, tbbk_slot_size(block, usable), false});
+}
+
+void tbbk_run_free_check(tbbk_free_check check, const void* frame, const void* block) noexcept {
+    const int saved_errno = errno;
+    const void* const outer_frame = tbbk_frame;
+    tbbk_frame = frame;
+    check(block);
+    tbbk_frame = outer_frame;
+    errno = saved_errno;
 }
 
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
     // With a hook the entry points ask tbbmalloc for the sizes of blocks, which would then be the C
     // library's.
     tbbk_hook.exchange(tbbk_heap_is_abandoned() ? nullptr : callback);
+}
+
+void tbbk_set_free_check(tbbk_free_check check) noexcept {
+    tbbk_check_of_frees.store(check, std::memory_order_release);
 }
 
 const void* tbbk_entry_frame() noexcept {

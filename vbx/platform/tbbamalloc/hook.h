@@ -7,6 +7,8 @@
 
 extern std::atomic<tbbk_mem_tracker_callback> tbbk_hook __attribute__((visibility("hidden")));
 
+extern std::atomic<tbbk_free_check> tbbk_check_of_frees __attribute__((visibility("hidden")));
+
 // See tbbk_entry_frame.
 extern __thread const void* tbbk_frame __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
@@ -30,8 +32,18 @@ struct TBBK_EVENT {
 // keeps few registers. Keeps errno, which belongs to the caller of malloc or free.
 void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept;
 
-// A block of tbbmalloc's that was just obtained, and one that is about to go back.
+// A block of tbbmalloc's that was just obtained, and one that is about to go back. Sizes in bytes; the event
+// tells the size of the slot.
 void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                             std::size_t requested) noexcept;
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
-                      std::size_t allocated) noexcept;
+                      std::size_t usable) noexcept;
+
+void tbbk_run_free_check(tbbk_free_check check, const void* frame, const void* block) noexcept;
+
+// Shows a block that was given back by the caller to the check of frees, if there is one, before anything of
+// it is read. Inside a TBBK_ENTRY and with a hook only: without one the check would not have seen the blocks.
+inline void tbbk_show_to_free_check(const void* frame, const void* block) noexcept {
+    if (const tbbk_free_check check = tbbk_check_of_frees.load(std::memory_order_acquire)) [[unlikely]]
+        tbbk_run_free_check(check, frame, block);
+}

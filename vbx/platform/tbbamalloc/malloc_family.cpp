@@ -1,6 +1,7 @@
 // malloc, calloc, realloc, free and their relatives.
 #include "vbx/platform/tbbamalloc/allocate.h"
 #include "vbx/platform/tbbamalloc/foreign_block.h"
+#include "vbx/platform/tbbamalloc/slot_size.h"
 #include "vbx/platform/tbbamalloc/zero_block.h"
 
 #include <errno.h>
@@ -16,6 +17,7 @@ namespace {
     {
         TBBK_ENTRY entry;
         if (const tbbk_mem_tracker_callback hook = tbbk_hook_now()) {
+            tbbk_show_to_free_check(frame, block);
             // Before the block goes back: afterwards another thread can be given the address, and its event
             // would overtake this one.
             if (const std::size_t allocated = tbbk_own_size(block))
@@ -50,12 +52,13 @@ namespace {
         return nullptr;
     TBBK_ENTRY entry;
     if (const tbbk_mem_tracker_callback hook = tbbk_hook_now()) {
+        tbbk_show_to_free_check(frame, block);
         // A foreign block was never reported and stays foreign, so that its free isn't reported either.
         const std::size_t old_size = tbbk_own_size(block);
         return old_size == 0 ? __libc_realloc(block, size)
                              : move_with_events(hook, frame, block, old_size, size);
     }
-    return tbbk_heap.resize(block, size);
+    return tbbk_heap.resize(block, tbbk_size_for_resize(block, size));
 }
 
 [[gnu::always_inline]] inline void* reallocate(const void* frame, void* block, std::size_t size) noexcept {
@@ -79,6 +82,18 @@ extern "C" {
 
 void* malloc(std::size_t size) noexcept {
     return tbbk_allocate_plain(TBBK_FRAME, size);
+}
+
+void* tbbk_obtain_quietly(std::size_t size) noexcept {
+    const TBBK_ENTRY entry;
+    return tbbk_heap.obtain(size);
+}
+
+void tbbk_give_back_quietly(void* block) noexcept {
+    if (block == nullptr)
+        return;
+    const TBBK_ENTRY entry;
+    tbbk_heap.give_back(block);
 }
 
 void free(void* block) noexcept {

@@ -5,6 +5,8 @@
 #include "vbx/platform/tbbamalloc/size_table.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
+#include <stdlib.h>
+
 // No header of the compiler declares these.
 extern "C" {
 int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, std::size_t),
@@ -50,6 +52,14 @@ __attribute__((constructor)) void install() {
 
 bool tbbk_process_malloc_is_shim() noexcept {
     return is_installed;
+}
+
+void* tbbk_obtain_quietly(std::size_t size) noexcept {
+    return malloc(size);
+}
+
+void tbbk_give_back_quietly(void* block) noexcept {
+    free(block);
 }
 
 std::size_t _msize(void* block) noexcept {

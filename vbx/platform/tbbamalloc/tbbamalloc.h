@@ -13,7 +13,9 @@
 
 // block          start of the block
 // requested_size bytes the caller asked for; 0 in a free event, because nothing knows it then
-// allocated_size bytes of the block's slot as the allocator reports them
+// allocated_size bytes of the slot that the block lies in. An aligned block need not begin its slot, so these
+//                can be more than its usable bytes. Above 8128 the block has pages of its own, which it may
+//                use to this size. The same in both events of a block
 // is_allocation  true behind a successful allocation, false before the block goes back
 using tbbk_mem_tracker_callback = void (*)(void* block, std::uint64_t requested_size,
                                            std::uint64_t allocated_size, bool is_allocation);
@@ -21,12 +23,26 @@ using tbbk_mem_tracker_callback = void (*)(void* block, std::uint64_t requested_
 // Called with the size that could not be had; non-zero means "memory was freed, try again".
 using tbbk_new_handler = int (*)(std::size_t size);
 
+// Called with a block that the program gives back, before the heap has looked at it: a block that was given
+// back before may not even be mapped any more. Inside an allocator call, like the hook.
+using tbbk_free_check = void (*)(const void* block);
+
 #pragma GCC visibility push(default)
 extern "C" {
 
 // Installs the one hook, or removes it with null. Each allocator call reads the hook once, so a call already
 // under way still reports to the hook that it read; tbbk_quiesce_begin waits for those.
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept;
+
+// Installs the one check of frees and reallocations, or removes it with null. It is only called while a hook
+// is installed.
+void tbbk_set_free_check(tbbk_free_check check) noexcept;
+
+// Memory that no figure shows: without an event and without the new handler, so null when there is none. For
+// what the library needs outside of events, a few bytes a thread. Given back by the second of the two, which
+// takes null too.
+void* tbbk_obtain_quietly(std::size_t size) noexcept;
+void tbbk_give_back_quietly(void* block) noexcept;
 
 // Whether the process's `malloc` really is the shim's. False means that no event will ever arrive: the shim
 // is not a direct dependency of the executable and not preloaded, so another malloc stands before it in the

@@ -4,6 +4,7 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/events/event_handler.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
 
@@ -60,6 +61,17 @@ void publish(const CALLBACK_TABLE& wanted) MEM_REQUIRES(callback_lock) {
     current_table.store(&kept_state(wanted), std::memory_order_release);
 }
 
+const CALLBACK_TABLE& publish_without(MEM_EVENT_CALLBACK callback) MEM_REQUIRES(callback_lock) {
+    CALLBACK_TABLE table = *current_table.load(std::memory_order_relaxed);
+    if (const int index = table.index_of(callback); index < table.count) {
+        std::copy(table.callback_fns + index + 1, table.callback_fns + table.count,
+                  table.callback_fns + index);
+        table.callback_fns[--table.count] = nullptr;
+        publish(table);
+    }
+    return *current_table.load(std::memory_order_relaxed);
+}
+
 } // namespace
 
 void mem_table_add(MEM_EVENT_CALLBACK callback) {
@@ -81,24 +93,30 @@ void mem_table_add(MEM_EVENT_CALLBACK callback) {
 void mem_table_remove(MEM_EVENT_CALLBACK callback) {
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_SPIN_GUARD guard(callback_lock);
-    CALLBACK_TABLE table = *current_table.load(std::memory_order_relaxed);
-    if (const int index = table.index_of(callback); index < table.count) {
-        std::copy(table.callback_fns + index + 1, table.callback_fns + table.count,
-                  table.callback_fns + index);
-        table.callback_fns[--table.count] = nullptr;
-        publish(table);
-    }
+    const CALLBACK_TABLE& table = publish_without(callback);
     // With two or more the hook is the dispatcher already, or null after a shutdown, and stays that.
     if (table.count <= 1)
         tbbk_set_mem_tracker_callback(table.callback_fns[0]);
 }
 
-void mem_add_callback_function(MEM_EVENT_CALLBACK callback) {
-    mem_table_add(callback);
+void mem_table_retire(MEM_EVENT_CALLBACK callback) {
+    const MEM_BLOCK_SCOPE own_heap_use;
+    const MEM_SPIN_GUARD guard(callback_lock);
+    // A callback that stands alone in the table may be on the hook itself.
+    if (publish_without(callback).count == 0)
+        tbbk_set_mem_tracker_callback(nullptr);
 }
 
-void mem_remove_callback_function(MEM_EVENT_CALLBACK callback) {
+void mem_add_callback_function(MEM_EVENT_CALLBACK callback) try {
+    mem_table_add(callback);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
+}
+
+void mem_remove_callback_function(MEM_EVENT_CALLBACK callback) try {
     mem_table_remove(callback);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 namespace {
@@ -124,16 +142,20 @@ void mem_start_tracking(MEM_TRACKING_GRANULARITY mask) {
     change_mask(0, mask);
 }
 
-void mem_enable_tracking(MEM_TRACKING_GRANULARITY bits) {
+void mem_enable_tracking(MEM_TRACKING_GRANULARITY bits) try {
     const MEM_SPIN_GUARD guard(mem_granularity_lock);
     const std::uint32_t old_mask = mem_current_mask();
     change_mask(old_mask, old_mask | bits);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
-void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits) {
+void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits) try {
     const MEM_SPIN_GUARD guard(mem_granularity_lock);
     const std::uint32_t old_mask = mem_current_mask();
     change_mask(old_mask, old_mask & ~static_cast<std::uint32_t>(bits));
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 void mem_drop_tracking_after_fork() MEM_NO_THREAD_SAFETY_ANALYSIS {

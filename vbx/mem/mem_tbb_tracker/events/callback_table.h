@@ -15,6 +15,9 @@
 void mem_table_add(MEM_EVENT_CALLBACK callback);
 void mem_table_remove(MEM_EVENT_CALLBACK callback);
 
+// Removes at the teardown: a hook that the shutdown has left off stays off for those that remain.
+void mem_table_retire(MEM_EVENT_CALLBACK callback);
+
 // Puts the mask in place at tracker start, with the event handler if it isn't 0.
 void mem_start_tracking(MEM_TRACKING_GRANULARITY mask);
 

@@ -10,6 +10,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/peaks.h>
 #include <vbx/mem/profile_bins.h>
@@ -106,7 +107,7 @@ void close_bin_and_tag(MEM_PROFILE_BINS& bins, const std::string& tag) {
 
 } // namespace
 
-void mem_open_profile_bin(const std::string& name, const std::string& tag) {
+void mem_open_profile_bin(const std::string& name, const std::string& tag) try {
     const bool opens_region = mem_memory_tracking_flag;
     const bool opens_bin = mem_bin_tag_tracking_flag;
     if (!opens_region && !opens_bin)
@@ -125,6 +126,8 @@ void mem_open_profile_bin(const std::string& name, const std::string& tag) {
             undo_region(bins, labels_before);
         throw;
     }
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 void mem_close_profile_bin(const std::string& tag, std::uint64_t* bytes_at_open,

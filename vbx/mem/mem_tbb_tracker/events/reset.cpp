@@ -12,6 +12,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/control.h>
 
@@ -37,7 +38,7 @@ void begin_search_for_peak_anew() {
 
 } // namespace
 
-void mem_reset_tracking_entries() {
+void mem_reset_tracking_entries() try {
     MEM_CHECK(mem_tbb_tracker_is_inited());
     // Behind the teardown, and in the child of a fork, there is nothing to forget.
     const MEM_LONG_OPERATION operation;
@@ -53,4 +54,6 @@ void mem_reset_tracking_entries() {
     // leave alone.
     mem_bin_tag_timeline->clear_tags();
     begin_search_for_peak_anew();
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }

@@ -10,6 +10,7 @@
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/label_timeline.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/timelines.h>
 
@@ -66,7 +67,7 @@ void mem_user_snapshot_tracking_data() {
     mem_sample_counter.fetch_add(1, std::memory_order_relaxed);
 }
 
-void mem_set_timeline_label(const std::string& label) {
+void mem_set_timeline_label(const std::string& label) try {
     const MEM_TRACKER_USE use;
     if (!use)
         return;
@@ -75,4 +76,6 @@ void mem_set_timeline_label(const std::string& label) {
     std::string exchanged = label;
     const MEM_SPIN_GUARD guard(mem_label_timeline->lock);
     mem_label_timeline->exchange_label(exchanged);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }

@@ -11,6 +11,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/peaks.h>
 #include <vbx/mem/timelines.h>
@@ -80,7 +81,7 @@ bool mem_tbb_check_threshold_peak() noexcept {
     return true;
 }
 
-void mem_tbb_tracking_flush_peak() {
+void mem_tbb_tracking_flush_peak() try {
     const MEM_LONG_OPERATION operation;
     const MEM_TRACKER_USE use;
     if (!use)
@@ -103,6 +104,8 @@ void mem_tbb_tracking_flush_peak() {
     mem_threshold_peak_bytes.store(0, relaxed);
     mem_next_peak_bytes.store(MEM_FIRST_PEAK_BYTES, relaxed);
     mem_user_snapshot_tracking_data();
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 void mem_tbb_apply_final_peak() {

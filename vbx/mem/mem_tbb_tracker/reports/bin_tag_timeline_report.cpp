@@ -6,6 +6,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 #include "vbx/platform/os/write.h"
 
 #include <vbx/mem/timelines.h>
@@ -62,7 +63,7 @@ bool MEM_BIN_TAG_TIMELINE::dump(std::ostream& plain, std::ostream& detailed) {
     return mem_write_timeline(plain, detailed, columns, m_sample_count, row_labels);
 }
 
-bool mem_dump_tbb_profile_bin_tag_timeline_tracking(std::ostream& plain, std::ostream& detailed) {
+bool mem_dump_tbb_profile_bin_tag_timeline_tracking(std::ostream& plain, std::ostream& detailed) try {
     const MEM_LONG_OPERATION operation;
     const MEM_TRACKER_USE use;
     if (!use)
@@ -70,4 +71,6 @@ bool mem_dump_tbb_profile_bin_tag_timeline_tracking(std::ostream& plain, std::os
     const MEM_BLOCK_SCOPE own_heap_use;
     mem_bin_tag_timeline->dump(plain, detailed);
     return true;
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }

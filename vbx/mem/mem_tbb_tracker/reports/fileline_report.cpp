@@ -5,6 +5,7 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/reports/report_text.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/reports.h>
 
@@ -46,7 +47,7 @@ void write_row(MEM_REPORT_LINE& line, const MEM_ADDRESS_TRACKER& site) {
 
 } // namespace
 
-bool mem_dump_tbb_fileline_tracking(std::ostream& stream) {
+bool mem_dump_tbb_fileline_tracking(std::ostream& stream) try {
     const MEM_LONG_OPERATION operation;
     if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
         return true;
@@ -67,4 +68,6 @@ bool mem_dump_tbb_fileline_tracking(std::ostream& stream) {
     }
     timer.write_footer(stream);
     return true;
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }

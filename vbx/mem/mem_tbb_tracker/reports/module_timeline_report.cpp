@@ -5,6 +5,7 @@
 #include "vbx/mem/mem_tbb_tracker/reports/timeline_report.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/timelines.h>
 
@@ -37,7 +38,7 @@ bool MEM_MODULE_TIMELINE::dump(const SERIES_BY_MODULE& selection, const MEM_LABE
     return mem_write_timeline(plain, detailed, columns, sample_count, row_labels);
 }
 
-bool mem_dump_tbb_module_tracking(std::ostream& plain, std::ostream& detailed) {
+bool mem_dump_tbb_module_tracking(std::ostream& plain, std::ostream& detailed) try {
     const MEM_LONG_OPERATION operation;
     const MEM_TRACKER_USE use;
     if (!use)
@@ -46,4 +47,6 @@ bool mem_dump_tbb_module_tracking(std::ostream& plain, std::ostream& detailed) {
     const MEM_TIMELINE_GUARD section(mem_module_timeline->section);
     const MEM_SPIN_GUARD labels(mem_label_timeline->lock);
     return mem_module_timeline->dump(mem_module_timeline->bytes_series, *mem_label_timeline, plain, detailed);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }

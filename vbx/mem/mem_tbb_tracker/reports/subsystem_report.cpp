@@ -8,6 +8,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/reports.h>
 
@@ -69,7 +70,7 @@ void write_row(MEM_REPORT_LINE& line, const SUBSYSTEM& subsystem, bool with_max_
 
 } // namespace
 
-bool mem_dump_tbb_subsystem_tracking(std::ostream& stream) {
+bool mem_dump_tbb_subsystem_tracking(std::ostream& stream) try {
     const MEM_LONG_OPERATION operation;
     if (!mem_tracker_objects_exist.load(std::memory_order_acquire))
         return true;
@@ -94,4 +95,6 @@ bool mem_dump_tbb_subsystem_tracking(std::ostream& stream) {
             write_row(line, subsystem, with_max_bytes);
     timer.write_footer(stream);
     return true;
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }

@@ -1,0 +1,91 @@
+// A host that runs out of memory: how many threads do, by which way, and what stands in the handler's slot.
+#include <vbx/mem.h>
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <latch>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+std::size_t block_size = 0;
+std::string way;
+
+void* volatile latest;
+int opened = 0;
+std::string label;
+
+[[noreturn]] void exhaust() {
+    for (;;) {
+        if (way == "new")
+            latest = ::operator new(block_size);
+        else if (way == "bins")
+            mem_open_profile_bin(std::string(block_size, 'x') + std::to_string(++opened), "tag");
+        else if (way == "label")
+            mem_set_timeline_label(label);
+        else
+            latest = std::malloc(block_size);
+    }
+}
+
+// Each says so by a system call, so that every run of it is seen.
+void say(const char* text) {
+    if (write(STDOUT_FILENO, text, std::char_traits<char>::length(text)) < 0)
+        std::_Exit(7);
+}
+void return_from_handler() {
+    say("handler\n");
+}
+void exhaust_in_handler() {
+    say("handler\n");
+    exhaust();
+}
+
+struct EXHAUSTED_AT_END {
+    bool is_wanted = false;
+    ~EXHAUSTED_AT_END() {
+        if (is_wanted)
+            exhaust();
+    }
+};
+EXHAUSTED_AT_END at_end;
+
+} // namespace
+
+// The number of threads (0: the first one alone), the way, a block's size, the handler's name.
+int main(int, char** arguments) {
+    const int count = std::stoi(arguments[1]);
+    way = arguments[2];
+    block_size = std::stoul(arguments[3]);
+    const std::string handler = arguments[4];
+    const rlimit limit{200U << 20, 200U << 20};
+    if (setrlimit(RLIMIT_AS, &limit) != 0)
+        return 1;
+    std::printf("in the buffer\n");
+    mem_set_out_of_memory_handler(handler == "returns"    ? return_from_handler
+                                  : handler == "exhausts" ? exhaust_in_handler
+                                                          : nullptr);
+    label.assign(block_size, 'x');
+    at_end.is_wanted = way == "at_end";
+    if (at_end.is_wanted)
+        return 0;
+    // Together: a thread that can't be started any more would be another end.
+    std::latch all_are_there(count + 1);
+    std::vector<std::thread> threads;
+    for (int index = 0; index < count; ++index)
+        threads.emplace_back([&all_are_there] {
+            all_are_there.arrive_and_wait();
+            if (way == "locked")
+                flockfile(stdout); // one of them has it when the end comes
+            exhaust();
+        });
+    all_are_there.arrive_and_wait();
+    exhaust();
+}

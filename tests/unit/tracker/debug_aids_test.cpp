@@ -1,0 +1,241 @@
+// The debug aids over invented events: what they write where, what they report, and what is left of them when
+// the tracker has gone.
+
+#include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/debug_aids/breakpoint.h"
+#include "vbx/mem/tracker.h"
+
+#include <algorithm>
+#include <bitset>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t SLAB = 16384;
+
+class DEBUG_AIDS_TEST : public TRACKER_TEST {
+  protected:
+    // Three slabs on their boundary, all zero; `at` counts from the middle one's beginning.
+    DEBUG_AIDS_TEST() : m_memory(4 * SLAB) {
+        void* begin = m_memory.data();
+        std::size_t room = m_memory.size();
+        m_middle = static_cast<unsigned char*>(std::align(SLAB, 3 * SLAB, begin, room)) + SLAB;
+    }
+    std::uint64_t address(std::ptrdiff_t at) const { return reinterpret_cast<std::uint64_t>(m_middle + at); }
+
+    // What a pattern byte has been written to since the last call: "first..last", "none", or "holes".
+    std::string take_filled(int byte) {
+        const auto is_filled = [byte](unsigned char each) { return each == byte; };
+        const auto first = std::ranges::find_if(m_memory, is_filled);
+        const auto behind = std::find_if_not(first, m_memory.end(), is_filled);
+        const auto holes = std::find_if(behind, m_memory.end(), [](unsigned char each) { return each != 0; });
+        const std::ptrdiff_t begin = &*first - m_middle;
+        const std::string result = first == m_memory.end()   ? "none"
+                                   : holes != m_memory.end() ? "holes"
+                                                             : std::to_string(begin) + ".." +
+                                                                   std::to_string(begin + (behind - first));
+        std::ranges::fill(m_memory, 0);
+        return result;
+    }
+
+  private:
+    std::vector<unsigned char> m_memory;
+    unsigned char* m_middle;
+};
+
+TEST_F(DEBUG_AIDS_TEST, PatternsAreWrittenFromTheBeginningOfTheSlot) {
+    const struct {
+        std::ptrdiff_t at;
+        std::uint64_t requested, allocated;
+        std::string filled;
+    } cases[] = {
+        {64, 100, 128, "64..164"},
+        {64, 0, 128, "64..192"},
+        {10000, 700, 1024, "10000..10700"},  // up to 1024 a block begins its slot
+        {10000, 700, 8129, "10000..10700"},  // above 8128 there are no slots
+        {14336, 2000, 2048, "14336..16336"}, // on a slot's boundary
+        {15384, 2500, 3000, "13384..15884"}, // 1000 below the end of the slab, 2000 into its slot
+        {15384, 0, 3000, "13384..16384"},
+        {0, 5000, 8128, "-8000..-3000"}, // 16384 below the end: 128 more than two slots
+        {128, 8128, 8128, "128..8256"},
+        {SLAB - 1025, 1025, 1025, "15359..16384"},
+    };
+    mem_set_alloc_pattern(0x1AB);
+    for (const auto& [at, requested, allocated, filled] : cases) {
+        SCOPED_TRACE(filled);
+        fake_allocate(address(at), requested, allocated, {});
+        EXPECT_EQ(take_filled(0xAB), filled);
+        fake_free(address(at), allocated);
+        EXPECT_EQ(take_filled(0xAB), "none");
+    }
+    mem_set_free_pattern(0xDD);
+    fake_free(address(64), 128);
+    EXPECT_EQ(take_filled(0xDD), "64..192");
+    mem_disable_alloc_patterns();
+    EXPECT_FALSE(fake_hook_is_installed());
+    mem_set_free_pattern(0xEE);
+    fake_allocate(address(64), 100, 128, {});
+    EXPECT_EQ(take_filled(0xAB), "none");
+    fake_free(address(64), 128);
+    EXPECT_EQ(take_filled(0xEE), "64..192");
+}
+
+TEST_F(DEBUG_AIDS_TEST, KeysSetPatternsAndTheHexadecimalOneWins) {
+    const struct {
+        std::string decimal, hexadecimal, filled;
+        int byte;
+        bool has_line;
+    } cases[] = {
+        {"171", "", "64..164", 171, false},
+        {" +12ab", "", "64..164", 12, false},
+        {"171", "0x1F", "64..164", 31, false},
+        {"", "-1", "64..164", 255, false},
+        {"x", "", "none", 0xAB, true},
+        {"7", "FFFFFFFF", "64..164", 7, true},
+        {"99999999999", "5", "64..164", 5, true},
+    };
+    for (const auto& [decimal, hexadecimal, filled, byte, has_line] : cases) {
+        SCOPED_TRACE(decimal + "/" + hexadecimal);
+        set_variable("mem_alloc_pattern", decimal.c_str());
+        set_variable("mem_alloc_pattern_hex", hexadecimal.c_str());
+        EXPECT_EXIT(
+            {
+                start(0);
+                fake_allocate(address(64), 100, 128, {});
+                std::_Exit(take_filled(byte) == filled ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), has_line ? "^MEM: mem_alloc_pattern[^\n]*\n$" : "^$");
+    }
+}
+
+constexpr std::uint64_t BLOCK = 0xA0000;
+
+// Frees and allocations of one block: + and -; B and b are the same on a thread that the host has blocked, w
+// an allocation by an operation of the library; S a shutdown by the host, during which nothing is seen.
+void play(const std::string& events) {
+    const auto allocate = [] { fake_allocate(BLOCK, 100, 112, {PARSE}); };
+    for (const char event : events)
+        if (event == '+') {
+            allocate();
+        } else if (event == '-') {
+            fake_free(BLOCK, 112);
+        } else if (event == 'w') {
+            const MEM_BLOCK_SCOPE own_work;
+            allocate();
+        } else if (event == 'S') {
+            mem_shutdown_tbb_tracking();
+        } else {
+            mem_block_thread_tracking();
+            event == 'B' ? allocate() : fake_free(BLOCK, 112);
+            mem_unblock_thread_tracking();
+        }
+}
+
+TEST_F(DEBUG_AIDS_TEST, OnlyASecondFreeEndsTheProcess) {
+    const EMPTY_FOLDER folder;
+    set_variable("mem_check_double_free", "on");
+    const std::string fault = "MEM: internal error: Double free detected \\(";
+    const std::string sites =
+        "^MEM: block 0xa0000 was allocated at parse \\(/src/parse.cpp:10\\), first freed at parse "
+        "\\(/src/parse.cpp:10\\)\n";
+    const std::string unknown =
+        "^MEM: block 0xa0000 was allocated at an unknown place, first freed at an unknown place\n";
+    const struct {
+        std::uint32_t mask;
+        std::string events, message;
+    } cases[] = {
+        {0, "-+-+-", ""},
+        {0, "--", "^" + fault},
+        {0, "+-+--", "^" + fault},
+        {8, "+--", sites + fault},
+        {4, "+-+--", sites + fault},
+        {8, "--", unknown},              // allocated before the check began
+        {8, "-bb+bb-", ""},              // a blocked thread frees unseen
+        {8, "-B-", "block 0xa0000 was"}, // and its allocations are not seen either: a false alarm
+        {8, "-w-", ""},                  // those of the library's own work are
+        {8, "-S-", ""},                  // and may have been allocated meanwhile
+        {8, "-S--", "^" + fault + "|" + fault},
+    };
+    for (const auto& [mask, events, message] : cases) {
+        SCOPED_TRACE(events);
+        const auto run = [mask, events] {
+            start(mask);
+            play(events);
+            std::_Exit(0);
+        };
+        if (message.empty())
+            EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+        else
+            EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), message);
+    }
+}
+
+TEST_F(DEBUG_AIDS_TEST, ManyThreadsAreCheckedWithoutAFalseAlarm) {
+    set_variable("mem_check_double_free", "on");
+    start(MEM_GRANULARITY_ALL);
+    run_on_threads(4, [](std::uint64_t thread) {
+        for (std::uint64_t round = 0; round < 5000; ++round) {
+            const std::uint64_t block = 0x10000 * (thread + 1) + 16 * (round % 100);
+            fake_allocate(block, 16, 16, {round % 2 == 0 ? PARSE : QUERY});
+            fake_free(block, 16);
+        }
+    });
+    EXPECT_EQ(catch_all().current_blocks, 0);
+}
+
+TEST_F(DEBUG_AIDS_TEST, TheLogHasALineForEachEventWhileItIsOn) {
+    const EMPTY_FOLDER folder;
+    mem_set_print_allocations_callback_enabled(true);
+    fake_allocate(0x1000, 0, 16, {});
+    mem_set_print_allocations_callback_enabled(false);
+    fake_free(0x1000, 16);
+    mem_set_print_allocations_callback_enabled(true);
+    fake_allocate(0x2000, 100, 112, {});
+    start(0);
+    mem_shutdown_tbb_tracking();
+    EXPECT_FALSE(fake_hook_is_installed());
+    const std::string lines = "ptr=0x1000, requested_size =0, allocated_size=16, type=alloc\n"
+                              "ptr=0x2000, requested_size =100, allocated_size=112, type=alloc\n";
+    EXPECT_EQ(contents("mem_allocations.log"), lines);
+    mem_set_print_allocations_callback_enabled(true);
+    fake_free(0x2000, 112);
+    EXPECT_EQ(contents("mem_allocations.log"),
+              lines + "ptr=0x2000, requested_size =0, allocated_size=112, type=free\n");
+}
+
+// Each set of aids, tracked and untracked: the hook after the shutdown is that of the one callback left, if
+// it was taken off with the tracker's handler; behind the teardown an event finds nothing that is gone.
+TEST_F(DEBUG_AIDS_TEST, TheEndLeavesTheHookAndNoFreedObjectBehind) {
+    const EMPTY_FOLDER folder;
+    const char* const keys[] = {"mem_free_pattern", "mem_check_double_free", "mem_breakpoint_callback",
+                                "mem_print_allocations"};
+    for (const std::uint32_t mask : {0U, 95U})
+        for (unsigned aids = 0; aids < 16; ++aids) {
+            SCOPED_TRACE(std::bitset<4>(aids).to_string() + " of 95: " + std::to_string(mask));
+            const auto run = [&] {
+                for (unsigned aid = 0; aid < 4; ++aid)
+                    set_variable(keys[aid], (aids >> aid & 1) != 0 ? "1" : "");
+                start(mask);
+                allocate(address(64), 128, {PARSE});
+                mem_tbb_tracker_teardown();
+                allocate(address(64), 128, {QUERY});
+                release(address(64), 128);
+                std::_Exit(fake_hook_is_installed() ? 1 : 0);
+            };
+            const unsigned left = aids & 0b101; // log and check are taken off the table
+            const bool is_one = left == 1 || left == 4;
+            EXPECT_EXIT(run(), testing::ExitedWithCode(mask != 0 && is_one && (aids & 2) == 0 ? 1 : 0), "");
+        }
+}
+
+TEST_F(DEBUG_AIDS_TEST, TheBreakpointKeepsTheFirstBlock) {
+    set_variable("mem_breakpoint_callback", "on");
+    start(0);
+    fake_allocate(0x3000, 1, 8, {});
+    fake_free(0x4000, 8);
+    EXPECT_EQ(mem_breakpoint_address.load(), reinterpret_cast<void*>(0x3000));
+}
+
+} // namespace

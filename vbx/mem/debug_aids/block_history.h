@@ -1,0 +1,44 @@
+// Where a block was allocated and where it was first freed: what the double-free check says before it ends
+// the process.
+//
+//     0x7f..100 --> allocated at parser.cpp:40, freed at parser.cpp:71
+//
+// A side table, there only while the check and a feature that finds sites are on together. It holds code
+// addresses and not sites, because a reset of the tracker forgets those.
+#pragma once
+
+#include "vbx/mem/base/annotated_allocator.h"
+#include "vbx/mem/mem_tbb_tracker/records/address_map.h"
+
+#include <tbb/concurrent_hash_map.h>
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+struct MEM_BLOCK_HISTORY {
+    std::uint64_t allocated_at = 0; // code address of the site, 0 when it isn't known
+    std::uint64_t freed_at = 0;
+};
+
+// The code address of the site for the event of a block that a host's thread makes; 0 when it isn't known.
+// The first is for behind the tracker's own handler of an allocation. The second describes code that is new,
+// for which it may allocate, like any event of the tracker's: not for where such events are turned away.
+std::uint64_t mem_site_of_live_block(const void* block) noexcept;
+std::uint64_t mem_site_of_this_free() noexcept;
+
+class MEM_BLOCK_HISTORIES {
+  public:
+    // Both throw std::bad_alloc.
+    void note_allocation(const void* block, std::uint64_t site);
+    void note_free(const void* block, std::uint64_t site);
+
+    // One line "MEM: ..." on standard error.
+    void tell(const void* block);
+
+  private:
+    using ENTRY = std::pair<const void* const, MEM_BLOCK_HISTORY>;
+    using ENTRIES = tbb::concurrent_hash_map<const void*, MEM_BLOCK_HISTORY, MEM_BLOCK_ADDRESS_COMPARE,
+                                             MEM_ANNOTATED_ALLOCATOR<std::allocator, ENTRY>>;
+    ENTRIES m_entries;
+};

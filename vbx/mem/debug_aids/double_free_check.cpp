@@ -1,0 +1,159 @@
+#include "vbx/mem/debug_aids/double_free_check.h"
+
+#include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/debug_aids/block_history.h"
+#include "vbx/mem/mem_tbb_tracker/events/callback_table.h"
+#include "vbx/mem/mem_tbb_tracker/state/granularity.h"
+#include "vbx/platform/tbbamalloc/tbbamalloc.h"
+#include "vbx/platform/vbx_err/vbx_err.h"
+
+#include <atomic>
+#include <new>
+
+namespace {
+
+// In place of a bare "freed" the time of it: an old mark can be void without a walk over all of them.
+using EPOCH = std::uint32_t;
+constexpr EPOCH IN_USE = 0;
+constinit std::atomic<EPOCH> current_epoch{1};
+
+// The ordinary heap: its events come back into the handler and are turned away there.
+using FREE_MARK = std::pair<const void* const, EPOCH>;
+using FREE_MARKS = tbb::concurrent_hash_map<const void*, EPOCH, MEM_BLOCK_ADDRESS_COMPARE,
+                                            MEM_ANNOTATED_ALLOCATOR<std::allocator, FREE_MARK>>;
+
+// From the start of the check to the teardown; the second only with a feature that finds sites.
+constinit FREE_MARKS* free_marks = nullptr;
+constinit MEM_BLOCK_HISTORIES* histories = nullptr;
+
+bool is_mark_of_now(EPOCH mark) {
+    return mark == current_epoch.load(std::memory_order_acquire);
+}
+
+[[noreturn]] void report_double_free(const void* block) {
+    if (histories != nullptr)
+        histories->tell(block);
+    err_report_internal_error("Double free detected", "MEM", __FILE__, __LINE__);
+}
+
+// A host's blocked thread is not checked. Nor is the check's own heap use, made with an entry locked; what it
+// allocates it frees inside of itself, or never while it checks.
+bool is_turned_away() {
+    return (mem_thread_state.block_byte & (MEM_BLOCKED_BY_HOST | MEM_BLOCKED_BY_FREE_CHECK)) != 0;
+}
+
+// Operations of the library may hold locks that the making of a mark must not be waited for with. Their
+// allocations are looked at all the same: the block may be a host's in the end, a stream's buffer for one.
+bool is_in_own_work() {
+    return (mem_thread_state.block_byte & MEM_BLOCKED_BY_OWN_WORK) != 0;
+}
+
+void take_mark_away(const void* block) {
+    const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
+    if (FREE_MARKS::accessor entry; free_marks->find(entry, block))
+        entry->second = IN_USE;
+}
+
+// Gives whether there was one.
+bool set_mark(const void* block) {
+    const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
+    FREE_MARKS::accessor entry;
+    free_marks->insert(entry, FREE_MARK(block, IN_USE));
+    const bool was_freed = is_mark_of_now(entry->second);
+    entry->second = current_epoch.load(std::memory_order_relaxed);
+    return was_freed;
+}
+
+// A free goes unmarked then, or its history untold. Inside the check's own scope, because that is where the
+// exception itself is allocated.
+template <class STEP>
+void unless_memory_fails(STEP step) {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+// Whether a history is kept of this event.
+bool has_history() {
+    return histories != nullptr && mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
+}
+
+void on_allocation(const void* block) {
+    const bool is_noted = has_history();
+    const std::uint64_t site = is_noted ? mem_site_of_live_block(block) : 0;
+    const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
+    take_mark_away(block);
+    if (is_noted)
+        unless_memory_fails([=] { histories->note_allocation(block, site); });
+}
+
+void on_free(const void* block) {
+    const bool is_noted = has_history();
+    // Here and not below: what the tracker allocates for a new site it frees where the check looks.
+    const std::uint64_t site = is_noted ? mem_site_of_this_free() : 0;
+    const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
+    unless_memory_fails([=] {
+        if (set_mark(block))
+            report_double_free(block);
+        if (is_noted)
+            histories->note_free(block, site);
+    });
+}
+
+// Before the heap has seen the block. It takes a block that it has given up for one of the C library's, if it
+// can still read that memory at all, and there would be no event.
+void check_before_free(const void* block) {
+    if (is_turned_away() || is_in_own_work())
+        return;
+    const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
+    bool was_freed = false;
+    {
+        const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
+        if (FREE_MARKS::const_accessor entry; free_marks->find(entry, block))
+            was_freed = is_mark_of_now(entry->second);
+    }
+    if (was_freed)
+        report_double_free(block);
+}
+
+} // namespace
+
+void mem_double_free_handler(void* block, std::uint64_t, std::uint64_t, bool is_allocation) {
+    if (is_turned_away() || (is_in_own_work() && !is_allocation))
+        return;
+    if (is_allocation)
+        on_allocation(block);
+    else
+        on_free(block);
+}
+
+void mem_start_double_free_check() {
+    free_marks = new FREE_MARKS;
+    if ((mem_current_mask() & MEM_ATTRIBUTED) != 0)
+        histories = new MEM_BLOCK_HISTORIES;
+    mem_table_add(mem_double_free_handler);
+    tbbk_set_free_check(check_before_free);
+}
+
+void mem_void_free_marks() {
+    current_epoch.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void mem_stop_double_free_check() {
+    if (free_marks == nullptr)
+        return;
+    tbbk_set_free_check(nullptr);
+    mem_table_retire(mem_double_free_handler);
+}
+
+void mem_destroy_free_marks() {
+    delete free_marks;
+    delete histories;
+    free_marks = nullptr;
+    histories = nullptr;
+}
+
+void mem_forget_double_free_check_after_fork() {
+    tbbk_set_free_check(nullptr);
+}

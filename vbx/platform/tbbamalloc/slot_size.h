@@ -1,0 +1,29 @@
+// The size of the slot that a block lies in, which is what events tell as its allocated size.
+//
+//     slab of 16384 bytes   | header |  ...  |   slot   |   slot   |   slot   |   counted from the end
+//     malloc(3000)                           [----4032----------]            begins its slot
+//     memalign(1024, 2500)                        [--3072-------]            begins anywhere in its slot
+//
+// What the heap calls the usable size of an aligned block is only the rest of its slot. A callback that works
+// out from a size where the slot begins would be led into the neighbour by it.
+#pragma once
+
+#include <cstddef>
+
+// The largest slot of a slab. Larger blocks have pages of their own, where no arithmetic on slots applies.
+constexpr std::size_t tbbk_largest_slot = 8128;
+
+// block   a live block of tbbmalloc's
+// usable  its usable size in bytes
+// Gives the size of its slot: at least `usable`. Where the block doesn't lie where a slot of a slab would
+// (tbbmalloc has some such blocks from its own first moments) no more than 1024, a size that nobody looks for
+// a slot with.
+std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept;
+
+// The size to ask the heap for so that a block which gets pages of its own never has a usable size that a
+// slot could have: tbbmalloc keeps the size that was asked for.
+
+// For a new block of `size` bytes at an alignment.
+std::size_t tbbk_size_for_alignment(std::size_t size, std::size_t alignment) noexcept;
+// For a block that is to have `size` bytes from now on and may stay where it is.
+std::size_t tbbk_size_for_resize(void* block, std::size_t size) noexcept;
