@@ -163,11 +163,9 @@ void mem_tbb_tracker_teardown() {
     // From here on a late event does nothing, also one that reads the hook again because callbacks of the
     // host are left in the table.
     mem_end_tracker_use();
-    mem_attempt_report("the removal of the double-free check is", [] {
-        mem_stop_double_free_check();
-        if (events_in_flight_have_ended())
-            mem_destroy_free_marks();
-    });
+    mem_stop_double_free_check();
+    if (events_in_flight_have_ended())
+        mem_destroy_free_marks();
     if (events_in_flight_have_ended() && mem_tracker_uses_have_ended(EVENTS_TIMEOUT_MS))
         destroy_objects();
 }

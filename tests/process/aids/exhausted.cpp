@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iostream> // an exit locks standard output to flush it
 #include <latch>
 #include <new>
 #include <string>
@@ -19,6 +20,7 @@ std::size_t block_size = 0;
 std::string way;
 
 void* volatile latest;
+MEM_UTILS_CHUNK_ALLOC chunks;
 int opened = 0;
 std::string label;
 
@@ -26,6 +28,8 @@ std::string label;
     for (;;) {
         if (way == "new")
             latest = ::operator new(block_size);
+        else if (way == "chunk")
+            latest = chunks.chunk_malloc(block_size, 8);
         else if (way == "bins")
             mem_open_profile_bin(std::string(block_size, 'x') + std::to_string(++opened), "tag");
         else if (way == "label")
@@ -41,6 +45,11 @@ void say(const char* text) {
         std::_Exit(7);
 }
 void return_from_handler() {
+    say("handler\n");
+}
+// A block of the size that all memory is full of: only the reserve has room for it.
+void use_reserve() {
+    latest = std::malloc(block_size);
     say("handler\n");
 }
 void exhaust_in_handler() {
@@ -69,9 +78,11 @@ int main(int, char** arguments) {
     if (setrlimit(RLIMIT_AS, &limit) != 0)
         return 1;
     std::printf("in the buffer\n");
-    mem_set_out_of_memory_handler(handler == "returns"    ? return_from_handler
-                                  : handler == "exhausts" ? exhaust_in_handler
-                                                          : nullptr);
+    if (handler != "unset") // a thread sets up the rest
+        mem_set_out_of_memory_handler(handler == "reserve"    ? use_reserve
+                                      : handler == "returns"  ? return_from_handler
+                                      : handler == "exhausts" ? exhaust_in_handler
+                                                              : nullptr);
     label.assign(block_size, 'x');
     at_end.is_wanted = way == "at_end";
     if (at_end.is_wanted)
@@ -81,9 +92,11 @@ int main(int, char** arguments) {
     std::vector<std::thread> threads;
     for (int index = 0; index < count; ++index)
         threads.emplace_back([&all_are_there] {
-            all_are_there.arrive_and_wait();
             if (way == "locked")
-                flockfile(stdout); // one of them has it when the end comes
+                flockfile(stdout);
+            all_are_there.arrive_and_wait();
+            if (way == "locked") // the first thread runs out in front of it
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
             exhaust();
         });
     all_are_there.arrive_and_wait();

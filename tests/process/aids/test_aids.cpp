@@ -17,6 +17,24 @@ TEST(Patterns, ChangeNoByteOutsideOfABlocksOwnSlot) {
     EXPECT_EQ(outcome.end, "exit 9") << outcome.standard_error;
 }
 
+// Each alone and each two together, with the tracker and without.
+TEST(Aids, ComeToTheirEndWithTheProcess) {
+    const TEST_ENVIRONMENT aids = test_all_debug_aids();
+    for (const auto& first : aids)
+        for (const auto& second : aids)
+            for (const TEST_ENVIRONMENT& switches : {TEST_ENVIRONMENT(), test_all_switches()})
+                for (const char* const action : {"threads", "shut_down"}) {
+                    if (second < first)
+                        continue;
+                    SCOPED_TRACE(first.first + " " + second.first + " " + action);
+                    const TEST_DIRECTORY directory;
+                    const TEST_OUTCOME outcome = test_run_child(
+                        {{AIDED, action}, switches + TEST_ENVIRONMENT{first, second}}, directory);
+                    EXPECT_EQ(outcome.end, "exit 9");
+                    EXPECT_EQ(outcome.standard_error, "");
+                }
+}
+
 // Of large blocks the heap itself has forgotten after the first free that it ever had them.
 TEST(DoubleFree, EndsTheProcessWithTheSitesOfTheBlockInFront) {
     for (const std::string size : {"10", "5000", "20000", "3000000", "90000000"})

@@ -21,6 +21,7 @@ class OutOfMemory : public testing::TestWithParam<EXHAUSTION> {};
 TEST_P(OutOfMemory, EndsOnceWithStatusOneAndTheReports) {
     const EXHAUSTION& one = GetParam();
     const std::vector<std::string> command = {EXHAUSTED, one.threads, one.way, one.size, one.handler};
+    const bool has_handler = one.handler != "none" && one.handler != "unset";
     for (const bool is_tracked : {false, true}) {
         const TEST_DIRECTORY directory;
         TEST_ENVIRONMENT environment = is_tracked ? test_all_switches() : TEST_ENVIRONMENT();
@@ -32,7 +33,7 @@ TEST_P(OutOfMemory, EndsOnceWithStatusOneAndTheReports) {
         static const std::regex standard("^\nOut of memory \\((\\d+) megabytes used\\)\n$");
         std::smatch match;
         const bool has_message = std::regex_search(outcome.standard_error, match, standard);
-        EXPECT_EQ(has_message, one.handler == "none") << outcome.standard_error;
+        EXPECT_EQ(has_message, !has_handler) << outcome.standard_error;
         if (has_message) {
             EXPECT_GT(std::stoi(match[1]), one.name == "huge" ? 5 : 60);
             EXPECT_LT(std::stoi(match[1]), 210);
@@ -42,7 +43,7 @@ TEST_P(OutOfMemory, EndsOnceWithStatusOneAndTheReports) {
         EXPECT_EQ(std::distance(std::sregex_iterator(outcome.standard_output.begin(),
                                                      outcome.standard_output.end(), handler),
                                 std::sregex_iterator()),
-                  one.handler == "none" ? 0 : 1);
+                  has_handler ? 1 : 0);
         if (is_tracked && one.has_reports) {
             const auto rows = test_read_report(directory / "mem_tbb_fileline.tvx.log", "Fileline");
             EXPECT_TRUE(std::ranges::any_of(rows, [](const TEST_ROW& row) {
@@ -62,8 +63,12 @@ INSTANTIATE_TEST_SUITE_P(Linked, OutOfMemory,
                                          EXHAUSTION{"at_end", "0", "at_end", "20000"},
                                          EXHAUSTION{"threads", "6", "malloc", "2000"},
                                          EXHAUSTION{"threads_new", "6", "new", "300000"},
-                                         EXHAUSTION{"locked_output", "3", "locked", "20000"},
+                                         EXHAUSTION{"locked_output", "1", "locked", "20000"},
+                                         EXHAUSTION{"chunks", "0", "chunk", "100"},
+                                         EXHAUSTION{"separate_blocks", "0", "chunk", "40000"},
+                                         EXHAUSTION{"thread_alone", "1", "malloc", "2000", "unset"},
                                          EXHAUSTION{"handler", "0", "malloc", "2000", "returns"},
+                                         EXHAUSTION{"reserve", "0", "malloc", "5000", "reserve"},
                                          EXHAUSTION{"handler_exhausts", "0", "new", "2000", "exhausts"},
                                          EXHAUSTION{"handler_threads", "6", "malloc", "20000", "returns"}),
                          [](const auto& one) { return one.param.name; });

@@ -8,6 +8,7 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
@@ -20,6 +21,13 @@ struct SITE_TEXT {
     char text[220] = "an unknown place";
 };
 
+// The end of a path tells more than its beginning.
+const char* last_part(const char* path) {
+    constexpr std::size_t LONGEST = 100;
+    const std::size_t length = std::strlen(path);
+    return length > LONGEST ? path + length - LONGEST : path;
+}
+
 SITE_TEXT described(std::uint64_t address) {
     SITE_TEXT result;
     if (address == 0)
@@ -29,8 +37,8 @@ SITE_TEXT described(std::uint64_t address) {
     mem_resolve_address(site);
     const char* const function = site.function_name[0] != '\0' ? site.function_name : "unknown code";
     if (site.file_name[0] != '\0')
-        std::snprintf(result.text, sizeof result.text, "%.100s (%.100s:%u)", function, site.file_name,
-                      site.line);
+        std::snprintf(result.text, sizeof result.text, "%.100s (%.100s:%u)", function,
+                      last_part(site.file_name), site.line);
     else
         std::snprintf(result.text, sizeof result.text, "%.100s in %.100s", function, site.module_name);
     return result;
@@ -85,6 +93,8 @@ void MEM_BLOCK_HISTORIES::tell(const void* block) {
         if (ENTRIES::const_accessor entry; m_entries.find(entry, block))
             history = entry->second;
     }
+    if (history.allocated_at == 0 && history.freed_at == 0)
+        return;
     mem_warn("block %p was allocated at %s, first freed at %s", block, described(history.allocated_at).text,
              described(history.freed_at).text);
 }

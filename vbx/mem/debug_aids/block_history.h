@@ -33,7 +33,7 @@ class MEM_BLOCK_HISTORIES {
     void note_allocation(const void* block, std::uint64_t site);
     void note_free(const void* block, std::uint64_t site);
 
-    // One line "MEM: ..." on standard error.
+    // One line "MEM: ..." on standard error, unless nothing is known of the block.
     void tell(const void* block);
 
   private:

@@ -22,9 +22,12 @@ using FREE_MARK = std::pair<const void* const, EPOCH>;
 using FREE_MARKS = tbb::concurrent_hash_map<const void*, EPOCH, MEM_BLOCK_ADDRESS_COMPARE,
                                             MEM_ANNOTATED_ALLOCATOR<std::allocator, FREE_MARK>>;
 
-// From the start of the check to the teardown; the second only with a feature that finds sites.
-constinit FREE_MARKS* free_marks = nullptr;
+// From the start of the check to the teardown; the second only with a feature that finds sites. Events that
+// find no marks any more leave at once.
+constinit std::atomic<FREE_MARKS*> free_marks{nullptr};
 constinit MEM_BLOCK_HISTORIES* histories = nullptr;
+
+constinit FREE_MARKS* stopped_marks = nullptr;
 
 bool is_mark_of_now(EPOCH mark) {
     return mark == current_epoch.load(std::memory_order_acquire);
@@ -48,17 +51,17 @@ bool is_in_own_work() {
     return (mem_thread_state.block_byte & MEM_BLOCKED_BY_OWN_WORK) != 0;
 }
 
-void take_mark_away(const void* block) {
+void take_mark_away(FREE_MARKS& marks, const void* block) {
     const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
-    if (FREE_MARKS::accessor entry; free_marks->find(entry, block))
+    if (FREE_MARKS::accessor entry; marks.find(entry, block))
         entry->second = IN_USE;
 }
 
 // Gives whether there was one.
-bool set_mark(const void* block) {
+bool set_mark(FREE_MARKS& marks, const void* block) {
     const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
     FREE_MARKS::accessor entry;
-    free_marks->insert(entry, FREE_MARK(block, IN_USE));
+    marks.insert(entry, FREE_MARK(block, IN_USE));
     const bool was_freed = is_mark_of_now(entry->second);
     entry->second = current_epoch.load(std::memory_order_relaxed);
     return was_freed;
@@ -76,25 +79,26 @@ void unless_memory_fails(STEP step) {
 
 // Whether a history is kept of this event.
 bool has_history() {
-    return histories != nullptr && mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
+    return histories != nullptr && (mem_current_mask() & MEM_ATTRIBUTED) != 0 &&
+           mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
 }
 
-void on_allocation(const void* block) {
+void on_allocation(FREE_MARKS& marks, const void* block) {
     const bool is_noted = has_history();
     const std::uint64_t site = is_noted ? mem_site_of_live_block(block) : 0;
     const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
-    take_mark_away(block);
+    take_mark_away(marks, block);
     if (is_noted)
         unless_memory_fails([=] { histories->note_allocation(block, site); });
 }
 
-void on_free(const void* block) {
+void on_free(FREE_MARKS& marks, const void* block) {
     const bool is_noted = has_history();
     // Here and not below: what the tracker allocates for a new site it frees where the check looks.
     const std::uint64_t site = is_noted ? mem_site_of_this_free() : 0;
     const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
-    unless_memory_fails([=] {
-        if (set_mark(block))
+    unless_memory_fails([=, &marks] {
+        if (set_mark(marks, block))
             report_double_free(block);
         if (is_noted)
             histories->note_free(block, site);
@@ -104,13 +108,14 @@ void on_free(const void* block) {
 // Before the heap has seen the block. It takes a block that it has given up for one of the C library's, if it
 // can still read that memory at all, and there would be no event.
 void check_before_free(const void* block) {
-    if (is_turned_away() || is_in_own_work())
+    FREE_MARKS* const marks = free_marks.load(std::memory_order_acquire);
+    if (marks == nullptr || is_turned_away() || is_in_own_work())
         return;
     const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
     bool was_freed = false;
     {
         const MEM_RANK_SCOPE rank(MEM_LOCK_RANK::free_marks);
-        if (FREE_MARKS::const_accessor entry; free_marks->find(entry, block))
+        if (FREE_MARKS::const_accessor entry; marks->find(entry, block))
             was_freed = is_mark_of_now(entry->second);
     }
     if (was_freed)
@@ -120,18 +125,20 @@ void check_before_free(const void* block) {
 } // namespace
 
 void mem_double_free_handler(void* block, std::uint64_t, std::uint64_t, bool is_allocation) {
-    if (is_turned_away() || (is_in_own_work() && !is_allocation))
+    FREE_MARKS* const marks = free_marks.load(std::memory_order_acquire);
+    if (marks == nullptr || is_turned_away() || (is_in_own_work() && !is_allocation))
         return;
     if (is_allocation)
-        on_allocation(block);
+        on_allocation(*marks, block);
     else
-        on_free(block);
+        on_free(*marks, block);
 }
 
 void mem_start_double_free_check() {
-    free_marks = new FREE_MARKS;
+    const MEM_BLOCK_SCOPE own_work;
     if ((mem_current_mask() & MEM_ATTRIBUTED) != 0)
         histories = new MEM_BLOCK_HISTORIES;
+    free_marks.store(new FREE_MARKS, std::memory_order_release);
     mem_table_add(mem_double_free_handler);
     tbbk_set_free_check(check_before_free);
 }
@@ -141,16 +148,21 @@ void mem_void_free_marks() {
 }
 
 void mem_stop_double_free_check() {
-    if (free_marks == nullptr)
+    stopped_marks = free_marks.exchange(nullptr);
+    if (stopped_marks == nullptr)
         return;
     tbbk_set_free_check(nullptr);
-    mem_table_retire(mem_double_free_handler);
+    try {
+        mem_table_retire(mem_double_free_handler);
+    } catch (const std::bad_alloc&) {
+        // Without memory for the shorter table the handler stays in it, and finds no marks.
+    }
 }
 
 void mem_destroy_free_marks() {
-    delete free_marks;
+    delete stopped_marks;
     delete histories;
-    free_marks = nullptr;
+    stopped_marks = nullptr;
     histories = nullptr;
 }
 

@@ -26,9 +26,10 @@ constinit std::atomic<const void*> first_thread{nullptr};
 constinit std::atomic<bool> last_steps_are_done{false};
 constinit std::atomic<const void*> exiting_thread{nullptr};
 
-// How long a thread waits for another one's exit. Longer than any report takes. A host's exit handler may
-// want a lock that a thread holds which is out of memory too, and then the exit would never come to its end.
-constexpr std::int64_t LONGEST_WAIT_FOR_END_MS = 30'000;
+// How long a thread waits for the exit of another one that has begun it, and for a thread that can begin it.
+// Longer than any report takes. A host's exit handler may want a lock that a thread holds which is out of
+// memory too, and then the exit would never come to its end.
+constexpr std::int64_t LONGEST_WAIT_FOR_END_MS = 120'000;
 
 // Another thread may be waiting for the end right here, inside of a print, with the stream's lock.
 void flush_if_free(std::FILE* stream) {
@@ -94,16 +95,18 @@ bool is_free(std::FILE* stream) {
 
 bool claim_exit(const void* self) {
     const void* none = nullptr;
-    return last_steps_are_done.load(std::memory_order_acquire) && is_free(stdout) && is_free(stderr) &&
-           exiting_thread.compare_exchange_strong(none, self);
+    return is_free(stdout) && is_free(stderr) && exiting_thread.compare_exchange_strong(none, self);
 }
 
 // One thread alone calls exit(): two of them inside it would lose the reports. It need not be the first. An
 // exit locks the standard streams to flush them, and a thread that ran out of memory in the middle of a print
 // holds one: then only that thread can go through with it.
 [[noreturn]] void exit_or_wait(const void* self) {
-    const std::int64_t deadline = os_clock() + LONGEST_WAIT_FOR_END_MS;
     OS_PATIENCE patience;
+    // A handler may take its time.
+    while (!last_steps_are_done.load(std::memory_order_acquire))
+        patience.wait();
+    const std::int64_t deadline = os_clock() + LONGEST_WAIT_FOR_END_MS;
     while (os_clock() < deadline) {
         if (claim_exit(self))
             std::exit(EXIT_FAILURE);
@@ -111,6 +114,15 @@ bool claim_exit(const void* self) {
     }
     _exit(EXIT_FAILURE);
 }
+
+// Also when the handler leaves by an exception or ends its thread: the next one to come then exits.
+class LAST_STEPS {
+  public:
+    LAST_STEPS() = default;
+    ~LAST_STEPS() { last_steps_are_done.store(true, std::memory_order_release); }
+    LAST_STEPS(const LAST_STEPS&) = delete;
+    LAST_STEPS& operator=(const LAST_STEPS&) = delete;
+};
 
 } // namespace
 
@@ -124,8 +136,8 @@ void mem_out_of_memory() {
     const void* const self = &mem_thread_state;
     const void* first = nullptr;
     if (first_thread.compare_exchange_strong(first, self)) {
+        const LAST_STEPS last_steps;
         take_last_steps();
-        last_steps_are_done.store(true, std::memory_order_release);
     } else {
         // Again on a thread that is inside the handler, or inside what exit() runs.
         const void* none = nullptr;

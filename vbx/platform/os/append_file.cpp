@@ -13,13 +13,14 @@ namespace {
 // Above the numbers that programs count on: a shell's own, those that a script names, the next free one.
 constexpr int LOWEST_DESCRIPTOR = 512;
 
-// Keeps the descriptor as it is where so high a number can't be had.
+// As high as that, or as the limit of the process allows.
 int moved_up(int descriptor) {
-    const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, LOWEST_DESCRIPTOR);
-    if (moved < 0)
-        return descriptor;
-    ::close(descriptor);
-    return moved;
+    for (int lowest = LOWEST_DESCRIPTOR; lowest > descriptor; lowest -= lowest / 4 + 1)
+        if (const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, lowest); moved >= 0) {
+            ::close(descriptor);
+            return moved;
+        }
+    return descriptor;
 }
 
 } // namespace
