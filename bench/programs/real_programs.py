@@ -21,6 +21,7 @@ for step in range(int(sys.argv[1])):
 print(total)
 """
 SQL = """\
+PRAGMA temp_store = MEMORY;
 CREATE TABLE item(id INTEGER PRIMARY KEY, name TEXT, price REAL, kind INTEGER);
 WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < {rows})
 INSERT INTO item SELECT i, 'item ' || (i * 7919 % 1000003), i * 0.25, i % 97 FROM n;
