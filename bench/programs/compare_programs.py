@@ -137,8 +137,9 @@ class TABLE:
     def added(self, program, variant):
         return self.seconds(program, variant) - self.seconds(program, "proxy" if variant in SWITCHES else "plain")
 
-    def share(self, program, variant):
-        of = self.added(program, "heaptrack") if "heaptrack" in self.runs[program] else 0
+    def share(self, program, variant, other):
+        """Time added, as a share of what another variant adds; None where that adds none."""
+        of = self.added(program, other) if other in self.runs[program] else 0
         return self.added(program, variant) / of if of > 0 else None
 
     def ns_per_pair(self, program, variant):
@@ -152,9 +153,9 @@ class TABLE:
         if program.is_real and variant in ("shim", "mask 1", "mask 32"):
             yield "ratio", self.seconds(name, variant) / self.seconds(name, "proxy"), 1.01 if variant == "shim" else 1.08
         if variant in ("mask 8", "mask 16") and name in HEAPTRACK_SHARE:
-            yield "of heaptrack's", self.share(name, variant), HEAPTRACK_SHARE[name]
-        if variant == "mask 95" and name != "empty" and "mask 8" in runs:
-            yield "of mask 8's", self.added(name, variant) / self.added(name, "mask 8"), 1.5
+            yield "of heaptrack's", self.share(name, variant, "heaptrack"), HEAPTRACK_SHARE[name]
+        if variant == "mask 95" and name != "empty":
+            yield "of mask 8's", self.share(name, variant, "mask 8"), 1.5
         if variant in ("mask 8", "mask 95") and name == "threads 2" and "threads 1" in self.runs:
             yield "of one thread", self.ns_per_pair(name, variant) / self.ns_per_pair("threads 1", variant), 0.75
         if variant == "mask 8" and program.held:
@@ -168,16 +169,21 @@ class TABLE:
         yield ["program", "variant", "wall s", "cpu s", "/ proxy", "added s", "/ heaptrack", "ns/pair", "MiB", "end ms",
                "sites", "goals"]
         for name, runs in self.runs.items():
+            has_loop = self.programs[name].pairs > 0
             for variant, run in runs.items():
                 verdicts = [f"{what} {value:.3g} <= {highest:.3g} {'pass' if value <= highest else 'MISS'}"
                             for what, value, highest in self.goals(name, variant) if value is not None]
-                pairs = self.programs[name].pairs
-                yield [name, variant, f"{run.wall:.3f}", f"{run.cpu:.3f}",
-                       f"{self.seconds(name, variant) / self.seconds(name, 'proxy'):.3f}",
-                       "" if variant in BASES else f"{self.added(name, variant):.3f}",
-                       "" if variant in BASES or self.share(name, variant) is None else f"{self.share(name, variant):.2f}",
-                       f"{self.ns_per_pair(name, variant):.0f}" if pairs else "", f"{run.mib:.1f}",
-                       f"{run.end:.1f}" if pairs else "", f"{run.sites:.0f}" if run.sites else "", "; ".join(verdicts)]
+                added = None if variant in BASES else self.added(name, variant)
+                share = None if variant in BASES else self.share(name, variant, "heaptrack")
+                yield [name, variant, *map(cell, ("{:.3f}", "{:.3f}", "{:.3f}", "{:.3f}", "{:.2f}", "{:.0f}", "{:.1f}",
+                                                  "{:.1f}", "{:.0f}"),
+                                           (run.wall, run.cpu, self.seconds(name, variant) / self.seconds(name, "proxy"),
+                                            added, share, self.ns_per_pair(name, variant), run.mib,
+                                            run.end if has_loop else None, run.sites or None)), "; ".join(verdicts)]
+
+
+def cell(form, value):
+    return "" if value is None else form.format(value)
 
 
 def growth_rows(build, rounds, scale):
@@ -231,7 +237,7 @@ def main():
                 print(f"{program.name} ...", file=sys.stderr)
                 table.programs[program.name] = program
                 table.runs[program.name] = measure(build, program, compared, rounds)
-    print(f"medians of {rounds} rounds, ratios and goals by {arguments.clock} time")
+    print(f"medians of {rounds} rounds, ratios and goals by {arguments.clock} time" + (": too short to mean anything" if arguments.quick else ""))
     print_table(table.rows(), arguments.markdown)
 
 

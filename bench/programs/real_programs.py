@@ -84,8 +84,7 @@ def clang(program, folder, scale):
     """The driver compiles in its own process."""
     source = folder / "boxes.cpp"
     source.write_text(CPP_HEAD + "".join(CPP_USE.format(i=i) for i in range(int(5 * scale))))
-    quick = ["-O1", "-S", "-o", "-"] if scale >= 1 else ["-fsyntax-only"]
-    return [program, "-std=c++17", *quick, str(source)]
+    return [program, "-std=c++17", *(["-O1", "-S", "-o", "-"] if scale >= 1 else ["-fsyntax-only"]), str(source)]
 
 
 def real_programs(folder, scale):

@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string_view>
 #include <thread>
@@ -44,8 +45,6 @@ std::int64_t now() {
 template <unsigned SITE>
 [[gnu::noinline]] unsigned char* allocate_at(std::size_t size) {
     auto* const block = static_cast<unsigned char*>(std::malloc(size));
-    if (block == nullptr)
-        std::abort();
     std::memset(block, SITE % 251, size < TOUCHED_BYTES ? size : TOUCHED_BYTES);
     return block;
 }
@@ -55,12 +54,8 @@ class WORK {
   public:
     explicit WORK(std::uint32_t seed) : random(seed) {}
     virtual ~WORK() = default;
-    WORK(const WORK&) = delete;
-    WORK& operator=(const WORK&) = delete;
 
     virtual void take(unsigned char* block) = 0;
-    void run_tasks(std::uint64_t pairs);
-    void visit_every_task();
 
     std::uint32_t next() { return (random = random * 1664525U + 1013904223U) >> 8; }
 
@@ -83,11 +78,10 @@ class WORK {
     std::uint32_t random;
 };
 
-template <std::size_t... SITES>
-constexpr auto sites(std::index_sequence<SITES...>) {
+constexpr auto site_table = []<unsigned... SITES>(std::integer_sequence<unsigned, SITES...>) {
     return std::array{&allocate_at<SITES>...};
 }
-constexpr auto site_table = sites(std::make_index_sequence<NUM_SITES>());
+(std::make_integer_sequence<unsigned, NUM_SITES>());
 
 using DESCEND = void (*)(WORK& work, unsigned task, unsigned depth);
 extern const std::array<DESCEND, NUM_FRAME_KINDS> descend_table;
@@ -103,25 +97,24 @@ template <unsigned KIND>
     asm volatile("" ::: "memory"); // keeps each call a call: a jump in its place would make no frame
 }
 
-template <std::size_t... KINDS>
-constexpr auto frame_kinds(std::index_sequence<KINDS...>) {
+constinit const std::array<DESCEND, NUM_FRAME_KINDS> descend_table =
+    []<unsigned... KINDS>(std::integer_sequence<unsigned, KINDS...>) {
     return std::array<DESCEND, NUM_FRAME_KINDS>{&descend<KINDS>...};
 }
-constinit const std::array<DESCEND, NUM_FRAME_KINDS> descend_table =
-    frame_kinds(std::make_index_sequence<NUM_FRAME_KINDS>());
+(std::make_integer_sequence<unsigned, NUM_FRAME_KINDS>());
 
 void run_task(WORK& work, unsigned task) {
     descend_table[task % NUM_FRAME_KINDS](work, task, 7 + task % 9);
 }
 
-void WORK::run_tasks(std::uint64_t pairs) {
+void run_tasks(WORK& work, std::uint64_t pairs) {
     for (std::uint64_t done = 0; done < pairs; done += PAIRS_PER_TASK)
-        run_task(*this, next() % NUM_TASKS);
+        run_task(work, work.next() % NUM_TASKS);
 }
 
-void WORK::visit_every_task() {
+void visit_every_task(WORK& work) {
     for (unsigned task = 0; task < NUM_TASKS; ++task)
-        run_task(*this, task);
+        run_task(work, task);
 }
 
 // A new block takes the place of one among those that are live.
@@ -142,50 +135,42 @@ class CHURN : public WORK {
     std::vector<unsigned char*> blocks = std::vector<unsigned char*>(CHURNED_BLOCKS);
 };
 
+// Frees every second block itself and leaves the others, a bundle at a time, with the next thread.
 class NEIGHBOUR : public CHURN {
   public:
     using CHURN::CHURN;
     void give_back(unsigned char* block) override {
         is_mine = !is_mine;
-        if (is_mine) {
+        if (is_mine)
             release(block);
-            return;
-        }
-        outgoing.push_back(block);
-        if (outgoing.size() == BUNDLE) {
-            next_thread->receive(outgoing);
-            release_received();
-        }
+        else
+            outgoing.push_back(block);
+        if (outgoing.size() == BUNDLE)
+            exchange();
     }
-    void release_received() {
-        std::vector<unsigned char*> mine;
-        receive(mine);
-        for (unsigned char* block : mine)
-            release(block);
-    }
-    void finish() {
+    void exchange() {
         next_thread->receive(outgoing);
-        release_received();
+        outgoing.clear();
+        {
+            const std::lock_guard guard(lock);
+            mailbox.swap(incoming);
+        }
+        for (unsigned char* block : incoming)
+            release(block);
+        incoming.clear();
     }
 
     NEIGHBOUR* next_thread = this;
 
   private:
-    // Swaps with an empty mailbox or adds to a full one; whoever brings nothing leaves with all.
-    void receive(std::vector<unsigned char*>& bundle) {
+    void receive(const std::vector<unsigned char*>& bundle) {
         const std::lock_guard guard(lock);
-        if (bundle.empty() || mailbox.empty()) {
-            mailbox.swap(bundle);
-            return;
-        }
         mailbox.insert(mailbox.end(), bundle.begin(), bundle.end());
-        bundle.clear();
     }
 
     bool is_mine = false;
-    std::vector<unsigned char*> outgoing;
+    std::vector<unsigned char*> outgoing, incoming, mailbox;
     std::mutex lock;
-    std::vector<unsigned char*> mailbox;
 };
 
 // Blocks are only held; shrinking frees them in random order.
@@ -217,9 +202,9 @@ struct RESULT {
 
 RESULT run_churn(std::uint64_t pairs) {
     CHURN work(1);
-    work.visit_every_task();
+    visit_every_task(work);
     const std::int64_t start = now();
-    work.run_tasks(pairs);
+    run_tasks(work, pairs);
     return {now() - start, work.sum};
 }
 
@@ -230,27 +215,24 @@ RESULT run_live(std::uint64_t pairs, std::uint64_t held) {
 }
 
 RESULT run_threads(std::uint64_t pairs, std::uint64_t count) {
-    std::vector<NEIGHBOUR*> works;
+    std::vector<std::unique_ptr<NEIGHBOUR>> works;
     for (std::uint32_t seed = 1; seed <= count; ++seed)
-        works.push_back(new NEIGHBOUR(seed));
-    for (std::size_t at = 0; at < count; ++at) {
-        works[at]->next_thread = works[(at + 1) % count];
-        works[at]->visit_every_task();
-    }
+        works.push_back(std::make_unique<NEIGHBOUR>(seed));
+    for (std::size_t at = 0; at < count; ++at)
+        works[at]->next_thread = works[(at + 1) % count].get();
+    for (auto& work : works)
+        visit_every_task(*work);
     const std::int64_t start = now();
-    std::vector<std::thread> threads;
-    for (NEIGHBOUR* work : works)
-        threads.emplace_back([=] { work->run_tasks(pairs / count); });
-    for (std::thread& thread : threads)
-        thread.join();
+    std::vector<std::jthread> threads;
+    for (auto& work : works)
+        threads.emplace_back([&work, share = pairs / count] { run_tasks(*work, share); });
+    threads.clear(); // joins
     RESULT result{now() - start, 0};
-    for (NEIGHBOUR* work : works)
-        work->finish();
-    for (NEIGHBOUR* work : works) {
-        work->release_received();
+    for (int time = 0; time < 2; ++time) // leaves the last bundles, then takes them
+        for (auto& work : works)
+            work->exchange();
+    for (auto& work : works)
         result.sum += work->sum;
-        delete work;
-    }
     return result;
 }
 
@@ -258,7 +240,7 @@ RESULT run_phases(std::uint64_t pairs) {
     constexpr std::size_t HEIGHTS[] = {50000, 150000, 100000, 250000, 150000, 400000};
     constexpr std::size_t LOWEST = 20000;
     HOLD work(3);
-    work.visit_every_task();
+    visit_every_task(work);
     const std::int64_t start = now();
     for (std::uint64_t done = 0, round = 0; done < pairs;
          done += HEIGHTS[round++ % std::size(HEIGHTS)] - LOWEST) {
@@ -271,23 +253,16 @@ RESULT run_phases(std::uint64_t pairs) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::string_view program = argc > 2 ? argv[1] : "";
-    const std::uint64_t pairs = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 0;
-    const std::uint64_t second = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 1;
-    RESULT result{};
-    if (program == "churn")
-        result = run_churn(pairs);
-    else if (program == "threads")
-        result = run_threads(pairs, second);
-    else if (program == "live")
-        result = run_live(pairs, second);
-    else if (program == "phases")
-        result = run_phases(pairs);
-    else
+    if (argc < 3)
         return 2;
-    std::printf("%llu pairs, sum %llu\n", static_cast<unsigned long long>(pairs),
-                static_cast<unsigned long long>(result.sum));
-    std::fprintf(stderr, "LOOP %lld END %lld\n", static_cast<long long>(result.loop),
-                 static_cast<long long>(now()));
+    const std::string_view program = argv[1];
+    const std::uint64_t pairs = std::strtoull(argv[2], nullptr, 10);
+    const std::uint64_t second = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 1;
+    const RESULT result = program == "churn"     ? run_churn(pairs)
+                          : program == "threads" ? run_threads(pairs, second)
+                          : program == "live"    ? run_live(pairs, second)
+                                                 : run_phases(pairs);
+    std::printf("%llu pairs, sum %llu\n", 0ULL + pairs, 0ULL + result.sum);
+    std::fprintf(stderr, "LOOP %lld END %lld\n", 0LL + result.loop, 0LL + now());
     return 0;
 }
