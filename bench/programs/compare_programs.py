@@ -10,8 +10,8 @@ of allocation and free while the number of events and of live blocks grows. A ru
 plain one, or ends otherwise, is an error. Exit status 1 only for that: a missed goal is shown.
 
 Time added is that over the same allocator without tracking: over the proxy for the library, over the C library for
-others. heaptrack is its recording alone, into /dev/null: its interpreter, which makes sites of what is recorded, is left
-out (1.4 can't read its own record of some of these programs and ends them with it). gperftools writes one dump, at the
+others. heaptrack is its recording alone, into /dev/null: its interpreter, which makes sites of what is recorded, is
+left out (1.4 can't read its own record of some of these programs and ends them with it). gperftools writes one dump, at the
 end, without names. The library's own times are whole: names, lines, reports and all.
 """
 import argparse
@@ -95,7 +95,8 @@ def number_of_sites(folder):
 
 def run_once(build, program, variables):
     with tempfile.TemporaryDirectory() as folder:
-        command = [f"{build}/bench/startup/spawn_and_measure", *variables, "PYTHONMALLOC=malloc", "--", *program.command]
+        spawn = f"{build}/bench/startup/spawn_and_measure"
+        command = [spawn, *variables, "PYTHONMALLOC=malloc", "--", *program.command]
         run = subprocess.run(command, cwd=folder, capture_output=True, timeout=TIMEOUT, check=True)
         ended = time.monotonic_ns()
         *output, measured = run.stdout.splitlines()
@@ -151,7 +152,8 @@ class TABLE:
         program, runs = self.programs[name], self.runs[name]
         run, proxy = runs[variant], runs["proxy"]
         if program.is_real and variant in ("shim", "mask 1", "mask 32"):
-            yield "ratio", self.seconds(name, variant) / self.seconds(name, "proxy"), 1.01 if variant == "shim" else 1.08
+            ratio = self.seconds(name, variant) / self.seconds(name, "proxy")
+            yield "ratio", ratio, 1.01 if variant == "shim" else 1.08
         if variant in ("mask 8", "mask 16") and name in HEAPTRACK_SHARE:
             yield "of heaptrack's", self.share(name, variant, "heaptrack"), HEAPTRACK_SHARE[name]
         if variant == "mask 95" and name != "empty":
@@ -199,7 +201,8 @@ def growth_rows(build, rounds, scale):
                 columns[variant].append(run.loop / pairs)
             yield [name, str(size), *(f"{column[-1]:.0f}" for column in columns.values())]
         flat = {variant: max(column) / min(column) for variant, column in columns.items()}
-        yield [name, "flat <= 1.25", *(f"{value:.2f}" + (" pass" if value <= 1.25 else " MISS") for value in flat.values())]
+        verdicts = (f"{value:.2f} {'pass' if value <= 1.25 else 'MISS'}" for value in flat.values())
+        yield [name, "flat <= 1.25", *verdicts]
 
 
 def print_table(rows, as_markdown):
@@ -237,7 +240,8 @@ def main():
                 print(f"{program.name} ...", file=sys.stderr)
                 table.programs[program.name] = program
                 table.runs[program.name] = measure(build, program, compared, rounds)
-    print(f"medians of {rounds} rounds, ratios and goals by {arguments.clock} time" + (": too short to mean anything" if arguments.quick else ""))
+    too_short = ": too short to mean anything" if arguments.quick else ""
+    print(f"medians of {rounds} rounds, ratios and goals by {arguments.clock} time{too_short}")
     print_table(table.rows(), arguments.markdown)
 
 
