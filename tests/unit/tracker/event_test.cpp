@@ -78,9 +78,15 @@ TEST_F(ATTRIBUTION_TEST, LooksDeeperOnlyBehindAFullCapture) {
         FAKE_STACK stack;
         int parsed, others; // blocks so far
         std::size_t captures;
-    } cases[] = {{filtered_frames(10, {PARSE}), 1, 0, 1}, {filtered_frames(11, {PARSE}), 2, 0, 2},
-                 {filtered_frames(60, {PARSE}), 3, 0, 2}, {filtered_frames(61, {PARSE}), 3, 1, 2},
-                 {filtered_frames(10), 3, 2, 1},          {{}, 3, 3, 1}};
+    } cases[] = {{filtered_frames(10, {PARSE}), 1, 0, 1},
+                 {filtered_frames(11, {PARSE}), 2, 0, 2},
+                 {filtered_frames(60, {PARSE}), 3, 0, 2},
+                 {filtered_frames(61, {PARSE}), 3, 1, 2},
+                 // Frames that are known need no capture.
+                 {filtered_frames(10), 3, 2, 0},
+                 {{}, 3, 3, 0},
+                 {filtered_frames(60, {PARSE}), 4, 3, 0},
+                 {filtered_frames(61, {PARSE}), 4, 4, 0}};
     std::uint64_t block = 0xA000;
     for (const auto& [stack, parsed, others, captures] : cases) {
         SCOPED_TRACE(stack.size());
@@ -93,6 +99,29 @@ TEST_F(ATTRIBUTION_TEST, LooksDeeperOnlyBehindAFullCapture) {
         }
         EXPECT_EQ(module_record("parser").current_blocks, parsed);
         EXPECT_EQ(module_record("OTHER").current_blocks, others);
+    }
+}
+
+// What is known of frames must not outlive the table: neither their records nor the catch-all.
+TEST_F(ATTRIBUTION_TEST, LooksAtEveryFrameAgainBehindAReset) {
+    start(MEM_GRANULARITY_PER_FILELINE | MEM_GRANULARITY_PER_LIBRARY);
+    std::uint64_t block = 0xA000;
+    for (int round = 0; round < 3; ++round) {
+        fake_define_symbol(PARSE, {"parse" + std::to_string(round), "/src/parse.cpp", 10, "parser"});
+        fake_captures().clear();
+        for (int count = 0; count < 4; ++count)
+            allocate(block += 16, 16, filtered_frames(3, {PARSE}));
+        // Until there is a catch-all again, the length of each stack has to be looked at.
+        EXPECT_EQ(fake_captures().size(), round == 0 ? 1U : 4U);
+        MEM_ADDRESS_TRACKER site;
+        EXPECT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(block), site));
+        EXPECT_EQ(site.function_name, "parse" + std::to_string(round));
+        EXPECT_EQ(site.current_blocks, 4);
+        for (int count = 0; count < 2; ++count)
+            allocate(block += 16, 16, filtered_frames(11));
+        EXPECT_TRUE(mem_get_address_tracker(nullptr, site));
+        EXPECT_EQ(site.current_blocks, 2);
+        mem_reset_tracking_entries();
     }
 }
 

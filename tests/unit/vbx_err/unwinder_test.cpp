@@ -1,6 +1,6 @@
 // What real programs don't show: broken unwind information, races for a rule, interrupted captures.
-#include "vbx/platform/vbx_err/cfi_program.h"
 #include "vbx/platform/os/address_cache.h"
+#include "vbx/platform/vbx_err/cfi_program.h"
 #include "vbx/platform/vbx_err/stack_bounds.h"
 #include "vbx/platform/vbx_err/unwinders.h"
 

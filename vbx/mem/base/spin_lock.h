@@ -9,7 +9,8 @@
 #include <atomic>
 #include <cstdint>
 
-class MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
+// On a cache line of its own: what else lies there would be taken from the other threads with it.
+class alignas(64) MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
   public:
     constexpr explicit MEM_SPIN_LOCK(MEM_LOCK_RANK rank) : m_rank(rank) {}
     MEM_SPIN_LOCK(const MEM_SPIN_LOCK&) = delete;

@@ -1,59 +1,82 @@
 #include "vbx/mem/base/tracker_gate.h"
 
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/base/lock_rank.h"
 #include "vbx/platform/os/clock.h"
+#include "vbx/platform/os/thread.h"
+
+#include <algorithm>
+
+MEM_TRACKER_GATE::PLACE& MEM_TRACKER_GATE::own_place() {
+    return m_places[os_thread_id() % PLACES];
+}
+
+bool MEM_TRACKER_GATE::has_cats() const {
+    return catsApproaching.load() != 0 || cats.load() != 0;
+}
+
+bool MEM_TRACKER_GATE::has_mice() const {
+    return std::any_of(m_places, m_places + PLACES,
+                       [](const PLACE& place) { return place.mice.load() != 0; });
+}
 
 void MEM_TRACKER_GATE::enter(MEM_GATE_ROLE role) {
     mem_rank_acquire(MEM_LOCK_RANK::gate);
-    if (role == MEM_GATE_ROLE::mouse) {
-        enter_mouse();
+    OS_PATIENCE patience;
+    if (role == MEM_GATE_ROLE::cat) {
+        catsApproaching.fetch_add(1);
+        while (!try_enter_cat())
+            patience.wait();
+        end_announcement();
         return;
     }
-    announce_cat();
-    OS_PATIENCE patience;
-    while (!try_enter_cat())
-        patience.wait();
-    end_announcement();
+    std::atomic<std::int32_t>& mice = own_place().mice;
+    for (;;) {
+        mice.fetch_add(1);
+        if (!has_cats()) [[likely]]
+            return;
+        mice.fetch_sub(1);
+        // All waits yield: with more threads than processors the one that is waited for has to get one.
+        while (has_cats())
+            patience.wait();
+    }
 }
 
 void MEM_TRACKER_GATE::leave(MEM_GATE_ROLE role) {
-    {
-        MEM_SPIN_GUARD guard(m_gate_lock);
-        if (role == MEM_GATE_ROLE::mouse) {
-            --mice;
-            MEM_CHECK(cats == 0);
-            MEM_CHECK(mice >= 0);
-        } else {
-            --cats;
-            MEM_CHECK(mice == 0);
-            MEM_CHECK(cats == 0);
-        }
+    if (role == MEM_GATE_ROLE::mouse) {
+        MEM_CHECK(cats == 0);
+        const std::int32_t mice = own_place().mice.fetch_sub(1) - 1;
+        MEM_CHECK(mice >= 0);
+    } else {
+        cats.fetch_sub(1);
+        MEM_CHECK(cats == 0);
+        m_cats_in_front.store(0);
     }
     mem_rank_release(MEM_LOCK_RANK::gate);
 }
 
-// All waits yield: with more threads than processors the one that is waited for has to get one.
-void MEM_TRACKER_GATE::enter_mouse() {
-    OS_PATIENCE patience;
-    while (cat_approaches() || !try_enter_mouse())
-        patience.wait();
-}
-
-void MEM_TRACKER_GATE::announce_cat() {
-    MEM_SPIN_GUARD guard(m_approach_lock);
-    ++catsApproaching;
+// One cat at a time looks for mice: what it does not see stays away for it alone.
+bool MEM_TRACKER_GATE::try_enter_cat() {
+    if (m_cats_in_front.exchange(1) != 0)
+        return false;
+    // Mice that come behind this look see the announcement, count themselves off again and stay outside.
+    if (has_mice()) {
+        m_cats_in_front.store(0);
+        return false;
+    }
+    cats.store(1);
+    return true;
 }
 
 void MEM_TRACKER_GATE::end_announcement() {
-    MEM_SPIN_GUARD guard(m_approach_lock);
-    --catsApproaching;
+    catsApproaching.fetch_sub(1);
     MEM_CHECK(catsApproaching >= 0);
 }
 
 bool MEM_TRACKER_GATE::enter_as_cat_within(unsigned timeout_ms) MEM_NO_THREAD_SAFETY_ANALYSIS {
     const std::int64_t deadline = os_clock() + timeout_ms;
     mem_rank_acquire(MEM_LOCK_RANK::gate);
-    announce_cat();
+    catsApproaching.fetch_add(1);
     OS_PATIENCE patience;
     bool is_inside;
     while (!(is_inside = try_enter_cat()) && os_clock() < deadline)
@@ -64,31 +87,10 @@ bool MEM_TRACKER_GATE::enter_as_cat_within(unsigned timeout_ms) MEM_NO_THREAD_SA
     return is_inside;
 }
 
-bool MEM_TRACKER_GATE::cat_approaches() {
-    MEM_SPIN_GUARD guard(m_approach_lock);
-    return catsApproaching != 0;
-}
-
-bool MEM_TRACKER_GATE::try_enter_mouse() {
-    MEM_SPIN_GUARD guard(m_gate_lock);
-    if (cats != 0)
-        return false;
-    ++mice;
-    return true;
-}
-
-bool MEM_TRACKER_GATE::try_enter_cat() {
-    MEM_SPIN_GUARD guard(m_gate_lock);
-    if (mice != 0 || cats != 0)
-        return false;
-    cats = 1;
-    return true;
-}
-
 void MEM_TRACKER_GATE::reset() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    cats = 0;
-    mice = 0;
-    catsApproaching = 0;
-    m_gate_lock.reset();
-    m_approach_lock.reset();
+    for (PLACE& place : m_places)
+        place.mice.store(0, std::memory_order_relaxed);
+    catsApproaching.store(0, std::memory_order_relaxed);
+    cats.store(0, std::memory_order_relaxed);
+    m_cats_in_front.store(0, std::memory_order_relaxed);
 }

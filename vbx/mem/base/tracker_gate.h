@@ -11,11 +11,15 @@
 // before mice, and mice starve while cats keep coming. Cats have no order among themselves.
 //
 // A mouse must never ask to enter as a cat: it would wait for itself.
+//
+// Mice are counted in several places, each thread's in one of them: a mouse writes to no memory that all
+// others write to. It counts itself and then looks for cats; a cat announces itself and then looks for mice.
+// So one of two that come at once sees the other, and the mouse gives way.
 #pragma once
 
 #include "vbx/mem/base/annotations.h"
-#include "vbx/mem/base/spin_lock.h"
 
+#include <atomic>
 #include <cstdint>
 
 enum class MEM_GATE_ROLE : int { mouse = 0, cat = 1 };
@@ -36,18 +40,21 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
     void reset();
 
   private:
-    void enter_mouse();
-    void announce_cat();
-    void end_announcement();
-    bool cat_approaches();
-    bool try_enter_mouse();
-    bool try_enter_cat();
+    static constexpr unsigned PLACES = 16;
+    struct alignas(64) PLACE {
+        std::atomic<std::int32_t> mice{0};
+    };
 
-    std::int32_t cats MEM_GUARDED_BY(m_gate_lock) = 0;
-    std::int32_t mice MEM_GUARDED_BY(m_gate_lock) = 0;
-    std::int32_t catsApproaching MEM_GUARDED_BY(m_approach_lock) = 0;
-    MEM_SPIN_LOCK m_gate_lock{MEM_LOCK_RANK::innermost};
-    MEM_SPIN_LOCK m_approach_lock{MEM_LOCK_RANK::innermost};
+    PLACE& own_place();
+    bool has_cats() const;
+    bool has_mice() const;
+    bool try_enter_cat();
+    void end_announcement();
+
+    PLACE m_places[PLACES];
+    alignas(64) std::atomic<std::int32_t> catsApproaching{0};
+    std::atomic<std::int32_t> cats{0};            // inside
+    std::atomic<std::int32_t> m_cats_in_front{0}; // the one that looks for mice, or is inside
 };
 
 class MEM_SCOPED_CAPABILITY MEM_GATE_MOUSE {

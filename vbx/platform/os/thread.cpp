@@ -8,8 +8,6 @@
 #include <ctime>
 
 namespace {
-constinit __thread std::uint32_t cached_thread_id = 0;
-
 constexpr unsigned YIELDS_BEFORE_SLEEP = 64;
 constexpr long SLEEP_NS = 50'000;
 } // namespace
@@ -25,14 +23,13 @@ void OS_PATIENCE::wait() {
     syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &moment, nullptr);
 }
 
-std::uint32_t os_thread_id() {
-    if (cached_thread_id == 0)
-        cached_thread_id = static_cast<std::uint32_t>(gettid());
-    return cached_thread_id;
+std::uint32_t os_ask_thread_id() {
+    os_kept_thread_id = static_cast<std::uint32_t>(gettid());
+    return os_kept_thread_id;
 }
 
 void os_forget_thread_id() {
-    cached_thread_id = 0;
+    os_kept_thread_id = 0;
 }
 
 OS_NO_CANCELLATION::OS_NO_CANCELLATION() {

@@ -13,9 +13,16 @@ class OS_PATIENCE {
     unsigned m_rounds = 0;
 };
 
+// 0 until the thread has asked for its id.
+[[gnu::tls_model("initial-exec")]] inline constinit __thread std::uint32_t os_kept_thread_id = 0;
+std::uint32_t os_ask_thread_id();
+
 // Id of the calling thread: unique among live threads, reused after a thread has ended. A system call the
 // first time on each thread, a load afterwards.
-std::uint32_t os_thread_id();
+inline std::uint32_t os_thread_id() {
+    const std::uint32_t id = os_kept_thread_id;
+    return id != 0 ? id : os_ask_thread_id();
+}
 
 // In a forked child: the one thread there has another id than the one it is a copy of.
 void os_forget_thread_id();

@@ -28,10 +28,15 @@ void count_turned_away(std::uint64_t requested_size, std::uint64_t allocated_siz
     }
 }
 
+// Without a division where the period is a power of two, as it usually is.
+bool is_multiple(std::uint64_t tick, std::uint64_t period) {
+    return (period & (period - 1)) == 0 ? (tick & (period - 1)) == 0 : tick % period == 0;
+}
+
 // Whether this event's tick of the counter is a sample; the very first one is.
 bool tick_is_sample() {
     const std::uint64_t tick = mem_sample_counter.fetch_add(1, std::memory_order_relaxed);
-    return tick % mem_snapshot_period.load(std::memory_order_relaxed) == 0;
+    return is_multiple(tick, mem_snapshot_period.load(std::memory_order_relaxed));
 }
 
 void report_timeline_index(long long total) {

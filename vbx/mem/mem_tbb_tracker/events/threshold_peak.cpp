@@ -22,9 +22,19 @@ namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
+// Whether the total stands on a higher step of the grid than the peak. Asked at every free: two divisions
+// would be its longest part, and the usual step is a power of two.
+bool is_on_higher_step(std::int64_t total, std::int64_t peak, std::int64_t step) {
+    if (total <= peak)
+        return false;
+    if ((step & (step - 1)) == 0)
+        return (total ^ peak) >= step;
+    return total / step > peak / step;
+}
+
 bool is_new_peak(std::int64_t total, std::int64_t step) {
     return total >= mem_next_peak_bytes.load(relaxed) ||
-           total / step > mem_threshold_peak_bytes.load(relaxed) / step;
+           is_on_higher_step(total, mem_threshold_peak_bytes.load(relaxed), step);
 }
 
 // The next multiple of the step at or above the total; the totals of a 64-bit process stay far below

@@ -21,8 +21,10 @@ MEM_ADDRESS_MAP::MEM_ADDRESS_MAP() : m_entries(ALLOCATOR(POOL_ALLOCATOR<ENTRY>(m
 
 void MEM_ADDRESS_MAP::insert(const void* block, const MEM_BLOCK_RECORD& record) {
     const MEM_RANK_SCOPE accessor_rank(MEM_LOCK_RANK::accessor);
-    ENTRIES::accessor entry;
     // The record goes in with the key: the map may link the new entry and then fail to grow.
+    if (m_entries.insert(ENTRY(block, record)))
+        return;
+    ENTRIES::accessor entry;
     m_entries.insert(entry, ENTRY(block, record));
     entry->second = record;
 }

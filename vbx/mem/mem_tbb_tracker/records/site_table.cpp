@@ -34,22 +34,6 @@ void MEM_SITE_TABLE::clear() {
     m_records = decltype(m_records)(); // an empty list would keep the buckets
 }
 
-void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
-    const auto bytes = static_cast<std::int64_t>(size);
-    tracker.current_blocks += 1;
-    tracker.cumulative_blocks += 1;
-    tracker.max_blocks = std::max(tracker.max_blocks, tracker.current_blocks);
-    tracker.current_bytes += bytes;
-    tracker.cumulative_bytes += bytes;
-    tracker.cumulative_requested_bytes += static_cast<std::int64_t>(requested_size);
-    tracker.max_bytes = std::max(tracker.max_bytes, tracker.current_bytes);
-}
-
-void mem_credit(MEMORY_TRACKER_BASE& tracker, std::uint64_t size) {
-    tracker.current_blocks -= 1;
-    tracker.current_bytes -= static_cast<std::int64_t>(size);
-}
-
 void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
     mem_credit(tracker, size);
     tracker.cumulative_blocks -= 1;

@@ -13,6 +13,7 @@
 
 #include <vbx/mem/trackers.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <unordered_map>
@@ -57,8 +58,21 @@ class MEM_SITE_TABLE {
 inline constinit MEM_SITE_TABLE* mem_tbb_site_table MEM_PT_GUARDED_BY(mem_site_lock) = nullptr;
 
 // The four counters and three maxima that one block moves, the same for sites and modules.
-void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size);
-void mem_credit(MEMORY_TRACKER_BASE& tracker, std::uint64_t size);
+inline void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
+    const auto bytes = static_cast<std::int64_t>(size);
+    tracker.current_blocks += 1;
+    tracker.cumulative_blocks += 1;
+    tracker.max_blocks = std::max(tracker.max_blocks, tracker.current_blocks);
+    tracker.current_bytes += bytes;
+    tracker.cumulative_bytes += bytes;
+    tracker.cumulative_requested_bytes += static_cast<std::int64_t>(requested_size);
+    tracker.max_bytes = std::max(tracker.max_bytes, tracker.current_bytes);
+}
+
+inline void mem_credit(MEMORY_TRACKER_BASE& tracker, std::uint64_t size) {
+    tracker.current_blocks -= 1;
+    tracker.current_bytes -= static_cast<std::int64_t>(size);
+}
 // Takes back a charge of a moment ago; the maxima stay.
 void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size);
 

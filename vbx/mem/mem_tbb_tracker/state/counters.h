@@ -9,11 +9,19 @@
 #include <atomic>
 #include <cstdint>
 
+// What every event of every thread writes lies on cache lines of its own: what they only read would be taken
+// from the other threads with it.
+constexpr std::size_t MEM_CACHE_LINE = 64;
+
+struct alignas(MEM_CACHE_LINE) MEM_SAMPLE_COUNTER : std::atomic<std::uint64_t> {
+    using std::atomic<std::uint64_t>::atomic;
+};
+
 // One tick for each event that passes the guard.
-inline constinit std::atomic<std::uint64_t> mem_sample_counter{0};
+inline constinit MEM_SAMPLE_COUNTER mem_sample_counter{0};
 
 // What the guard of the event handler turns away: the tracker's own heap use and blocked threads.
-struct MEM_FALLBACK_COUNTERS {
+struct alignas(MEM_CACHE_LINE) MEM_FALLBACK_COUNTERS {
     std::atomic<std::uint64_t> allocations{0};
     std::atomic<std::uint64_t> frees{0};
     std::atomic<std::uint64_t> requested_total{0};
@@ -27,7 +35,7 @@ inline constinit MEM_FALLBACK_COUNTERS mem_fallback_counters;
 // process, and the destructor that the exit runs here does nothing. The object is constant-initialised: it is
 // there before any code of the library has run.
 template <class T>
-union MEM_IMMORTAL {
+union alignas(MEM_CACHE_LINE) MEM_IMMORTAL {
     T object;
     constexpr MEM_IMMORTAL() : object() {}
     ~MEM_IMMORTAL() {}
