@@ -2,10 +2,10 @@
 include(CMakePackageConfigHelpers)
 
 # Nothing in a host refers to the shim by name, so a linker that drops libraries without references drops it; then
-# malloc is the C library's and no event ever arrives. An option and no library to link with, because the options around
-# one would not keep their places; it comes in front of everything, the C library among it.
-target_link_options(vbx_mem INTERFACE
-  "$<BUILD_INTERFACE:LINKER:--push-state,--no-as-needed,$<TARGET_FILE:tbbamalloc>,--pop-state>")
+# malloc is the C library's and no event ever arrives. One word among the libraries: several would not keep their
+# places, and options do not come through a static library of a host with old policies.
+target_link_libraries(vbx_mem INTERFACE
+  "-Wl,--push-state,--no-as-needed,\"$<TARGET_FILE:tbbamalloc>\",--pop-state")
 
 # The libraries lie in one folder and find each other there, wherever it stands.
 set_target_properties(vbx_mem vbx_mem_preload PROPERTIES INSTALL_RPATH "$ORIGIN")
