@@ -111,6 +111,8 @@ TEST(BadInput, FilesThatCannotBeWrittenArePassedOver) {
     const TEST_OUTCOME outcome =
         run_host(directory, PER_FILELINE + long_name, {"tag", std::string(300, 't')});
     EXPECT_NE(outcome.standard_output.find("Loading: " + std::string(10'000, 'n') + "\n"), std::string::npos);
+    const TEST_OUTCOME preloaded = run_host(directory, test_preload() + long_name);
+    EXPECT_NE(preloaded.standard_error.find("nnn\nUnloading: MEM\n"), std::string::npos);
 }
 
 // Leaked bytes of each block of a fast report whose every line is as it should be.
