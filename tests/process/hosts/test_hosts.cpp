@@ -195,8 +195,15 @@ TEST(Output, CodeModulesAreListedByTheProcessThatRegisteredThem) {
     EXPECT_EQ(written.substr(0, written.find("Debug: MEM: ")), expected) << written;
 }
 
-// Nothing of that size is to be had, and the sum with the alignment doesn't even fit a number.
-TEST(Output, ExhaustedChunkAllocatorEndsTheProcessWithItsReports) {
+// Nothing of the two sizes is to be had, and the sum with the alignment doesn't even fit a number.
+TEST(Output, ChunkAllocatorGivesAllBackAndExhaustedEndsTheProcessWithItsReports) {
+    const TEST_ENVIRONMENT per_bin = {{"TARVANE_MEM_PROFILE_PER_BIN", "1"}};
+    for (const char* const is_off : {"off", "on"}) {
+        const TEST_ENVIRONMENT environment =
+            per_bin + TEST_ENVIRONMENT{{"mem_utils_no_chunk_allocation", is_off}};
+        EXPECT_EQ(run_host(TEST_DIRECTORY(), environment, {"use_chunks"}).standard_output, "0 left\n")
+            << is_off;
+    }
     for (const char* const size : {"18446744073709551610", "9000000000000000000"}) {
         const TEST_DIRECTORY directory;
         const TEST_OUTCOME outcome =
