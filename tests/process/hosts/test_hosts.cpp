@@ -95,7 +95,7 @@ TEST(BadInput, HostsThatChangeTheirSurroundingsGetTheirReports) {
     }
 }
 
-TEST(BadInput, FilesThatCannotBeWrittenArePassedOver) {
+TEST(BadInput, FilesAndStreamsThatCannotBeWrittenArePassedOver) {
     const TEST_DIRECTORY removed;
     EXPECT_EQ(run_host(removed, test_all_switches(), {"remove_directory"}).standard_error, "");
     const TEST_DIRECTORY small; // the kernel answers longer files with a signal
@@ -106,6 +106,7 @@ TEST(BadInput, FilesThatCannotBeWrittenArePassedOver) {
     ASSERT_EQ(mkfifo((piped / REPORT).c_str(), 0600), 0);
     run_host(piped, PER_FILELINE, {"none"});
     EXPECT_NE(test_read_file(piped / "mem_tbb_subsystem.tvx.log"), "");
+    run_host(TEST_DIRECTORY(), {{"debug_msg", "on"}, {"MEM_PRINT_LIB_LOAD", "1"}}, {"lock_output"});
     const TEST_DIRECTORY directory; // no file can have such a name
     const TEST_ENVIRONMENT long_name = {{"HOST_LONG_NAME", "1"}, {"MEM_PRINT_LIB_LOAD", "1"}};
     const TEST_OUTCOME outcome =
