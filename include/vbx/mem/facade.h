@@ -20,7 +20,7 @@ class VBX_MEM_API MEM_SEGMENT {
     MEM_SEGMENT& operator=(const MEM_SEGMENT&);
     MEM_SEGMENT& operator=(MEM_SEGMENT&&) noexcept;
 
-    // Always 1.
+    // Returns 1
     int get_id() const;
     // Does nothing: blocks carry no guards.
     void check_memory_guards() const;
