@@ -2,10 +2,10 @@
 include(CMakePackageConfigHelpers)
 
 # Nothing in a host refers to the shim by name, so a linker that drops libraries without references drops it; then
-# malloc is the C library's and no event ever arrives. An option and no library to link with, because the options around
-# one would not keep their places; it comes in front of everything, the C library among it.
-target_link_options(vbx_mem INTERFACE
-  "$<BUILD_INTERFACE:LINKER:--push-state,--no-as-needed,$<TARGET_FILE:tbbamalloc>,--pop-state>")
+# malloc is the C library's and no event ever arrives. One word among the libraries: several would not keep their
+# places, and options do not come through a static library of a host with old policies.
+target_link_libraries(vbx_mem INTERFACE
+  "-Wl,--push-state,--no-as-needed,\"$<TARGET_FILE:tbbamalloc>\",--pop-state")
 
 # The libraries lie in one folder and find each other there, wherever it stands.
 set_target_properties(vbx_mem vbx_mem_preload PROPERTIES INSTALL_RPATH "$ORIGIN")
@@ -34,8 +34,15 @@ function(vbx_install)
   install(FILES ${work}/vbx_mem-config.cmake ${work}/vbx_mem-config-version.cmake
     DESTINATION ${arg_LIBDIR}/cmake/vbx_mem COMPONENT ${arg_DEV} ${exclude})
 
-  # Relative to the file itself, so that an installed tree can be moved; lib may lie more than one folder deep.
-  string(REGEX REPLACE "[^/]+" ".." VBX_PC_UP ${arg_LIBDIR}/pkgconfig)
+  # Relative to the file itself, so that an installed tree can be moved; but a folder given as an absolute path stays
+  # where it is.
+  get_filename_component(libdir ${arg_LIBDIR} ABSOLUTE BASE_DIR ${CMAKE_INSTALL_PREFIX})
+  file(RELATIVE_PATH up ${libdir}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+  string(REGEX REPLACE "/$" "" VBX_PC_UP "${up}")
+  set(VBX_PC_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR})
+  if(NOT IS_ABSOLUTE ${VBX_PC_INCLUDEDIR})
+    string(PREPEND VBX_PC_INCLUDEDIR "\${prefix}/")
+  endif()
   configure_file(${PROJECT_SOURCE_DIR}/cmake/vbx_mem.pc.in ${work}/vbx_mem.pc @ONLY)
   install(FILES ${work}/vbx_mem.pc DESTINATION ${arg_LIBDIR}/pkgconfig COMPONENT ${arg_DEV} ${exclude})
 endfunction()

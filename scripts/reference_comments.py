@@ -8,7 +8,8 @@ What is documentation follows from where a comment stands:
   - a block right above a declaration documents it and those that follow without a blank line and a comment of their own;
   - a comment behind a field or an enumerator documents that;
   - a block with a blank line behind it documents nothing;
-  - what a class has of copies and assignments without a comment does the usual and is left out.
+  - what a class has of copies and assignments without a comment does the usual and is left out; one with a comment
+    needs no words for the other object and for its result.
 Inside a block, lines of the form `argument  meaning` describe the arguments of the declaration that are named so, and a
 line that begins with "Returns" its result.
 """
@@ -31,8 +32,20 @@ def escaped(text):
     return "".join(part if part.startswith("`") else re.sub(r"([\\<>#@%&*\"])", r"\\\1", part) for part in parts)
 
 
+def usual_words(declaration):
+    if re.search(r"\(const \w+& other\)", declaration):
+        yield "\\param other what is copied"
+    if "operator=(" in declaration:
+        yield "\\return this object"
+
+
 def marked_up(block, declaration):
     """The lines of a block, as many as came in, in doxygen's language."""
+    *lines, last = lines_of(block, declaration)
+    return [*lines, BREAK.join([last, *usual_words(declaration)])]
+
+
+def lines_of(block, declaration):
     in_list = False
     for text in block:
         argument = ARGUMENT.match(text)

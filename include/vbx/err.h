@@ -11,6 +11,6 @@ class VBX_MEM_API ERR_EXCEPTION {
     ERR_EXCEPTION& operator=(const ERR_EXCEPTION&);
     virtual ~ERR_EXCEPTION();
 
-    // One line of text that tells what happened; never null, valid as long as the exception.
+    // Returns one line of text that tells what happened; never null, valid as long as the exception
     virtual const char* report() const;
 };

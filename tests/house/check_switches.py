@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """The records of the switches (docs/switches.txt) tell the truth, and the README and the manual page tell the same.
 
-    check_switches.py names ROOT           every name that the sources ask for has a record, and no other
+    check_switches.py names ROOT           every name that the sources ask for has a record, and no other; names that
+                                           the sources ask for together stand together
     check_switches.py readme ROOT          the README's tables are those of scripts/switches.py
     check_switches.py files ROOT PROGRAM   each switch brings the reports of its record, by each of its names
     check_switches.py page ROOT PAGE       the manual page has all names and no fault that its formatters know of
@@ -20,6 +21,8 @@ from switches import read_records, with_tables
 
 # A string of this shape in the sources is the name of a switch, however it is asked for.
 NAME = re.compile(r'"((?:TARVANE_MEM|MEM)_[A-Z_]+|mem_[a-z_]*[a-z]|debug_msg)"')
+# A variable and its keys, side by side.
+ROW = re.compile(r'"((?:TARVANE_)?MEM_[A-Z_]+)",\s*"(mem_[a-z_]+)"(?:,\s*"(mem_[a-z_]+)")?')
 
 
 def check_names(root, records):
@@ -29,6 +32,10 @@ def check_names(root, records):
     told = {name for record in records for field in ("variable", "key", "default") for name in record[field]}
     yield from (f"{name}: in the sources, without a record" for name in asked - told)
     yield from (f"{name}: a record, but not in the sources" for name in told - asked)
+    rows = {" ".join(filter(None, row)) for text in sources for row in ROW.findall(text)}
+    told_rows = {" ".join(record["variable"] + record["key"]) for record in records
+                 if record["variable"] and record["key"]}
+    yield from (f"{row}: together in the sources or in a record alone" for row in sorted(rows ^ told_rows))
 
 
 def check_readme(root, records):

@@ -25,17 +25,20 @@ def build_with_cmake(project, prefix, folder, compiler):
     run("cmake", "-S", project, "-B", folder / "cmake", "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}",
         f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed")
     run("cmake", "--build", folder / "cmake")
-    return folder / "cmake/outside", folder / "cmake/libplugin.so"
+    return [folder / "cmake/outside", folder / "cmake/archived"], folder / "cmake/libplugin.so"
 
 
 def build_with_pkg_config(project, prefix, folder, compiler):
-    environment = dict(os.environ, PKG_CONFIG_PATH=str(only(prefix, "vbx_mem.pc").parent))
-    flags = run("pkg-config", "--cflags", "--libs", "vbx_mem", env=environment).split()
+    # Beside another package that links in the same manner: repeated words are dropped.
+    (folder / "other.pc").write_text("Name: other\nDescription: other\nVersion: 1\n"
+                                     "Libs: -Wl,--push-state,--no-as-needed -ldl -Wl,--pop-state\n")
+    environment = dict(os.environ, PKG_CONFIG_PATH=f"{only(prefix, 'vbx_mem.pc').parent}:{folder}")
+    flags = run("pkg-config", "--cflags", "--libs", "vbx_mem", "other", env=environment).split()
     flags += ["-std=c++20", "-g", "-Wl,--as-needed", f"-Wl,-rpath,{only(prefix, 'libvbx_mem.so').parent}"]
     program, plugin = folder / "with_pkg_config", folder / "libplugin.so"
-    run(compiler, project / "main.cpp", "-o", program, *flags, "-ldl")
+    run(compiler, project / "main.cpp", "-o", program, *flags)
     run(compiler, "-shared", "-fPIC", project / "plugin.cpp", "-o", plugin, *flags)
-    return program, plugin
+    return [program], plugin
 
 
 def sites_missing(folder, program, *arguments, sites, **environment):
@@ -74,6 +77,7 @@ def preloaded_faults(project, prefix, plugin, folder):
 
 def faults(project, prefix, folder, compiler):
     for build in (build_with_cmake, build_with_pkg_config):
-        program, plugin = build(project, prefix, folder, compiler)
-        yield from linked_faults(program, plugin, folder)
+        programs, plugin = build(project, prefix, folder, compiler)
+        for program in programs:
+            yield from linked_faults(program, plugin, folder)
     yield from preloaded_faults(project, prefix, plugin, folder)

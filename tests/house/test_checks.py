@@ -77,6 +77,8 @@ class Checks(unittest.TestCase):
             ("", ""),
             ("struct PAIR {", "struct PAIR {"),
             ("    PAIR(const PAIR&);", ""),
+            ("    // Takes the first.", "/// Takes the first. \\ilinebr \\return this object"),
+            ("    PAIR& operator=(const PAIR&);", "    PAIR& operator=(const PAIR&);"),
             ("    int first;  // of two", "    int first;  ///< of two"),
             ("                // numbers", "                ///< numbers"),
             ("};", "};"),

@@ -13,6 +13,9 @@ constinit bool lines_are_late = false;
 constinit bool debug_messages_are_on = false;
 
 void print_lines() {
+    const MEM_STDOUT_AT_END standard_output;
+    if (!standard_output.can_be_used())
+        return;
     mem_print_stdout("Debug: MEM: Native allocator:          '%s'\n", "TBBmalloc");
     mem_print_stdout("Debug: MEM: Allocator used by Tarvane: '%s'\n", "TBBmalloc");
 }

@@ -39,6 +39,9 @@ void mem_register_dll_for_pgo(const char* module, const char* pgo_workload) {
 void mem_list_code_modules() {
     if (!mem_debug_messages_are_on() || registry == nullptr)
         return;
+    const MEM_STDOUT_AT_END standard_output;
+    if (!standard_output.can_be_used())
+        return;
     const OS_NO_CANCELLATION no_cancellation;
     const OS_NO_WRITE_SIGNALS no_signals;
     for (const auto& [module, workload] : *registry) {

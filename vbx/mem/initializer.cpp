@@ -50,6 +50,12 @@ const char* printable(const char* module_name) {
     return module_name != nullptr ? module_name : "(null)";
 }
 
+void print_unload_line(const char* module_name) {
+    const MEM_STDOUT_AT_END standard_output;
+    if (standard_output.can_be_used())
+        mem_print_stdout("Unloading: %s\n", printable(module_name));
+}
+
 } // namespace
 
 MEM_INITIALIZER::MEM_INITIALIZER(const char* module_name) : m_module_name(module_name) {
@@ -66,7 +72,7 @@ MEM_INITIALIZER::~MEM_INITIALIZER() {
     const bool prints_line = unload_lines.is_on();
     const MEM_LIBRARY_GUARD guard;
     if (prints_line)
-        mem_print_stdout("Unloading: %s\n", printable(m_module_name));
+        print_unload_line(m_module_name);
     if (std::atomic_ref(s_init_counter).fetch_sub(1) == 1) {
         mem_tbb_tracker_teardown();
         mem_release_reserves();

@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <string_view>
 
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* module) noexcept;
 
@@ -72,6 +73,11 @@ void mem_preload_print(const char* format, std::va_list args) {
         return;
     char text[1024];
     const int wanted = std::vsnprintf(text, sizeof text, format, args);
-    if (wanted > 0)
-        os_write(STDERR_FILENO, text, std::min(static_cast<std::size_t>(wanted), sizeof text - 1));
+    if (wanted <= 0)
+        return;
+    const std::size_t length = std::min(static_cast<std::size_t>(wanted), sizeof text - 1);
+    // A line that is cut ends as a line still, or the next one would be glued to it.
+    if (std::string_view(format).ends_with('\n'))
+        text[length - 1] = '\n';
+    os_write(STDERR_FILENO, text, length);
 }

@@ -18,8 +18,12 @@ using MEM_EVENT_CALLBACK = void (*)(void* block, std::uint64_t requested_size, s
 
 // Adds a callback behind those already in the table; one that is already there is not added twice. The table
 // holds 16 callbacks, of which the library uses at most 5; one more ends the process with an internal error.
+// callback  must not be null, and its code has to stay in the process
+// Throws std::bad_alloc, with the table as it was.
 VBX_MEM_API void mem_add_callback_function(MEM_EVENT_CALLBACK callback);
 
 // Removes a callback; the order of the others stays. Events already under way on other threads may still call
-// it, so its code has to stay in the process.
+// it.
+// callback  one that is not in the table is passed over
+// Throws std::bad_alloc, with the table as it was.
 VBX_MEM_API void mem_remove_callback_function(MEM_EVENT_CALLBACK callback);

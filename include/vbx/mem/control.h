@@ -18,7 +18,8 @@ enum MEM_TRACKING_GRANULARITY : std::uint32_t {
     MEM_GRANULARITY_ALL = 95,                // all but MEM_GRANULARITY_CHECK_LEAKS_FAST
 };
 
-// The features of both.
+// a, b  masks
+// Returns the features of both
 constexpr MEM_TRACKING_GRANULARITY operator|(MEM_TRACKING_GRANULARITY a, MEM_TRACKING_GRANULARITY b) {
     return static_cast<MEM_TRACKING_GRANULARITY>(static_cast<std::uint32_t>(a) |
                                                  static_cast<std::uint32_t>(b));
@@ -26,9 +27,12 @@ constexpr MEM_TRACKING_GRANULARITY operator|(MEM_TRACKING_GRANULARITY a, MEM_TRA
 
 // Turns features on or off for the whole process, from each event's next start. Blocks already live are not
 // known to a feature that comes on late, and no report is written for it, but for the leak reports.
+// bits  the features; the others stay as they are
+// Throws std::bad_alloc, with nothing changed.
 VBX_MEM_API void mem_enable_tracking(MEM_TRACKING_GRANULARITY bits);
 VBX_MEM_API void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits);
-// True if all of `bits` are on; true for 0. Lock-free.
+// bits  features
+// Returns whether all of them are on; true for none. Lock-free
 VBX_MEM_API bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits);
 
 // Forgets what has been attributed so far: sites, modules, live blocks, the figures of tags with their
@@ -39,16 +43,22 @@ VBX_MEM_API bool mem_tracking_is_enabled(MEM_TRACKING_GRANULARITY bits);
 VBX_MEM_API void mem_reset_tracking_entries();
 
 // Works the mask out from the environment and the configuration, and sets the flags that say which reports
-// are written at the end. Does not store the mask. The library calls it once, at load.
+// are written at the end. Does not store the mask. The library calls it once, at load. Throws what the host's
+// configuration callbacks throw, and std::bad_alloc.
+// Returns the mask
 VBX_MEM_API MEM_TRACKING_GRANULARITY mem_get_tracking_granularity_from_env();
 
-// The global statistics alone: MEM_GRANULARITY_PER_BIN on or off.
+// Turns MEM_GRANULARITY_PER_BIN alone on or off, as mem_enable_tracking and mem_disable_tracking do.
+// on  whether the global statistics run from now on
 VBX_MEM_API void mem_set_tbb_track_alloc_dealloc(bool on);
+// Returns whether they run. Lock-free
 VBX_MEM_API bool mem_get_tbb_track_alloc_dealloc();
 
 // Region measuring at the opening and closing of profile bins. Starts the tracker if it has not started; the
 // mask of a started tracker is not changed.
+// on  whether regions are measured from now on; not to be changed while a bin is open
 VBX_MEM_API void mem_set_tbb_memory_tracking_enabled(bool on);
+// Returns whether they are measured. Lock-free
 VBX_MEM_API bool mem_get_tbb_memory_tracking_enabled();
 
 // Stops the global statistics, process-wide, until the end of a scope. Two guards on different threads can
@@ -69,7 +79,8 @@ class VBX_MEM_API MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT {
 
 extern "C" {
 // Turns the calling thread's events away from the tracker, and back. There is no count: one unblock ends any
-// number of blocks. Both give the old state, 0 or 1.
+// number of blocks.
+// Returns the state before: 1 when the thread was blocked by the host, 0 otherwise
 VBX_MEM_API int mem_block_thread_tracking();
 VBX_MEM_API int mem_unblock_thread_tracking();
 }

@@ -13,6 +13,7 @@
 VBX_MEM_API void mem_set_alloc_pattern(int pattern);
 
 // From now on fills each block with a byte before it goes back to the heap.
+// pattern  its low 8 bits are the byte
 VBX_MEM_API void mem_set_free_pattern(int pattern);
 
 // Ends both. The patterns are kept, but nothing uses them before one is set again.
@@ -22,4 +23,5 @@ VBX_MEM_API void mem_disable_alloc_patterns();
 // on, or stops. The file is emptied when the process first opens it; later calls go on in it, also after the
 // shutdown of the tracker has closed it. A file that can't be opened is told of in a line "MEM: ..." on
 // standard error.
+// on  whether lines are written
 VBX_MEM_API void mem_set_print_allocations_callback_enabled(bool on);

@@ -20,7 +20,7 @@ class VBX_MEM_API MEM_SEGMENT {
     MEM_SEGMENT& operator=(const MEM_SEGMENT&);
     MEM_SEGMENT& operator=(MEM_SEGMENT&&) noexcept;
 
-    // Always 1.
+    // Returns 1
     int get_id() const;
     // Does nothing: blocks carry no guards.
     void check_memory_guards() const;
@@ -72,7 +72,7 @@ class VBX_MEM_API MEM_MRC_CLASS__ {
     MEM_MRC_CLASS__();
     // Begins with 0, whatever the other's.
     MEM_MRC_CLASS__(const MEM_MRC_CLASS__&);
-    // Leaves the number as it is. @return this object
+    // Leaves the number as it is.
     MEM_MRC_CLASS__& operator=(const MEM_MRC_CLASS__&);
 
     std::uint32_t m_count; // for the derived class to count with

@@ -7,7 +7,8 @@
 // that is in the process, or from the environment; paths are empty; messages go to standard output.
 //
 // A host fills the slots at its own start-up, from one thread. Each setter stores its pointer; null takes the
-// slot back to the default.
+// slot back to the default. Any thread may ask; a query throws what the host's callback throws, and
+// std::bad_alloc.
 #pragma once
 
 #include <vbx/mem/export.h>
@@ -41,24 +42,36 @@ VBX_MEM_API void mem_set_gen_get_is_ui_process_callback(MEM_BOOL_CALLBACK callba
 VBX_MEM_API void mem_set_gen_get_module_filename_callback(MEM_STRING_CALLBACK callback);
 VBX_MEM_API void mem_set_gen_get_project_output_directory_callback(MEM_TEXT_CALLBACK callback);
 
-// Configuration. `name` is the key; without a slot and without a configuration library it is the name of an
-// environment variable.
-// is_on: "on" and "1" are true, "off" and "0" false, in any case of letters; anything else is default_value.
+// The configuration, whose keys are names of environment variables where neither a slot nor a configuration
+// library answers.
+
+// name           the key
+// default_value  the answer to all that is neither "on" nor "1" (true), "off" nor "0" (false), in any case of
+//                letters
+// Returns whether the key is on
 VBX_MEM_API bool mem_cfg_is_on(const char* name, bool default_value);
-// The whole value; empty when there is none.
+// name  the key
+// Returns the whole value; empty when there is none
 VBX_MEM_API std::string mem_cfg_get_value(const char* name);
-// The number at the beginning of the value. default_value is handed to a host's callback and used nowhere
-// else: a missing value is 0.
+// name           the key
+// default_value  for the host's callback, and used nowhere else
+// Returns the number at the beginning of the value; 0 when there is none
 VBX_MEM_API int mem_cfg_get_int_value(const char* name, int default_value);
 
-// Paths and process; with an empty slot "" or false. The last never gives null.
+// Returns what the host's callback says; empty without one
 VBX_MEM_API std::string mem_gen_get_tarvane_path();
 VBX_MEM_API std::string mem_gen_get_db_dir_path_string();
 VBX_MEM_API std::string mem_gen_get_module_filename();
+// Returns what the host's callback says; false without one
 VBX_MEM_API bool mem_gen_get_is_ui_process();
+// Returns what the host's callback says, its text and not a copy; "" without one
 VBX_MEM_API const char* mem_gen_get_project_output_directory();
 
-// Messages. With an empty slot: "TAG: ", the formatted text and a newline on standard output, result true.
+// Sends a message to the host's callback; without one "TAG: ", the text and a newline to standard output.
+// tag     who sends it
+// format  as for printf, without a newline
+// args    its arguments; consumed
+// Returns what the host's callback says; true without one
 VBX_MEM_API bool mem_msg_local_vdebug(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args);
 VBX_MEM_API bool mem_msg_local_vinfo(const char* tag, const char* format, MEM_MESSAGE_ARGUMENTS args);
 

@@ -44,11 +44,12 @@ VBX_MEM_API void mem_close_profile_bin(const std::string& tag, std::uint64_t* by
 // that is set stays. On the thread that opens and closes.
 VBX_MEM_API void mem_disable_profile_bin_tag_timeline_labels();
 
-// One line a bin (a tag) up to the last one that was ever charged: the highest its current bytes have been,
-// what it held at the peak of the process, all that was ever charged to it, what it holds now. Numbers have
-// the stream's own format. Returns true whatever became of the stream. Needs a started tracker; holds up no
-// event, so the figures of a busy process are not of one instant. Throws
+// Writes one line a bin (a tag) up to the last one that was ever charged: the highest its current bytes have
+// been, what it held at the peak of the process, all that was ever charged to it, what it holds now. Needs a
+// started tracker; holds up no event, so the figures of a busy process are not of one instant. Throws
 // std::bad_alloc, and what the stream is set to throw.
+// stream  gets the lines, numbers in its own format
+// Returns true, whatever became of the stream
 VBX_MEM_API bool mem_dump_tbb_profile_bin_stats_tracking(std::ostream& stream);
 VBX_MEM_API bool mem_dump_tbb_profile_bin_tag_stats_tracking(std::ostream& stream);
 
@@ -63,6 +64,8 @@ struct MEM_PROFILE_BIN_FIGURES {
 class MEM_PROFILE_BIN_SCOPE {
   public:
     // As mem_open_profile_bin.
+    // name  of the bin
+    // tag   becomes the current tag; empty leaves the tag as it is
     explicit MEM_PROFILE_BIN_SCOPE(const std::string& name, std::string tag = {}) : m_tag(std::move(tag)) {
         mem_open_profile_bin(name, m_tag);
     }
@@ -70,7 +73,8 @@ class MEM_PROFILE_BIN_SCOPE {
     MEM_PROFILE_BIN_SCOPE(const MEM_PROFILE_BIN_SCOPE&) = delete;
     MEM_PROFILE_BIN_SCOPE& operator=(const MEM_PROFILE_BIN_SCOPE&) = delete;
 
-    // Closes the bin before the scope ends, and gives its figures; once closed it only gives them again.
+    // Closes the bin before the scope ends, if it is open yet.
+    // Returns its figures
     const MEM_PROFILE_BIN_FIGURES& close() {
         if (m_is_open) {
             m_is_open = false;

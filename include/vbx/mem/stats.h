@@ -17,9 +17,10 @@
 template <class T>
 class KTL_RELAXED_ATOMIC_BASE {
   public:
-    // A copy takes the value of this moment.
     constexpr KTL_RELAXED_ATOMIC_BASE() = default;
+    // value  the first one
     constexpr explicit KTL_RELAXED_ATOMIC_BASE(T value) : m_value(value) {}
+    // A copy takes the value of this moment.
     KTL_RELAXED_ATOMIC_BASE(const KTL_RELAXED_ATOMIC_BASE& other) : m_value(other.load()) {}
     KTL_RELAXED_ATOMIC_BASE& operator=(const KTL_RELAXED_ATOMIC_BASE& other) {
         store(other.load());
@@ -27,13 +28,15 @@ class KTL_RELAXED_ATOMIC_BASE {
     }
     virtual ~KTL_RELAXED_ATOMIC_BASE() = default;
 
-    // The value, read and replaced.
+    // Returns the value
     T load() const { return m_value.load(std::memory_order_relaxed); }
+    // value  replaces the one that is there
     void store(T value) { m_value.store(value, std::memory_order_relaxed); }
-    // Gives the value after the addition.
+    // delta  is added to the value, or taken from it
+    // Returns the value behind that
     T add(T delta) { return m_value.fetch_add(delta, std::memory_order_relaxed) + delta; }
     T subtract(T delta) { return m_value.fetch_sub(delta, std::memory_order_relaxed) - delta; }
-    // Makes the value at least `floor`; it never falls.
+    // floor  becomes the value, unless that is higher already
     void raise_to(T floor) {
         T seen = load();
         while (floor > seen && !m_value.compare_exchange_weak(seen, floor, std::memory_order_relaxed)) {
@@ -62,16 +65,19 @@ struct MEM_STATS {
     MEM_BASE_STATS peak;       // highest current so far
     MEM_BASE_STATS local_peak; // highest current since the region began
 
-    // Counts one block of `size` bytes and raises both pairs of peaks. Lock-free.
+    // Counts one block and raises both pairs of peaks. Lock-free.
+    // size  bytes of its slot
     void add_block(std::uint64_t size);
-    // Takes one block of `size` bytes from `current`, which may fall below 0. Lock-free.
+    // Takes one block from `current`, which may fall below 0. Lock-free.
+    // size  bytes of its slot
     void remove_block(std::uint64_t size);
 };
 
 // The queries read each field by itself: the figures of one call are not one instant. Lock-free.
+// Returns a copy of the counters, in bytes and blocks
 VBX_MEM_API MEM_STATS mem_get_stats();
 VBX_MEM_API MEM_BASE_STATS mem_get_global_current();
 VBX_MEM_API MEM_BASE_STATS mem_get_global_peak();
 VBX_MEM_API MEM_BASE_STATS mem_get_local_peak();
-// Live bytes; a current figure below 0 turns into a very large number.
+// Returns live bytes; a figure below 0 turns into a very large number. Lock-free
 VBX_MEM_API std::uint64_t mem_get_current_bytes();

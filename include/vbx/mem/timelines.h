@@ -23,11 +23,14 @@ VBX_MEM_API void mem_user_snapshot_tracking_data();
 // The bytes of each module, one row a sample taken so far, with one tab between columns.
 // plain     the 18 modules with the largest maxima, and the sum of all others in a column "Misc"
 // detailed  every module
-// Figures are written in the number format that the streams are set to. Returns false, with nothing written,
-// when either stream has failed before or there is no tracker. Holds up events that take a sample, and
-// mem_set_timeline_label, until it is done. Throws std::bad_alloc, and what the streams are set to throw.
+// Figures are written in the number format that the streams are set to. Holds up events that take a sample,
+// and mem_set_timeline_label, until it is done. Throws std::bad_alloc, and what the streams are set to throw.
+// Returns false, with nothing written, when either stream has failed before or there is no tracker
 VBX_MEM_API bool mem_dump_tbb_module_tracking(std::ostream& plain, std::ostream& detailed);
 
-// The bytes of each tag of the profile bins, one row a sample since the start or the last reset. As above,
-// except that it always returns true.
+// The bytes of each tag of the profile bins, one row a sample since the start or the last reset. Format,
+// waits and errors as above.
+// plain     the 18 tags with the largest maxima, and the sum of all others in a column "Misc"
+// detailed  every tag
+// Returns true
 VBX_MEM_API bool mem_dump_tbb_profile_bin_tag_timeline_tracking(std::ostream& plain, std::ostream& detailed);

@@ -6,11 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <locale>
 #include <string>
+#include <thread>
 #include <utility>
 
 static const std::string long_name(10'000, 'n');
@@ -60,6 +62,32 @@ static void register_code_modules() {
     wait(nullptr);
 }
 
+// The process ends while a thread has the stream for good.
+static void lock_output() {
+    static std::atomic<bool> is_locked{false};
+    mem_register_dll_for_pgo("parser", "x");
+    std::thread([] {
+        flockfile(stdout);
+        is_locked = true;
+        is_locked.notify_one();
+        pause();
+    }).detach();
+    is_locked.wait(false);
+}
+
+// Live bytes that are left when all blocks have been given back.
+static void print_bytes_left_of_chunks() {
+    MEM_UTILS_CHUNK_ALLOC chunks;
+    const long long before = mem_get_global_current().bytes.load();
+    void* const blocks[] = {chunks.chunk_malloc(100, 8), chunks.chunk_malloc(40'000, 8)};
+    const bool counts = mem_get_global_current().bytes.load() >= before + 40'000;
+    chunks.chunk_free_memory();
+    for (void* const block : blocks)
+        chunks.chunk_delete_when_chunking_disabled(block);
+    if (counts)
+        std::printf("%lld left\n", mem_get_global_current().bytes.load() - before);
+}
+
 int main(int count, char** arguments) {
     const std::string action = count > 1 ? arguments[1] : "";
     if (action == "close_output") {
@@ -78,6 +106,10 @@ int main(int count, char** arguments) {
         replace_file(arguments[2], std::strtoul(arguments[3], nullptr, 10));
     } else if (action == "ask_configuration") {
         ask_configuration(arguments[2]);
+    } else if (action == "lock_output") {
+        lock_output();
+    } else if (action == "use_chunks") {
+        print_bytes_left_of_chunks();
     } else if (action == "register_code_modules") {
         register_code_modules();
     } else if (action == "exhaust_chunks") {

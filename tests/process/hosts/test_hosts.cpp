@@ -95,7 +95,7 @@ TEST(BadInput, HostsThatChangeTheirSurroundingsGetTheirReports) {
     }
 }
 
-TEST(BadInput, FilesThatCannotBeWrittenArePassedOver) {
+TEST(BadInput, FilesAndStreamsThatCannotBeWrittenArePassedOver) {
     const TEST_DIRECTORY removed;
     EXPECT_EQ(run_host(removed, test_all_switches(), {"remove_directory"}).standard_error, "");
     const TEST_DIRECTORY small; // the kernel answers longer files with a signal
@@ -106,11 +106,14 @@ TEST(BadInput, FilesThatCannotBeWrittenArePassedOver) {
     ASSERT_EQ(mkfifo((piped / REPORT).c_str(), 0600), 0);
     run_host(piped, PER_FILELINE, {"none"});
     EXPECT_NE(test_read_file(piped / "mem_tbb_subsystem.tvx.log"), "");
+    run_host(TEST_DIRECTORY(), {{"debug_msg", "on"}, {"MEM_PRINT_LIB_LOAD", "1"}}, {"lock_output"});
     const TEST_DIRECTORY directory; // no file can have such a name
     const TEST_ENVIRONMENT long_name = {{"HOST_LONG_NAME", "1"}, {"MEM_PRINT_LIB_LOAD", "1"}};
     const TEST_OUTCOME outcome =
         run_host(directory, PER_FILELINE + long_name, {"tag", std::string(300, 't')});
     EXPECT_NE(outcome.standard_output.find("Loading: " + std::string(10'000, 'n') + "\n"), std::string::npos);
+    const TEST_OUTCOME preloaded = run_host(directory, test_preload() + long_name);
+    EXPECT_NE(preloaded.standard_error.find("nnn\nUnloading: MEM\n"), std::string::npos);
 }
 
 // Leaked bytes of each block of a fast report whose every line is as it should be.
@@ -193,8 +196,15 @@ TEST(Output, CodeModulesAreListedByTheProcessThatRegisteredThem) {
     EXPECT_EQ(written.substr(0, written.find("Debug: MEM: ")), expected) << written;
 }
 
-// Nothing of that size is to be had, and the sum with the alignment doesn't even fit a number.
-TEST(Output, ExhaustedChunkAllocatorEndsTheProcessWithItsReports) {
+// Nothing of the two sizes is to be had, and the sum with the alignment doesn't even fit a number.
+TEST(Output, ChunkAllocatorGivesAllBackAndExhaustedEndsTheProcessWithItsReports) {
+    const TEST_ENVIRONMENT per_bin = {{"TARVANE_MEM_PROFILE_PER_BIN", "1"}};
+    for (const char* const is_off : {"off", "on"}) {
+        const TEST_ENVIRONMENT environment =
+            per_bin + TEST_ENVIRONMENT{{"mem_utils_no_chunk_allocation", is_off}};
+        EXPECT_EQ(run_host(TEST_DIRECTORY(), environment, {"use_chunks"}).standard_output, "0 left\n")
+            << is_off;
+    }
     for (const char* const size : {"18446744073709551610", "9000000000000000000"}) {
         const TEST_DIRECTORY directory;
         const TEST_OUTCOME outcome =

@@ -38,6 +38,8 @@ TEST(OUTPUT_TEST, PrintsWhatIsItsOwn) {
         {output("%.0f|%.0g|%.0f|%.1f", 3.7, 2.5, 0.5, -2.25), "4.|2.5|0.|-2.2"}, // ties go to the even digit
         {output("%f %+f %7f %07f", INF, INF, -INF, std::nan("")), "inf +inf    -inf 0000nan"},
         {output("%.600f", 1.5), "1.5" + std::string(508, '0')},
+        {output("%.1500f", 1.5), "1.5" + std::string(508, '0')},
+        {output("%.0f %I6x %I65d%n", INF, no_text), "inf I6x I65d"},
         {output("%.520f", -1.5), "-1.5" + std::string(507, '0')},
         {output("%s|%.2s|%S|%Z|%Z", no_text, no_text, no_text, no_text, &empty),
          "(null)|(n|(null)|(null)|(null)"},
@@ -52,6 +54,7 @@ TEST(OUTPUT_TEST, PrintsWhatIsItsOwn) {
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(text, expected);
+    EXPECT_EQ(output(nullptr), "");
     EXPECT_EQ(stl_output(nullptr, "x", nullptr), 0);
 }
 

@@ -38,6 +38,17 @@ bool print_message(const char* tag, const char* format, std::va_list args) {
     return true;
 }
 
+bool lock_if_free(std::FILE* stream) {
+    constexpr int TRIES = 300;
+    OS_PATIENCE patience;
+    for (int attempt = 0; attempt < TRIES; ++attempt) {
+        if (ftrylockfile(stream) == 0)
+            return true;
+        patience.wait();
+    }
+    return false;
+}
+
 bool send_message(MEM_MESSAGE_CALLBACK callback, const char* tag, const char* format, std::va_list args) {
     const OS_NO_CANCELLATION no_cancellation;
     return callback != nullptr ? callback(tag, format, args) : print_message(tag, format, args);
@@ -71,6 +82,14 @@ void mem_print_stdout(const char* format, ...) {
         std::vfprintf(stdout, format, args);
     }
     va_end(args);
+}
+
+MEM_STDOUT_AT_END::MEM_STDOUT_AT_END()
+    : m_can_be_used(mem_preload_print != nullptr || lock_if_free(stdout)) {}
+
+MEM_STDOUT_AT_END::~MEM_STDOUT_AT_END() {
+    if (mem_preload_print == nullptr && m_can_be_used)
+        funlockfile(stdout);
 }
 
 void mem_warn(const char* format, ...) {
