@@ -28,9 +28,13 @@ void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
     if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) == 0)
         return;
     const MEM_SPIN_GUARD guard(mem_module_lock);
-    MEMORY_TRACKER_BASE& module_record = mem_tbb_module_map->find_or_create(mem_module_name_of(site));
-    mem_charge(module_record, event.size, event.requested_size);
-    mem_store_module_tracker(site, &module_record);
+    // A record lives as long as the site: one reset empties both tables.
+    MEMORY_TRACKER_BASE* module_record = mem_load_module_tracker(site);
+    if (module_record == nullptr) {
+        module_record = &mem_tbb_module_map->find_or_create(mem_module_name_of(site));
+        mem_store_module_tracker(site, module_record);
+    }
+    mem_charge(*module_record, event.size, event.requested_size);
 }
 
 // Behind the charge of the site. Throws std::bad_alloc, with nothing charged any more.
