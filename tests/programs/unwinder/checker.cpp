@@ -11,6 +11,12 @@
 static constinit std::atomic<unsigned long> captures = 0;
 static constinit __thread bool is_capturing = false;
 
+// Answers at the frame that a capture has found behind so many others; the walk may begin anew.
+static constinit __thread std::uint64_t wanted_frame = 0;
+static std::uint64_t is_wanted(std::uint64_t address) {
+    return address == wanted_frame ? address : 0;
+}
+
 static void compare_captures(void*, std::uint64_t, std::uint64_t, bool is_allocation) {
     if (!is_allocation || is_capturing)
         return;
@@ -24,6 +30,15 @@ static void compare_captures(void*, std::uint64_t, std::uint64_t, bool is_alloca
         for (std::size_t index = 0; index < rules.size(); ++index)
             dprintf(2, "%16lx by rules, %16lx by libgcc\n", rules[index], libgcc[index]);
         std::abort();
+    }
+    ERR_UNWINDER& unwinder = *ERR_UNWINDER::get_default_unwinder();
+    for (const std::size_t index : {0U, 2U, 60U}) {
+        wanted_frame = rules[index];
+        const std::uint64_t answer = unwinder.ask_frames(is_wanted, 61);
+        if (answer != wanted_frame && answer != ERR_NO_ANSWER) {
+            dprintf(2, "%16lx captured, %16lx asked for\n", wanted_frame, answer);
+            std::abort();
+        }
     }
     is_capturing = false;
 }

@@ -117,15 +117,26 @@ class PEAK_TEST : public TRACKER_TEST {
     }
 };
 
-TEST_F(PEAK_TEST, IsRecordedAtDoublingsAndHigherSteps) {
-    set_variable("mem_profile_fileline_peak_snapshot_threshold", "1000");
+// A step that is a power of two is compared without a division.
+class PEAK_STEP_TEST : public PEAK_TEST, public testing::WithParamInterface<std::int64_t> {};
+
+TEST_P(PEAK_STEP_TEST, PeakIsRecordedAtDoublingsAndHigherSteps) {
+    const std::int64_t step = GetParam();
+    set_variable("mem_profile_fileline_peak_snapshot_threshold", std::to_string(step).c_str());
     start(MEM_GRANULARITY_PER_BIN_DETAILED);
-    EXPECT_EQ(free_at(999), "");
-    EXPECT_EQ(free_at(3000), RECORDED + "3000 bytes, next peak at >= 3000 bytes\n");
-    EXPECT_EQ(free_at(3999), "");
-    EXPECT_EQ(free_at(4000), RECORDED + "4000 bytes, next peak at >= 4000 bytes\n");
-    EXPECT_EQ(free_at(4000), "");
+    const auto record = [this](std::int64_t total, std::int64_t next) {
+        return RECORDED + std::to_string(total) + " bytes, next peak at >= " + std::to_string(next) +
+               " bytes\n";
+    };
+    EXPECT_EQ(free_at(step - 1), "");
+    for (const std::int64_t level : {2, 3, 4, 7}) {
+        EXPECT_EQ(free_at(level * step), record(level * step, level * step));
+        EXPECT_EQ(free_at((level + 1) * step - 1), "");
+        EXPECT_EQ(free_at(level * step), "");
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(Of, PEAK_STEP_TEST, testing::Values(1000, 1024));
 
 // Below the first step only doubling counts.
 TEST_F(PEAK_TEST, IsThatOfTheBetterStretch) {

@@ -9,8 +9,7 @@
 // | accessor    | an entry of the live-block map                                                            |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
 // | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
-// | innermost   | the two words inside the gate: a load or a store, nothing is called; the growing of a bin |
-// |             | or tag table, whose allocation's event is turned away at once                             |
+// | innermost   | the growing of a bin or tag table, whose allocation's event is turned away at once        |
 // | free marks  | an entry of the double-free check, in any event; only the heap is called, and all but the |
 // |             | callbacks without locks turn its events away                                              |
 //

@@ -38,8 +38,13 @@ bool mem_is_still_known(const MEM_KNOWN_SITE& known) {
 }
 
 void mem_remember_frame(MEM_ADDRESS_TRACKER& frame) {
-    if (frame.address != 0)
-        verdicts.store(frame.address, frame.filtered ? 0 : reinterpret_cast<std::uint64_t>(&frame));
+    if (frame.address == 0)
+        return;
+    const std::uint64_t verdict = frame.filtered ? 0 : reinterpret_cast<std::uint64_t>(&frame);
+    std::uint64_t known = 0;
+    // Other threads are reading what is there.
+    if (!verdicts.find(frame.address, known) || known != verdict)
+        verdicts.store(frame.address, verdict);
 }
 
 void mem_forget_known_frames() {

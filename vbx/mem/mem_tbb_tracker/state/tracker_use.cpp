@@ -5,8 +5,12 @@
 #include "vbx/platform/os/thread.h"
 
 namespace {
-constinit std::atomic<std::uint32_t> uses{0};
-}
+// On a cache line of its own: events read what would lie beside it.
+struct alignas(64) USES : std::atomic<std::uint32_t> {
+    using std::atomic<std::uint32_t>::atomic;
+};
+constinit USES uses{0};
+} // namespace
 
 // Counted before the look, and cleared before the count is looked at: of a use and a teardown that meet, one
 // sees the other.
