@@ -79,7 +79,7 @@ class WORK {
 };
 
 constexpr auto site_table = []<unsigned... SITES>(std::integer_sequence<unsigned, SITES...>) {
-    return std::array{&allocate_at<SITES>...};
+    return std::array<unsigned char* (*)(std::size_t), NUM_SITES>{&allocate_at<SITES>...};
 }
 (std::make_integer_sequence<unsigned, NUM_SITES>());
 
@@ -224,6 +224,7 @@ RESULT run_threads(std::uint64_t pairs, std::uint64_t count) {
         visit_every_task(*work);
     const std::int64_t start = now();
     std::vector<std::jthread> threads;
+    threads.reserve(works.size());
     for (auto& work : works)
         threads.emplace_back([&work, share = pairs / count] { run_tasks(*work, share); });
     threads.clear(); // joins

@@ -32,8 +32,8 @@ class VBX_MEM_API MEM_OUT_OF_MEMORY : public ERR_EXCEPTION {
   public:
     MEM_OUT_OF_MEMORY();
     MEM_OUT_OF_MEMORY(const MEM_OUT_OF_MEMORY&);
-    MEM_OUT_OF_MEMORY(MEM_OUT_OF_MEMORY&&);
+    MEM_OUT_OF_MEMORY(MEM_OUT_OF_MEMORY&&) noexcept;
     MEM_OUT_OF_MEMORY& operator=(const MEM_OUT_OF_MEMORY&);
-    MEM_OUT_OF_MEMORY& operator=(MEM_OUT_OF_MEMORY&&);
+    MEM_OUT_OF_MEMORY& operator=(MEM_OUT_OF_MEMORY&&) noexcept;
     ~MEM_OUT_OF_MEMORY() override;
 };
