@@ -2,6 +2,7 @@
 
 #include "vbx/mem/host/host_slots.h"
 #include "vbx/mem/host/preload_seam.h"
+#include "vbx/platform/os/stream_lock.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/os/write.h"
 
@@ -36,17 +37,6 @@ bool print_message(const char* tag, const char* format, std::va_list args) {
     std::vfprintf(stdout, format, args);
     std::fprintf(stdout, "\n");
     return true;
-}
-
-bool lock_if_free(std::FILE* stream) {
-    constexpr int TRIES = 300;
-    OS_PATIENCE patience;
-    for (int attempt = 0; attempt < TRIES; ++attempt) {
-        if (ftrylockfile(stream) == 0)
-            return true;
-        patience.wait();
-    }
-    return false;
 }
 
 bool send_message(MEM_MESSAGE_CALLBACK callback, const char* tag, const char* format, std::va_list args) {
@@ -85,7 +75,7 @@ void mem_print_stdout(const char* format, ...) {
 }
 
 MEM_STDOUT_AT_END::MEM_STDOUT_AT_END()
-    : m_can_be_used(mem_preload_print != nullptr || lock_if_free(stdout)) {}
+    : m_can_be_used(mem_preload_print != nullptr || os_lock_stream(stdout, 300)) {}
 
 MEM_STDOUT_AT_END::~MEM_STDOUT_AT_END() {
     if (mem_preload_print == nullptr && m_can_be_used)

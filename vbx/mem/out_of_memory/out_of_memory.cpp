@@ -7,6 +7,7 @@
 #include "vbx/mem/out_of_memory/reserves.h"
 #include "vbx/mem/out_of_memory/set_up.h"
 #include "vbx/platform/os/clock.h"
+#include "vbx/platform/os/stream_lock.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/os/write.h"
 
@@ -33,16 +34,10 @@ constexpr std::int64_t LONGEST_WAIT_FOR_END_MS = 120'000;
 
 // Another thread may be waiting for the end right here, inside of a print, with the stream's lock.
 void flush_if_free(std::FILE* stream) {
-    constexpr int TRIES = 20;
-    OS_PATIENCE patience;
-    for (int attempt = 0; attempt < TRIES; ++attempt) {
-        if (ftrylockfile(stream) == 0) {
-            fflush_unlocked(stream);
-            funlockfile(stream);
-            return;
-        }
-        patience.wait();
-    }
+    if (!os_lock_stream(stream, 20))
+        return;
+    fflush_unlocked(stream);
+    funlockfile(stream);
 }
 
 // A host's configuration callback is asked on the way and may need memory that is no longer there.
@@ -87,7 +82,7 @@ void take_last_steps() {
 
 // A stream that no other thread holds now.
 bool is_free(std::FILE* stream) {
-    if (ftrylockfile(stream) != 0)
+    if (!os_lock_stream(stream, 1))
         return false;
     funlockfile(stream);
     return true;
