@@ -3,14 +3,14 @@
 #pragma once
 
 #include "vbx/mem/base/annotations.h"
+#include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/base/lock_rank.h"
 #include "vbx/platform/os/thread.h"
 
 #include <atomic>
 #include <cstdint>
 
-// On a cache line of its own: what else lies there would be taken from the other threads with it.
-class alignas(64) MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
+class alignas(MEM_CACHE_LINE) MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
   public:
     constexpr explicit MEM_SPIN_LOCK(MEM_LOCK_RANK rank) : m_rank(rank) {}
     MEM_SPIN_LOCK(const MEM_SPIN_LOCK&) = delete;

@@ -7,8 +7,8 @@
 
 #include <algorithm>
 
-MEM_TRACKER_GATE::PLACE& MEM_TRACKER_GATE::own_place() {
-    return m_places[os_thread_id() % PLACES];
+std::atomic<std::int32_t>& MEM_TRACKER_GATE::own_mice() {
+    return m_mice[os_thread_id() % PLACES];
 }
 
 bool MEM_TRACKER_GATE::has_cats() const {
@@ -16,8 +16,7 @@ bool MEM_TRACKER_GATE::has_cats() const {
 }
 
 bool MEM_TRACKER_GATE::has_mice() const {
-    return std::any_of(m_places, m_places + PLACES,
-                       [](const PLACE& place) { return place.mice.load() != 0; });
+    return std::ranges::any_of(m_mice, [](const auto& mice) { return mice.load() != 0; });
 }
 
 void MEM_TRACKER_GATE::enter(MEM_GATE_ROLE role) {
@@ -30,7 +29,7 @@ void MEM_TRACKER_GATE::enter(MEM_GATE_ROLE role) {
         end_announcement();
         return;
     }
-    std::atomic<std::int32_t>& mice = own_place().mice;
+    std::atomic<std::int32_t>& mice = own_mice();
     for (;;) {
         mice.fetch_add(1);
         if (!has_cats()) [[likely]]
@@ -45,7 +44,7 @@ void MEM_TRACKER_GATE::enter(MEM_GATE_ROLE role) {
 void MEM_TRACKER_GATE::leave(MEM_GATE_ROLE role) {
     if (role == MEM_GATE_ROLE::mouse) {
         MEM_CHECK(cats == 0);
-        const std::int32_t mice = own_place().mice.fetch_sub(1) - 1;
+        const std::int32_t mice = own_mice().fetch_sub(1) - 1;
         MEM_CHECK(mice >= 0);
     } else {
         cats.fetch_sub(1);
@@ -88,8 +87,8 @@ bool MEM_TRACKER_GATE::enter_as_cat_within(unsigned timeout_ms) MEM_NO_THREAD_SA
 }
 
 void MEM_TRACKER_GATE::reset() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    for (PLACE& place : m_places)
-        place.mice.store(0, std::memory_order_relaxed);
+    for (auto& mice : m_mice)
+        mice.store(0, std::memory_order_relaxed);
     catsApproaching.store(0, std::memory_order_relaxed);
     cats.store(0, std::memory_order_relaxed);
     m_cats_in_front.store(0, std::memory_order_relaxed);

@@ -18,6 +18,7 @@
 #pragma once
 
 #include "vbx/mem/base/annotations.h"
+#include "vbx/mem/base/cache_line.h"
 
 #include <atomic>
 #include <cstdint>
@@ -41,18 +42,15 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
 
   private:
     static constexpr unsigned PLACES = 16;
-    struct alignas(64) PLACE {
-        std::atomic<std::int32_t> mice{0};
-    };
 
-    PLACE& own_place();
+    std::atomic<std::int32_t>& own_mice();
     bool has_cats() const;
     bool has_mice() const;
     bool try_enter_cat();
     void end_announcement();
 
-    PLACE m_places[PLACES];
-    alignas(64) std::atomic<std::int32_t> catsApproaching{0};
+    MEM_ATOMIC_ON_OWN_LINE<std::int32_t> m_mice[PLACES]{};
+    alignas(MEM_CACHE_LINE) std::atomic<std::int32_t> catsApproaching{0};
     std::atomic<std::int32_t> cats{0};            // inside
     std::atomic<std::int32_t> m_cats_in_front{0}; // the one that looks for mice, or is inside
 };

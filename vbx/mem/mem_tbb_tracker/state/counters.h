@@ -4,21 +4,15 @@
 // them valid.
 #pragma once
 
+#include "vbx/mem/base/cache_line.h"
+
 #include <vbx/mem/stats.h>
 
 #include <atomic>
 #include <cstdint>
 
-// What every event of every thread writes lies on cache lines of its own: what they only read would be taken
-// from the other threads with it.
-constexpr std::size_t MEM_CACHE_LINE = 64;
-
-struct alignas(MEM_CACHE_LINE) MEM_SAMPLE_COUNTER : std::atomic<std::uint64_t> {
-    using std::atomic<std::uint64_t>::atomic;
-};
-
 // One tick for each event that passes the guard.
-inline constinit MEM_SAMPLE_COUNTER mem_sample_counter{0};
+inline constinit MEM_ATOMIC_ON_OWN_LINE<std::uint64_t> mem_sample_counter{0};
 
 // What the guard of the event handler turns away: the tracker's own heap use and blocked threads.
 struct alignas(MEM_CACHE_LINE) MEM_FALLBACK_COUNTERS {

@@ -1,15 +1,13 @@
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 
+#include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/platform/os/clock.h"
 #include "vbx/platform/os/thread.h"
 
 namespace {
-// On a cache line of its own: events read what would lie beside it.
-struct alignas(64) USES : std::atomic<std::uint32_t> {
-    using std::atomic<std::uint32_t>::atomic;
-};
-constinit USES uses{0};
+// Events read what would lie beside it.
+constinit MEM_ATOMIC_ON_OWN_LINE<std::uint32_t> uses{0};
 } // namespace
 
 // Counted before the look, and cleared before the count is looked at: of a use and a teardown that meet, one
