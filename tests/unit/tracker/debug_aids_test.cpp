@@ -155,6 +155,7 @@ TEST_F(DEBUG_AIDS_TEST, OnlyASecondFreeEndsTheProcess) {
         {8, "-w-", ""},          // those of the library's own work are
         {8, "-S-", ""},          // and may have been allocated meanwhile
         {8, "-S--", "^" + fault + "|" + fault},
+        {8, "+-S+--", "^" + fault}, // what was known is of another block
     };
     for (const auto& [mask, events, message] : cases) {
         SCOPED_TRACE(events);

@@ -77,10 +77,9 @@ void unless_memory_fails(STEP step) {
     }
 }
 
-// Whether a history is kept of this event.
+// Whether a history is kept of this event. Also while no sites are found: the address may have an older one.
 bool has_history() {
-    return histories != nullptr && (mem_current_mask() & MEM_ATTRIBUTED) != 0 &&
-           mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
+    return histories != nullptr && mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
 }
 
 void on_allocation(FREE_MARKS& marks, const void* block) {
