@@ -176,8 +176,10 @@ TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
     const void* const block = &shards;
     shards.insert(block, {1, 2});
     shards.insert(block, {3, 4});
-    EXPECT_EQ(shards.take(block).tag_id, 2U);
-    EXPECT_EQ(shards.take(block).tag_id, 0U);
+    MEM_BLOCK_BIN_RECORD record;
+    EXPECT_TRUE(shards.take(block, record));
+    EXPECT_EQ(record.tag_id, 2U);
+    EXPECT_FALSE(shards.take(block, record));
 }
 
 TEST_F(EVENT_TEST, CountsBlockedThreadsAndItsOwnEventsApart) {

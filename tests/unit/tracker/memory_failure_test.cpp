@@ -6,8 +6,6 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <new>
@@ -35,11 +33,6 @@ bool next_allocation_fails() {
 // The library's own nothrow form may not come through the one above.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return std::malloc(size);
-}
-// The heap of the bins' maps.
-extern "C" void* scalable_malloc(std::size_t size) {
-    static const auto real = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "scalable_malloc"));
-    return next_allocation_fails() ? nullptr : real(size);
 }
 [[gnu::noinline]] void operator delete(void* block) noexcept {
     std::free(block);
@@ -99,7 +92,6 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
     EXPECT_NE(pbin_stats->figures(late_id).cumulative_bytes, 0);
 }
 
-// The maps have linked a new entry when they fail to grow for it.
 TEST_F(MEMORY_FAILURE_TEST, MapsThatCannotGrowLeaveNothingBehind) {
     start(MEM_GRANULARITY_ALL);
     const MEM_PROFILE_BIN_SCOPE bin("bin", "tag");
@@ -109,7 +101,7 @@ TEST_F(MEMORY_FAILURE_TEST, MapsThatCannotGrowLeaveNothingBehind) {
             EXPECT_EQ(table->figures(MEM_ROOT_ID).current_bytes + table->figures(1).current_bytes, bytes);
     };
     constexpr std::uint64_t BLOCKS = 40'000;
-    const auto block_at = [](std::uint64_t number) { return 0x1000 * (number + 1); }; // all in one shard
+    const auto block_at = [](std::uint64_t number) { return 0x1000 * (number + 1); };
     for (std::uint64_t number = 0; number < BLOCKS; ++number) {
         FAKE_STACK stack{PARSE};
         fake_captures().clear();

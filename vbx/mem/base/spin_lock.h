@@ -5,12 +5,13 @@
 #include "vbx/mem/base/annotations.h"
 #include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/base/lock_rank.h"
+#include "vbx/platform/os/one_thread.h"
 #include "vbx/platform/os/thread.h"
 
 #include <atomic>
 #include <cstdint>
 
-class alignas(MEM_CACHE_LINE) MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
+class MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
   public:
     constexpr explicit MEM_SPIN_LOCK(MEM_LOCK_RANK rank) : m_rank(rank) {}
     MEM_SPIN_LOCK(const MEM_SPIN_LOCK&) = delete;
@@ -19,7 +20,7 @@ class alignas(MEM_CACHE_LINE) MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
     void acquire() MEM_ACQUIRE() {
         mem_rank_acquire(m_rank);
         OS_PATIENCE patience;
-        while (m_word.exchange(1, std::memory_order_acquire) != 0)
+        while (os_exchange(m_word, std::uint64_t{1}, std::memory_order_acquire) != 0)
             patience.wait();
     }
     void release() MEM_RELEASE() {
@@ -32,6 +33,12 @@ class alignas(MEM_CACHE_LINE) MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
   private:
     std::atomic<std::uint64_t> m_word{0};
     MEM_LOCK_RANK m_rank;
+};
+
+// For one that many events take.
+class alignas(MEM_CACHE_LINE) MEM_BUSY_SPIN_LOCK : public MEM_SPIN_LOCK {
+  public:
+    using MEM_SPIN_LOCK::MEM_SPIN_LOCK;
 };
 
 class MEM_SCOPED_CAPABILITY MEM_SPIN_GUARD {

@@ -1,57 +1,36 @@
 #include "vbx/mem/base/tracker_gate.h"
 
-#include "vbx/mem/base/check.h"
-#include "vbx/mem/base/lock_rank.h"
 #include "vbx/platform/os/clock.h"
-#include "vbx/platform/os/thread.h"
 
 #include <algorithm>
-
-std::atomic<std::int32_t>& MEM_TRACKER_GATE::own_mice() {
-    return m_mice[os_thread_id() % PLACES];
-}
-
-bool MEM_TRACKER_GATE::has_cats() const {
-    return catsApproaching.load() != 0 || cats.load() != 0;
-}
 
 bool MEM_TRACKER_GATE::has_mice() const {
     return std::ranges::any_of(m_mice, [](const auto& mice) { return mice.load() != 0; });
 }
 
-void MEM_TRACKER_GATE::enter(MEM_GATE_ROLE role) {
-    mem_rank_acquire(MEM_LOCK_RANK::gate);
+void MEM_TRACKER_GATE::give_way_to_cats(std::atomic<std::int32_t>& mice) {
     OS_PATIENCE patience;
-    if (role == MEM_GATE_ROLE::cat) {
-        catsApproaching.fetch_add(1);
-        while (!try_enter_cat())
-            patience.wait();
-        end_announcement();
-        return;
-    }
-    std::atomic<std::int32_t>& mice = own_mice();
-    for (;;) {
-        mice.fetch_add(1);
-        if (!has_cats()) [[likely]]
-            return;
+    do {
         mice.fetch_sub(1);
         // All waits yield: with more threads than processors the one that is waited for has to get one.
         while (has_cats())
             patience.wait();
-    }
+        mice.fetch_add(1);
+    } while (has_cats());
 }
 
-void MEM_TRACKER_GATE::leave(MEM_GATE_ROLE role) {
-    if (role == MEM_GATE_ROLE::mouse) {
-        MEM_CHECK(cats == 0);
-        const std::int32_t mice = own_mice().fetch_sub(1) - 1;
-        MEM_CHECK(mice >= 0);
-    } else {
-        cats.fetch_sub(1);
-        MEM_CHECK(cats == 0);
-        m_cats_in_front.store(0);
-    }
-    mem_rank_release(MEM_LOCK_RANK::gate);
+void MEM_TRACKER_GATE::wait_as_cat() {
+    OS_PATIENCE patience;
+    catsApproaching.fetch_add(1);
+    while (!try_enter_cat())
+        patience.wait();
+    end_announcement();
+}
+
+void MEM_TRACKER_GATE::end_cat() {
+    cats.fetch_sub(1);
+    MEM_CHECK(cats == 0);
+    m_cats_in_front.store(0);
 }
 
 // One cat at a time looks for mice: what it does not see stays away for it alone.

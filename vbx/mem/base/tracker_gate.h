@@ -19,6 +19,10 @@
 
 #include "vbx/mem/base/annotations.h"
 #include "vbx/mem/base/cache_line.h"
+#include "vbx/mem/base/check.h"
+#include "vbx/mem/base/lock_rank.h"
+#include "vbx/platform/os/one_thread.h"
+#include "vbx/platform/os/thread.h"
 
 #include <atomic>
 #include <cstdint>
@@ -32,8 +36,25 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
     MEM_TRACKER_GATE& operator=(const MEM_TRACKER_GATE&) = delete;
 
     // Returns when the caller is inside. Use the two guards below: they carry the lock annotations.
-    void enter(MEM_GATE_ROLE role);
-    void leave(MEM_GATE_ROLE role);
+    void enter(MEM_GATE_ROLE role) {
+        mem_rank_acquire(MEM_LOCK_RANK::gate);
+        if (role == MEM_GATE_ROLE::cat)
+            return wait_as_cat();
+        std::atomic<std::int32_t>& mice = own_mice();
+        os_add(mice, 1, std::memory_order_seq_cst);
+        if (has_cats()) [[unlikely]]
+            give_way_to_cats(mice);
+    }
+    void leave(MEM_GATE_ROLE role) {
+        if (role == MEM_GATE_ROLE::cat) {
+            end_cat();
+        } else {
+            MEM_CHECK(cats == 0);
+            const std::int32_t mice = os_add(own_mice(), -1, std::memory_order_seq_cst);
+            MEM_CHECK(mice >= 0);
+        }
+        mem_rank_release(MEM_LOCK_RANK::gate);
+    }
     // Enters as a cat unless that takes longer than timeout_ms. The end of the process can't wait for ever.
     bool enter_as_cat_within(unsigned timeout_ms) MEM_TRY_ACQUIRE(true);
     void leave_as_cat() MEM_RELEASE() MEM_NO_THREAD_SAFETY_ANALYSIS { leave(MEM_GATE_ROLE::cat); }
@@ -43,11 +64,14 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
   private:
     static constexpr unsigned PLACES = 16;
 
-    std::atomic<std::int32_t>& own_mice();
-    bool has_cats() const;
+    std::atomic<std::int32_t>& own_mice() { return m_mice[os_thread_id() % PLACES]; }
+    bool has_cats() const { return catsApproaching.load() != 0 || cats.load() != 0; }
     bool has_mice() const;
+    void give_way_to_cats(std::atomic<std::int32_t>& mice);
+    void wait_as_cat();
     bool try_enter_cat();
     void end_announcement();
+    void end_cat();
 
     MEM_ATOMIC_ON_OWN_LINE<std::int32_t> m_mice[PLACES]{};
     alignas(MEM_CACHE_LINE) std::atomic<std::int32_t> catsApproaching{0};

@@ -5,6 +5,7 @@
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
+#include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 
 #include <cstdio>

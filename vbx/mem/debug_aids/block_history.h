@@ -7,14 +7,22 @@
 // addresses and not sites, because a reset of the tracker forgets those.
 #pragma once
 
-#include "vbx/mem/base/annotated_allocator.h"
-#include "vbx/mem/mem_tbb_tracker/records/address_map.h"
-
 #include <tbb/concurrent_hash_map.h>
 
 #include <cstdint>
 #include <memory>
 #include <utility>
+
+// The heap's slots begin at multiples of 16, in slabs of 2^14 bytes. Neighbours of a slab stay near each
+// other, and the number of the slab fills the gaps that larger slots leave. A hash that keeps the low zero
+// bits leaves three of four buckets empty and makes chains of 14 entries.
+struct MEM_BLOCK_ADDRESS_COMPARE {
+    static std::size_t hash(const void* block) {
+        const auto address = reinterpret_cast<std::uintptr_t>(block);
+        return (address >> 4) ^ (address >> 14);
+    }
+    static bool equal(const void* a, const void* b) { return a == b; }
+};
 
 struct MEM_BLOCK_HISTORY {
     std::uint64_t allocated_at = 0; // code address of the site, 0 when it isn't known
@@ -39,6 +47,6 @@ class MEM_BLOCK_HISTORIES {
   private:
     using ENTRY = std::pair<const void* const, MEM_BLOCK_HISTORY>;
     using ENTRIES = tbb::concurrent_hash_map<const void*, MEM_BLOCK_HISTORY, MEM_BLOCK_ADDRESS_COMPARE,
-                                             MEM_ANNOTATED_ALLOCATOR<std::allocator, ENTRY>>;
+                                             std::allocator<ENTRY>>;
     ENTRIES m_entries;
 };

@@ -19,8 +19,8 @@ constinit std::atomic<EPOCH> current_epoch{1};
 
 // The ordinary heap: its events come back into the handler and are turned away there.
 using FREE_MARK = std::pair<const void* const, EPOCH>;
-using FREE_MARKS = tbb::concurrent_hash_map<const void*, EPOCH, MEM_BLOCK_ADDRESS_COMPARE,
-                                            MEM_ANNOTATED_ALLOCATOR<std::allocator, FREE_MARK>>;
+using FREE_MARKS =
+    tbb::concurrent_hash_map<const void*, EPOCH, MEM_BLOCK_ADDRESS_COMPARE, std::allocator<FREE_MARK>>;
 
 // From the start of the check to the teardown; the second only with a feature that finds sites. Events that
 // find no marks any more leave at once.

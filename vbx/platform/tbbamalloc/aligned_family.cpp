@@ -15,11 +15,12 @@ constexpr bool is_power_of_two(std::size_t value) noexcept {
 [[gnu::always_inline]] inline void* allocate_aligned(const void* frame, std::size_t alignment,
                                                      std::size_t size) noexcept {
     const std::size_t at_least = alignment < sizeof(void*) ? sizeof(void*) : alignment;
-    return tbbk_allocate(
+    return tbbk_allocate<tbbk_report_aligned_allocation>(
         frame, size,
         [at_least, size]() -> void* {
             if (at_least > tbbk_largest_request || size > tbbk_largest_request - at_least)
                 return nullptr;
+            tbbk_note_alignment(at_least);
             // The heap takes no zero here; malloc(0) and its relatives give a block of their own.
             return tbbk_heap.obtain_aligned(tbbk_size_for_alignment(size == 0 ? 1 : size, at_least),
                                             at_least);

@@ -11,17 +11,17 @@
 // No object may be larger, and the heap's own arithmetic stays far from overflow.
 constexpr std::size_t tbbk_largest_request = PTRDIFF_MAX;
 
-// Obtains a block from `obtain` (a function of the heap that gives null on failure), hands it to `finish`
-// within the same entry and retries as the new handler tells.
+// Obtains a block from `obtain` (a function of the heap that gives null on failure), tells the hook of it by
+// REPORT, hands it to `finish` within the same entry and retries as the new handler tells.
 // requested  bytes as the caller asked for, for the event and the new handler
-template <class OBTAIN, class FINISH>
+template <TBBK_REPORT REPORT = tbbk_report_allocation, class OBTAIN, class FINISH>
 [[gnu::always_inline]] inline void* tbbk_allocate(const void* frame, std::size_t requested, OBTAIN obtain,
                                                   FINISH finish) noexcept {
     do {
         TBBK_ENTRY entry;
         if (void* const block = obtain()) {
             if (const tbbk_mem_tracker_callback hook = tbbk_hook_now())
-                tbbk_report_allocation(hook, frame, block, requested);
+                REPORT(hook, frame, block, requested);
             finish(block);
             return block;
         }

@@ -21,6 +21,11 @@ void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const 
 
 void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                             std::size_t requested) noexcept {
+    tbbk_report_event(hook, frame, {block, requested, tbbk_slot_of_request(block, requested), true});
+}
+
+void tbbk_report_aligned_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                                    std::size_t requested) noexcept {
     tbbk_report_event(hook, frame, {block, requested, tbbk_slot_size(block, scalable_msize(block)), true});
 }
 

@@ -28,14 +28,17 @@ struct TBBK_EVENT {
     bool is_allocation;
 };
 
-// Calls the hook for an event with `frame` as the entry frame. Out of line, so that a call without a hook
-// keeps few registers. Keeps errno, which belongs to the caller of malloc or free.
+// Calls the hook for an event with `frame` as the entry frame. Keeps errno, which belongs to the caller of
+// malloc or free.
 void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept;
 
-// A block of tbbmalloc's that was just obtained, and one that is about to go back. Sizes in bytes; the event
-// tells the size of the slot.
-void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
-                            std::size_t requested) noexcept;
+// A block of tbbmalloc's that was just obtained, at its heap's choice or at an alignment, and one that is
+// about to go back. Sizes in bytes; the event tells the size of the slot. Out of line, so that a call without
+// a hook keeps few registers.
+using TBBK_REPORT = void(tbbk_mem_tracker_callback hook, const void* frame, void* block,
+                         std::size_t requested) noexcept;
+TBBK_REPORT tbbk_report_allocation;
+TBBK_REPORT tbbk_report_aligned_allocation;
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                       std::size_t usable) noexcept;
 

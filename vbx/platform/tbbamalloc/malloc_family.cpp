@@ -9,6 +9,19 @@
 
 namespace {
 
+// The hook is told before the block goes back: afterwards another thread can be given the address, and its
+// event would overtake this one. There is a hook only while the heap is tbbmalloc's, which is not asked again
+// then whether the block is its own.
+[[gnu::noinline]] void give_back_with_event(tbbk_mem_tracker_callback hook, const void* frame,
+                                            void* block) noexcept {
+    tbbk_show_to_free_check(frame, block);
+    const std::size_t usable = tbbk_own_size(block);
+    if (usable == 0)
+        return __libc_free(block);
+    tbbk_report_free(hook, frame, block, usable);
+    scalable_free(block);
+}
+
 [[gnu::always_inline]] inline void free_block(const void* frame, void* block) noexcept {
     if (block == nullptr)
         return;
@@ -16,14 +29,10 @@ namespace {
     const int saved_errno = errno;
     {
         TBBK_ENTRY entry;
-        if (const tbbk_mem_tracker_callback hook = tbbk_hook_now()) {
-            tbbk_show_to_free_check(frame, block);
-            // Before the block goes back: afterwards another thread can be given the address, and its event
-            // would overtake this one.
-            if (const std::size_t allocated = tbbk_own_size(block))
-                tbbk_report_free(hook, frame, block, allocated);
-        }
-        tbbk_heap.give_back(block);
+        if (const tbbk_mem_tracker_callback hook = tbbk_hook_now())
+            give_back_with_event(hook, frame, block);
+        else
+            tbbk_heap.give_back(block);
     }
     errno = saved_errno;
 }

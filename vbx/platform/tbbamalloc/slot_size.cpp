@@ -15,8 +15,9 @@ constexpr std::size_t largest_plain_slot = 1024;
 // that may begin anywhere in its own.
 constexpr std::size_t suspicious_alignment = 128;
 
-// Alignments up to this one every slot has; above it the heap makes room for the block to move in.
-constexpr std::size_t natural_alignment = 64;
+// By requests in steps of 8 bytes, as all slots are; 0: not asked yet.
+constexpr std::size_t step = 8;
+constinit std::atomic<std::uint16_t> known_slots[tbbk_largest_slot / step + 1] = {};
 
 std::size_t no_slot(void*) noexcept {
     return 0;
@@ -29,6 +30,8 @@ bool lies_in_slot(std::uintptr_t address, std::size_t usable, std::size_t slot) 
 
 } // namespace
 
+constinit std::atomic<bool> tbbk_blocks_lie_anywhere = false;
+
 std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
     if (usable > tbbk_largest_slot)
         return usable;
@@ -36,7 +39,7 @@ std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
     std::size_t slot = usable;
     // Off the boundary the heap believes to stand at the beginning of a slot and says how large the slots of
     // the slab are. The answer is read from the slab's header alone, whatever lies at the address.
-    if (address % suspicious_alignment == 0)
+    if (address % suspicious_alignment == 0 && tbbk_blocks_lie_anywhere.load(std::memory_order_relaxed))
         slot = __TBB_malloc_safer_msize(static_cast<char*>(block) + suspicious_alignment / 8, no_slot);
     if (usable <= largest_plain_slot && slot <= largest_plain_slot)
         return usable;
@@ -45,9 +48,21 @@ std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
     return usable < largest_plain_slot ? usable : largest_plain_slot;
 }
 
+std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept {
+    if (requested > tbbk_largest_slot)
+        return scalable_msize(block);
+    std::atomic<std::uint16_t>& known = known_slots[(requested + step - 1) / step];
+    std::size_t slot = known.load(std::memory_order_relaxed);
+    if (slot == 0) {
+        slot = tbbk_slot_size(block, scalable_msize(block));
+        known.store(static_cast<std::uint16_t>(slot), std::memory_order_relaxed);
+    }
+    return slot;
+}
+
 std::size_t tbbk_size_for_alignment(std::size_t size, std::size_t alignment) noexcept {
     const bool fits_plain_slot = size <= largest_plain_slot && alignment <= largest_plain_slot;
-    const bool fits_slot = alignment <= natural_alignment || size + alignment <= tbbk_largest_slot;
+    const bool fits_slot = alignment <= tbbk_natural_alignment || size + alignment <= tbbk_largest_slot;
     return size > tbbk_largest_slot || fits_plain_slot || fits_slot ? size : tbbk_largest_slot + 1;
 }
 

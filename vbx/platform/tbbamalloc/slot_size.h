@@ -8,10 +8,16 @@
 // out from a size where the slot begins would be led into the neighbour by it.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 
 // The largest slot of a slab. Larger blocks have pages of their own, where no arithmetic on slots applies.
 constexpr std::size_t tbbk_largest_slot = 8128;
+
+// Alignments up to this one every slot has; above it the heap makes room for the block to move in.
+constexpr std::size_t tbbk_natural_alignment = 64;
+
+extern std::atomic<bool> tbbk_blocks_lie_anywhere __attribute__((visibility("hidden")));
 
 // block   a live block of tbbmalloc's
 // usable  its usable size in bytes
@@ -19,6 +25,18 @@ constexpr std::size_t tbbk_largest_slot = 8128;
 // (tbbmalloc has some such blocks from its own first moments) no more than 1024, a size that nobody looks for
 // a slot with.
 std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept;
+
+// The size of the slot of a new block that the heap was asked for without an alignment. Such slots hang on
+// the request alone: each is asked for once. requested  bytes
+std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept;
+
+// To be told before the heap is asked for a block at this alignment. Until the first one above
+// tbbk_natural_alignment every block begins its slot, and the heap needn't be asked where. (A program that
+// gets blocks from tbbmalloc itself at such alignments gives them back to it as well.)
+inline void tbbk_note_alignment(std::size_t alignment) noexcept {
+    if (alignment > tbbk_natural_alignment)
+        tbbk_blocks_lie_anywhere.store(true, std::memory_order_relaxed);
+}
 
 // The size to ask the heap for so that a block which gets pages of its own never has a usable size that a
 // slot could have: tbbmalloc keeps the size that was asked for.

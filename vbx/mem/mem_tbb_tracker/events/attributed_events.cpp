@@ -1,5 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/events/attributed_events.h"
 
+#include "vbx/mem/base/check.h"
 #include "vbx/mem/base/tracker_gate.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
@@ -41,7 +42,7 @@ void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
 void record_block(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
     try {
         const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
-        mem_tbb_address_map->insert(event.block, {&site, keeps_thread ? os_thread_id() : 0});
+        mem_tbb_address_map->insert_or_assign(event.block, {&site, keeps_thread ? os_thread_id() : 0});
         charge_module(event, site);
     } catch (...) {
         MEM_BLOCK_RECORD ignored;
@@ -119,7 +120,8 @@ OUTCOME charge_inside_gate(const MEM_EVENT& event, const MEM_CAPTURED_STACK& sta
     return charge_inside_gate(event, [&] { return charge_by_stack(event, stack); });
 }
 
-// What a free needs of its site once the site lock is released.
+// What a free needs of its site once the site lock is released, if it needs the module at all. The name is
+// there only where the record isn't.
 struct CREDITED_SITE {
     MEMORY_TRACKER_BASE* module_tracker;
     char module_name[MEM_MAX_MODULE_NAME + 1];
@@ -134,9 +136,12 @@ CREDITED_SITE credit_site(std::uint32_t mask, MEM_ADDRESS_TRACKER* known_site, s
         if (is_mismatched)
             site.cumulative_mismatched_bytes += static_cast<std::int64_t>(size);
     }
-    CREDITED_SITE credited{mem_load_module_tracker(site), {}};
-    if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0 && credited.module_tracker == nullptr)
-        std::strcpy(credited.module_name, mem_module_name_of(site));
+    CREDITED_SITE credited;
+    if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0) {
+        credited.module_tracker = mem_load_module_tracker(site);
+        if (credited.module_tracker == nullptr)
+            std::strcpy(credited.module_name, mem_module_name_of(site));
+    }
     return credited;
 }
 
@@ -166,6 +171,9 @@ void mem_credit_freed_block(const MEM_EVENT& event) noexcept {
     MEM_BLOCK_RECORD record;
     // The entry is unlocked again before the site lock is taken.
     const bool is_known = mem_tbb_address_map->take(event.block, record);
+    MEM_ADDRESS_TRACKER* const address_tracker_ptr = record.address_tracker_ptr;
+    if (is_known)
+        MEM_CHECK(address_tracker_ptr != nullptr);
     const bool is_mismatched = is_known && (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0 &&
                                event.size <= LARGEST_MISMATCHED_SIZE && record.thread_id != os_thread_id();
     try {

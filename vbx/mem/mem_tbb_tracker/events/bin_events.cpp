@@ -8,7 +8,7 @@
 
 namespace {
 
-// Where the free of a block that the shards don't know is credited.
+// Where a block that the shards don't know is credited.
 constexpr MEM_BLOCK_BIN_RECORD ROOT{MEM_ROOT_ID, MEM_ROOT_ID};
 
 MEM_BLOCK_BIN_RECORD current_bin_and_tag() {
@@ -24,8 +24,6 @@ void mem_charge_bin_and_tag(void* block, std::uint64_t size) noexcept {
     try {
         mem_tbb_block_shards->insert(block, charged);
     } catch (const std::bad_alloc&) {
-        // The shard may have linked the entry before it failed to grow.
-        mem_tbb_block_shards->take(block);
         charged = ROOT;
     }
     // Neither can fail: the tables have had room for an id since before it could be current.
@@ -34,7 +32,8 @@ void mem_charge_bin_and_tag(void* block, std::uint64_t size) noexcept {
 }
 
 void mem_credit_bin_and_tag(void* block, std::uint64_t size) noexcept {
-    const MEM_BLOCK_BIN_RECORD charged = mem_tbb_block_shards->take(block);
+    MEM_BLOCK_BIN_RECORD charged = ROOT;
+    mem_tbb_block_shards->take(block, charged);
     pbin_stats->subtract(charged.bin_id, size);
     ptag_stats->subtract(charged.tag_id, size);
 }

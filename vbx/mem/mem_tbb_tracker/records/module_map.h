@@ -10,7 +10,7 @@
 #include <string_view>
 
 // Guards the map and every counter in it. Never held together with the site lock.
-inline constinit MEM_SPIN_LOCK mem_module_lock{MEM_LOCK_RANK::leaf};
+inline constinit MEM_BUSY_SPIN_LOCK mem_module_lock{MEM_LOCK_RANK::leaf};
 
 // Name of the record of what could not be attributed.
 inline constexpr const char* MEM_OTHER_MODULE = "OTHER";

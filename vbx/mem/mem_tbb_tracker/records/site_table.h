@@ -19,7 +19,7 @@
 #include <unordered_map>
 
 // Guards the table and every field of every record but module_tracker.
-inline constinit MEM_SPIN_LOCK mem_site_lock{MEM_LOCK_RANK::leaf};
+inline constinit MEM_BUSY_SPIN_LOCK mem_site_lock{MEM_LOCK_RANK::leaf};
 
 // 64-bit FNV-1a over the bytes of the address, lowest first.
 struct MEM_ADDRESS_HASH {
