@@ -8,13 +8,16 @@ constinit bool before_other_initialisers = false;
 
 // A library that the loader initialises before all others runs before libc has set `environ` up, so getenv
 // would answer nothing. The loader hands the environment to every constructor; this one comes before all
-// others of its library.
-[[gnu::constructor(101)]] void adopt_environment(int, char**, char** environment) {
+// others of its library. It stands in the loader's list itself: optimisation at link time calls what is
+// marked as a constructor from one function of its own, and without these arguments.
+void adopt_environment(int, char**, char** environment) {
     if (environ == nullptr) {
         environ = environment;
         before_other_initialisers = true;
     }
 }
+using INITIALISER = void(int, char**, char**);
+[[gnu::section(".init_array.00101"), gnu::used]] constinit INITIALISER* first_initialiser = adopt_environment;
 
 } // namespace
 

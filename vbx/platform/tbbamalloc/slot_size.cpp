@@ -8,9 +8,6 @@ namespace {
 
 constexpr std::size_t slab = 16384;
 
-// Up to here a block always begins its slot.
-constexpr std::size_t largest_plain_slot = 1024;
-
 // tbbmalloc takes an address that is off this boundary for the beginning of a slot, and one on it for a block
 // that may begin anywhere in its own.
 constexpr std::size_t suspicious_alignment = 128;
@@ -32,7 +29,7 @@ bool lies_in_slot(std::uintptr_t address, std::size_t usable, std::size_t slot) 
 
 constinit std::atomic<bool> tbbk_blocks_lie_anywhere = false;
 
-std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
+std::size_t tbbk_find_slot_size(void* block, std::size_t usable) noexcept {
     if (usable > tbbk_largest_slot)
         return usable;
     const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(block);
@@ -41,11 +38,11 @@ std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
     // the slab are. The answer is read from the slab's header alone, whatever lies at the address.
     if (address % suspicious_alignment == 0 && tbbk_blocks_lie_anywhere.load(std::memory_order_relaxed))
         slot = __TBB_malloc_safer_msize(static_cast<char*>(block) + suspicious_alignment / 8, no_slot);
-    if (usable <= largest_plain_slot && slot <= largest_plain_slot)
+    if (usable <= tbbk_largest_plain_slot && slot <= tbbk_largest_plain_slot)
         return usable;
     if (lies_in_slot(address, usable, slot))
         return slot;
-    return usable < largest_plain_slot ? usable : largest_plain_slot;
+    return usable < tbbk_largest_plain_slot ? usable : tbbk_largest_plain_slot;
 }
 
 std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept {
@@ -61,7 +58,7 @@ std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept {
 }
 
 std::size_t tbbk_size_for_alignment(std::size_t size, std::size_t alignment) noexcept {
-    const bool fits_plain_slot = size <= largest_plain_slot && alignment <= largest_plain_slot;
+    const bool fits_plain_slot = size <= tbbk_largest_plain_slot && alignment <= tbbk_largest_plain_slot;
     const bool fits_slot = alignment <= tbbk_natural_alignment || size + alignment <= tbbk_largest_slot;
     return size > tbbk_largest_slot || fits_plain_slot || fits_slot ? size : tbbk_largest_slot + 1;
 }

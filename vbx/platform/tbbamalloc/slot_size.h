@@ -14,17 +14,27 @@
 // The largest slot of a slab. Larger blocks have pages of their own, where no arithmetic on slots applies.
 constexpr std::size_t tbbk_largest_slot = 8128;
 
+// Up to here a block that no alignment was asked for always begins its slot.
+constexpr std::size_t tbbk_largest_plain_slot = 1024;
+
 // Alignments up to this one every slot has; above it the heap makes room for the block to move in.
 constexpr std::size_t tbbk_natural_alignment = 64;
 
 extern std::atomic<bool> tbbk_blocks_lie_anywhere __attribute__((visibility("hidden")));
+
+std::size_t tbbk_find_slot_size(void* block, std::size_t usable) noexcept;
 
 // block   a live block of tbbmalloc's
 // usable  its usable size in bytes
 // Gives the size of its slot: at least `usable`. Where the block doesn't lie where a slot of a slab would
 // (tbbmalloc has some such blocks from its own first moments) no more than 1024, a size that nobody looks for
 // a slot with.
-std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept;
+inline std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
+    if (usable <= tbbk_largest_plain_slot && !tbbk_blocks_lie_anywhere.load(std::memory_order_relaxed))
+        [[likely]]
+        return usable;
+    return tbbk_find_slot_size(block, usable);
+}
 
 // The size of the slot of a new block that the heap was asked for without an alignment. Such slots hang on
 // the request alone: each is asked for once. requested  bytes

@@ -19,7 +19,8 @@ namespace {
 // From this size on the allocator's blocks don't belong to a thread, and who frees them doesn't matter.
 constexpr std::uint64_t LARGEST_MISMATCHED_SIZE = 8128;
 
-void charge_site(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) MEM_REQUIRES(mem_site_lock) {
+[[gnu::always_inline]] inline void charge_site(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site)
+    MEM_REQUIRES(mem_site_lock) {
     if ((event.mask & MEM_COUNTS_SITES) != 0)
         mem_charge(site, event.size, event.requested_size);
 }
@@ -39,7 +40,7 @@ void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
 }
 
 // Behind the charge of the site. Throws std::bad_alloc, with nothing charged any more.
-void record_block(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
+[[gnu::always_inline]] inline void record_block(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
     try {
         const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
         mem_tbb_address_map->insert_or_assign(event.block, {&site, keeps_thread ? os_thread_id() : 0});
@@ -69,7 +70,7 @@ OUTCOME charge_known_site(const MEM_EVENT& event, const MEM_KNOWN_SITE& known) {
 }
 
 // Throws std::bad_alloc, with nothing charged.
-OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) {
+[[gnu::noinline]] OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) {
     MEM_ADDRESS_TRACKER* site;
     {
         const MEM_SPIN_GUARD guard(mem_site_lock);
@@ -156,6 +157,7 @@ void credit_module(const CREDITED_SITE& site, std::uint64_t size) {
 } // namespace
 
 void mem_attribute_new_block(const MEM_EVENT& event) noexcept {
+    mem_tbb_address_map->prefetch(event.block);
     // Stacks are walked with nothing held, neither a lock nor the gate: that is the longest step, and a walk
     // can wait for a thread that is in the middle of an event itself (see the unwinder).
     const MEM_KNOWN_SITE known = mem_find_known_site();
@@ -167,6 +169,7 @@ void mem_attribute_new_block(const MEM_EVENT& event) noexcept {
 }
 
 void mem_credit_freed_block(const MEM_EVENT& event) noexcept {
+    mem_tbb_address_map->prefetch(event.block);
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     MEM_BLOCK_RECORD record;
     // The entry is unlocked again before the site lock is taken.

@@ -1,5 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/events/event_handler.h"
 
+#include "vbx/mem/base/shared_counter.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/events/attributed_events.h"
@@ -35,7 +36,7 @@ bool is_multiple(std::uint64_t tick, std::uint64_t period) {
 
 // Whether this event's tick of the counter is a sample; the very first one is.
 bool tick_is_sample() {
-    const std::uint64_t tick = mem_sample_counter.fetch_add(1, std::memory_order_relaxed);
+    const std::uint64_t tick = os_add(mem_sample_counter, std::uint64_t{1}) - 1;
     return is_multiple(tick, mem_snapshot_period.load(std::memory_order_relaxed));
 }
 
@@ -49,7 +50,7 @@ void report_timeline_index(long long total) {
 void move_total(const MEM_EVENT& event, long long delta) {
     if ((event.mask & MEM_FEATURES) == 0)
         return;
-    const long long total = mem_tracked_total_bytes().add(delta);
+    const long long total = mem_add(mem_tracked_total_bytes(), delta);
     if (event.is_sample)
         report_timeline_index(total);
 }

@@ -1,5 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 
+#include "vbx/mem/base/shared_counter.h"
 #include "vbx/mem/base/thread_state.h"
 
 namespace {
@@ -40,7 +41,7 @@ void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
     for (;;) {
         while (waiters.load(std::memory_order_relaxed) != 0)
             patience.wait();
-        if (users.fetch_add(1, std::memory_order_acquire) < ONE_HOLDER)
+        if (os_add(users, std::uint64_t{1}, std::memory_order_acquire) < ONE_HOLDER)
             return;
         users.fetch_sub(1, std::memory_order_relaxed);
         patience.wait();
@@ -48,7 +49,7 @@ void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void MEM_PB_STATS_TABLE::leave_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    users.fetch_sub(1, std::memory_order_release);
+    os_add(users, ~std::uint64_t{0}, std::memory_order_release); // one less
 }
 
 void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
@@ -97,14 +98,14 @@ void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
         grow_to_hold(id);
     MEM_PB_STATS& stats = at(id);
     const auto bytes = static_cast<long long>(size);
-    stats.max_bytes.raise_to(stats.current_bytes.add(bytes));
-    stats.cumulative_bytes.add(bytes);
+    stats.max_bytes.raise_to(mem_add(stats.current_bytes, bytes));
+    mem_add(stats.cumulative_bytes, bytes);
 }
 
 void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
     const SHARED_SCOPE shared(*this);
     if (MEM_PB_STATS* const stats = find(id))
-        stats->current_bytes.subtract(static_cast<long long>(size));
+        mem_add(stats->current_bytes, -static_cast<long long>(size));
 }
 
 void MEM_PB_STATS_TABLE::snapshot_peak() {

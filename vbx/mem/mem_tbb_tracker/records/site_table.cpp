@@ -13,17 +13,17 @@ std::size_t MEM_ADDRESS_HASH::operator()(std::uint64_t address) const {
 
 MEM_ADDRESS_TRACKER* MEM_SITE_TABLE::find(std::uint64_t address) {
     const auto found = m_records.find(address);
-    return found == m_records.end() ? nullptr : &found->second;
+    return found == m_records.end() ? nullptr : &found->second.record;
 }
 
 MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::insert(const MEM_ADDRESS_TRACKER& record) {
-    return m_records.try_emplace(record.address, record).first->second;
+    return m_records.try_emplace(record.address, SITE{record}).first->second.record;
 }
 
 MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() {
     MEM_ADDRESS_TRACKER* record = mem_known_catch_all.load(std::memory_order_relaxed);
     if (record == nullptr) {
-        record = &m_records[0];
+        record = &m_records[0].record;
         mem_known_catch_all.store(record, std::memory_order_release);
     }
     return *record;

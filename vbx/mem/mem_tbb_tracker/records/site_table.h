@@ -9,6 +9,7 @@
 // does.
 #pragma once
 
+#include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/base/spin_lock.h"
 
 #include <vbx/mem/trackers.h>
@@ -46,12 +47,16 @@ class MEM_SITE_TABLE {
     // Calls visit(MEM_ADDRESS_TRACKER&) for every entry, in no order.
     template <class VISIT>
     void for_each(VISIT visit) MEM_REQUIRES(mem_site_lock) {
-        for (auto& [address, record] : m_records)
-            visit(record);
+        for (auto& [address, site] : m_records)
+            visit(site.record);
     }
 
   private:
-    std::unordered_map<std::uint64_t, MEM_ADDRESS_TRACKER, MEM_ADDRESS_HASH> m_records;
+    // The counters that an event moves are one cache line.
+    struct alignas(MEM_CACHE_LINE) SITE {
+        MEM_ADDRESS_TRACKER record;
+    };
+    std::unordered_map<std::uint64_t, SITE, MEM_ADDRESS_HASH> m_records;
 };
 
 // From tracker start to teardown.

@@ -1,3 +1,4 @@
+#include "vbx/mem/base/shared_counter.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 
 #include <vbx/mem/peaks.h>
@@ -9,8 +10,8 @@ constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_immortal_event_totals;
 // the block, if another thread has freed something in between, and the peak would be short of a level that
 // was really reached.
 void MEM_STATS::add_block(std::uint64_t size) {
-    const long long bytes = current.bytes.add(static_cast<long long>(size));
-    const long long blocks = current.blocks.add(1);
+    const long long bytes = mem_add(current.bytes, static_cast<long long>(size));
+    const long long blocks = mem_add(current.blocks, 1);
     peak.bytes.raise_to(bytes);
     peak.blocks.raise_to(blocks);
     local_peak.bytes.raise_to(bytes);
@@ -18,8 +19,8 @@ void MEM_STATS::add_block(std::uint64_t size) {
 }
 
 void MEM_STATS::remove_block(std::uint64_t size) {
-    current.bytes.subtract(static_cast<long long>(size));
-    current.blocks.subtract(1);
+    mem_add(current.bytes, -static_cast<long long>(size));
+    mem_add(current.blocks, -1);
 }
 
 MEM_STATS mem_get_stats() {
