@@ -108,7 +108,7 @@ void map_pair(benchmark::State& state) {
     MEM_ADDRESS_TRACKER site;
     LIVE_BLOCKS blocks(static_cast<std::size_t>(state.range(0)));
     for (const void* block : blocks)
-        map.insert_or_assign(block, {&site, 1});
+        map.insert_or_assign(block, {&site, 1, 0});
     MEM_BLOCK_RECORD record;
     for (auto _ : state) {
         const void* const block = blocks.any();

@@ -174,8 +174,8 @@ TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
                                 "query cur 0/0 max 64/1 peak 0/0 cum 64/1 req 64 mis 0\n");
     MEM_BLOCK_SHARDS shards;
     const void* const block = &shards;
-    shards.insert(block, {1, 2});
-    shards.insert(block, {3, 4});
+    shards.insert(block, {1, 2, 0});
+    shards.insert(block, {3, 4, 0});
     MEM_BLOCK_BIN_RECORD record;
     EXPECT_TRUE(shards.take(block, record));
     EXPECT_EQ(record.tag_id, 2U);

@@ -43,7 +43,7 @@ void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
 [[gnu::always_inline]] inline void record_block(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
     try {
         const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
-        mem_tbb_address_map->insert_or_assign(event.block, {&site, keeps_thread ? os_thread_id() : 0});
+        mem_tbb_address_map->insert_or_assign(event.block, {&site, keeps_thread ? os_thread_id() : 0, 0});
         charge_module(event, site);
     } catch (...) {
         MEM_BLOCK_RECORD ignored;
@@ -157,7 +157,6 @@ void credit_module(const CREDITED_SITE& site, std::uint64_t size) {
 } // namespace
 
 void mem_attribute_new_block(const MEM_EVENT& event) noexcept {
-    mem_tbb_address_map->prefetch(event.block);
     // Stacks are walked with nothing held, neither a lock nor the gate: that is the longest step, and a walk
     // can wait for a thread that is in the middle of an event itself (see the unwinder).
     const MEM_KNOWN_SITE known = mem_find_known_site();
@@ -169,7 +168,6 @@ void mem_attribute_new_block(const MEM_EVENT& event) noexcept {
 }
 
 void mem_credit_freed_block(const MEM_EVENT& event) noexcept {
-    mem_tbb_address_map->prefetch(event.block);
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     MEM_BLOCK_RECORD record;
     // The entry is unlocked again before the site lock is taken.

@@ -9,12 +9,12 @@
 namespace {
 
 // Where a block that the shards don't know is credited.
-constexpr MEM_BLOCK_BIN_RECORD ROOT{MEM_ROOT_ID, MEM_ROOT_ID};
+constexpr MEM_BLOCK_BIN_RECORD ROOT{MEM_ROOT_ID, MEM_ROOT_ID, 0};
 
 MEM_BLOCK_BIN_RECORD current_bin_and_tag() {
     MEM_PROFILE_BINS& bins = MEM_PROFILE_BINS::get_instance();
     const std::uint32_t bin_id = bins.m_bins().get_curr_id();
-    return {bin_id, bins.m_tags().get_curr_id()};
+    return {bin_id, bins.m_tags().get_curr_id(), 0};
 }
 
 } // namespace

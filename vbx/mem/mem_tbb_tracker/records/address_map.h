@@ -15,6 +15,7 @@
 struct MEM_BLOCK_RECORD {
     MEM_ADDRESS_TRACKER* address_tracker_ptr = nullptr; // not owned
     std::uint32_t thread_id = 0;                        // of the allocating thread, with the per-fileline bit
+    std::uint32_t mark = 0;                             // the map's own
 };
 
 using MEM_ADDRESS_MAP = MEM_BLOCK_MAP<MEM_BLOCK_RECORD>;

@@ -1,63 +1,69 @@
-// What is kept of each live block, by its address: 64 tables with a lock each.
+// What is kept of each live block, by its address.
 //
-//     slab of 16 KB   -->  table         the lock and the lines of a thread's own blocks stay with its
-//     processor 256 bytes       -->  16 places     in a row somewhere in the table, so neighbours share cache
-//     lines block           -->  the first free place from its own on
+//     address  | 3 x 11 bits: three directories |  14 bits: offset in its slab of 16 KB  |
+//                                |
+//                                +--> SLAB: lock, and a record for each 2^shift bytes
 //
-// A table is one array without nodes or links. A heap gives the same addresses out again and again, so what
-// is taken out is only marked: the next block of that address finds its place at once, and nothing is moved.
-// Half full, a table is made anew without the marked ones, and twice as large unless most were. The memory is
-// that of the ordinary heap, asked for inside an event, where the tracker's own requests are turned away; it
-// is not given back before the end or a clear, since most heaps grow again.
+//     shift 14   [            block            ]       one block in the slab: the record in the SLAB itself
+//     shift 7    [ ][b][b][ ][b][b][b][b][b][b]        ... as fine as the blocks lie
 //
-// One lock and mostly one cache line an event; 38 to 77 bytes a block with a record of 16 where few are
-// marked. (oneTBB's concurrent map, which was here before, took 250 instructions for an insert or an erase,
-// five locked ones among them.)
+// The heap fills a slab with slots of one size, so once the records are as fine as the nearest two blocks,
+// each block has its own: nothing is searched, and neighbours share cache lines as they do in the heap. Each
+// slab has its lock: those of a thread's own slabs stay with its processor. The memory is that of the
+// ordinary heap, asked for inside an event, where the tracker's own requests are turned away; it is given
+// back at a clear and at the end only, since most heaps fill the same slabs again.
+//
+// One lock and mostly one cache line of records an event; 16 to 32 bytes a block with a record of 16 in slabs
+// that are full. (oneTBB's concurrent map, which was here before, took 250 instructions for an insert or an
+// erase, five locked ones among them, and 70 bytes.)
 #pragma once
 
-#include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/base/spin_lock.h"
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 
-// RECORD  plain data
+// RECORD  plain data with a `std::uint32_t mark` that is the map's own, 0 at first
 template <class RECORD>
 class MEM_BLOCK_MAP {
   public:
+    MEM_BLOCK_MAP() = default;
+    ~MEM_BLOCK_MAP() { clear(); }
+    MEM_BLOCK_MAP(const MEM_BLOCK_MAP&) = delete;
+    MEM_BLOCK_MAP& operator=(const MEM_BLOCK_MAP&) = delete;
+
     // Enters a block, or gives the one that is there this record. Throws std::bad_alloc, with nothing
-    // changed.
+    // changed; always so at an address that user space doesn't have.
     void insert_or_assign(const void* block, const RECORD& record) {
-        TABLE& table = table_of(block);
-        const MEM_SPIN_GUARD guard(table.lock);
-        ENTRY& entry = table.entry_for(name_of(block));
-        if (entry.is_live())
-            entry.record = record;
-        else
-            table.enter(entry, name_of(block), record);
+        SLAB& slab = slab_for(block);
+        const MEM_SPIN_GUARD guard(slab.lock);
+        slab.enter(slab.place_for(mark_of(block)), mark_of(block), record);
     }
 
-    // Enters a block unless it is there. Throws std::bad_alloc, with nothing changed.
+    // Enters a block unless it is there. Throws like the above.
     void insert(const void* block, const RECORD& record) {
-        TABLE& table = table_of(block);
-        const MEM_SPIN_GUARD guard(table.lock);
-        ENTRY& entry = table.entry_for(name_of(block));
-        if (!entry.is_live())
-            table.enter(entry, name_of(block), record);
+        SLAB& slab = slab_for(block);
+        const MEM_SPIN_GUARD guard(slab.lock);
+        if (RECORD& place = slab.place_for(mark_of(block)); place.mark == NO_BLOCK)
+            slab.enter(place, mark_of(block), record);
     }
 
     // Takes a block out and gives its record. False when it isn't there.
     bool take(const void* block, RECORD& record) {
-        TABLE& table = table_of(block);
-        const MEM_SPIN_GUARD guard(table.lock);
-        ENTRY* const entry = table.find(name_of(block));
-        if (entry == nullptr)
+        SLAB* const slab = find_slab(block);
+        if (slab == nullptr)
             return false;
-        record = entry->record;
-        table.take_out(*entry);
+        const MEM_SPIN_GUARD guard(slab->lock);
+        RECORD& place = slab->place_of(mark_of(block));
+        if (place.mark != mark_of(block))
+            return false;
+        record = place;
+        place.mark = NO_BLOCK;
         return true;
     }
 
@@ -65,132 +71,133 @@ class MEM_BLOCK_MAP {
     // isn't there.
     template <class VISIT>
     bool visit(const void* block, VISIT visit) {
-        TABLE& table = table_of(block);
-        const MEM_SPIN_GUARD guard(table.lock);
-        const ENTRY* const entry = table.find(name_of(block));
-        if (entry == nullptr)
+        SLAB* const slab = find_slab(block);
+        if (slab == nullptr)
             return false;
-        visit(entry->record);
+        const MEM_SPIN_GUARD guard(slab->lock);
+        const RECORD& place = slab->place_of(mark_of(block));
+        if (place.mark != mark_of(block))
+            return false;
+        visit(place);
         return true;
     }
 
-    // Forgets all blocks and gives the memory back.
-    void clear() {
-        for (TABLE& table : m_tables) {
-            const MEM_SPIN_GUARD guard(table.lock);
-            delete[] table.entries.exchange(nullptr, std::memory_order_relaxed);
-            table.mask.store(0, std::memory_order_relaxed);
-            table.used = table.live = table.limit = 0;
-        }
-    }
-
-    // Has the cache line of a block fetched, for an event that gets to it a little later.
-    void prefetch(const void* block) const {
-        const TABLE& table = m_tables[number_of_table(block)];
-        const ENTRY* const entries = table.entries.load(std::memory_order_relaxed);
-        // The two may be of different arrays, and the array may be gone: a prefetch of anything does no harm.
-        __builtin_prefetch(entries + (own_place(name_of(block)) & table.mask.load(std::memory_order_relaxed)),
-                           1);
-    }
+    // Forgets all blocks and gives the memory back. While nobody else uses the map.
+    void clear() { m_root.clear(); }
 
   private:
-    static constexpr unsigned TABLE_BITS = 6;
     static constexpr unsigned SLAB_BITS = 14;
-    static constexpr unsigned ROW_BITS = 8;
-    static constexpr unsigned SLOT_BITS = 4; // blocks lie at multiples of 16 bytes, some small ones of 8
-    static constexpr std::size_t FIRST_CAPACITY = 64;
-    static constexpr std::uint64_t SCRAMBLER = 0x9E3779B97F4A7C15;
+    static constexpr unsigned DIRECTORY_BITS = 11;
+    static constexpr unsigned ADDRESS_BITS = SLAB_BITS + 3 * DIRECTORY_BITS;
+    static constexpr std::uint32_t NO_BLOCK = 0;
 
-    // An address without its highest bit, which no block has, and a bit for the mark.
-    using NAME = std::uint64_t;
-    static constexpr NAME LIVE = 1;
-
-    struct ENTRY {
-        NAME name = 0; // 0 where there was never one
-        RECORD record{};
-
-        bool is_of(NAME block) const { return (name | LIVE) == block; }
-        bool is_live() const { return (name & LIVE) != 0; }
-    };
-
-    struct alignas(MEM_CACHE_LINE) TABLE {
+    struct SLAB {
         MEM_SPIN_LOCK lock{MEM_LOCK_RANK::accessor};
-        // Changed under the lock, like all the others.
-        std::atomic<ENTRY*> entries{nullptr};
-        std::atomic<std::size_t> mask{0};          // one less than there are places
-        std::size_t used MEM_GUARDED_BY(lock) = 0; // marked ones too
-        std::size_t live MEM_GUARDED_BY(lock) = 0;
-        std::size_t limit MEM_GUARDED_BY(lock) = 0; // of used
+        RECORD* records MEM_GUARDED_BY(lock) = &first;
+        unsigned shift MEM_GUARDED_BY(lock) = SLAB_BITS; // 2^shift bytes of the heap to a record
+        RECORD first{};
 
-        ~TABLE() { delete[] entries.load(std::memory_order_relaxed); }
+        SLAB() = default;
+        SLAB(const SLAB&) = delete;
+        SLAB& operator=(const SLAB&) = delete;
+        ~SLAB() MEM_NO_THREAD_SAFETY_ANALYSIS { give_back(records); }
 
-        // The place of the block, or the empty one where it belongs: there is always one.
-        ENTRY& place_of(NAME block) MEM_REQUIRES(lock) {
-            ENTRY* const all = entries.load(std::memory_order_relaxed);
-            const std::size_t last = mask.load(std::memory_order_relaxed);
-            std::size_t at = own_place(block) & last;
-            while (!all[at].is_of(block) && all[at].name != 0)
-                at = (at + 1) & last;
-            return all[at];
+        void give_back(RECORD* old) {
+            if (old != &first)
+                delete[] old;
         }
 
-        // The entry of a live block, or null.
-        ENTRY* find(NAME block) MEM_REQUIRES(lock) {
-            if (live == 0)
-                return nullptr;
-            ENTRY& entry = place_of(block);
-            return entry.is_live() ? &entry : nullptr;
+        RECORD& place_of(std::uint32_t mark) MEM_REQUIRES(lock) { return records[(mark - 1) >> shift]; }
+
+        // The place of the block, with no other block in it. Throws std::bad_alloc.
+        RECORD& place_for(std::uint32_t mark) MEM_REQUIRES(lock) {
+            RECORD* place = &place_of(mark);
+            while (place->mark != NO_BLOCK && place->mark != mark) {
+                refine_to_part(place->mark, mark);
+                place = &place_of(mark);
+            }
+            return *place;
         }
 
-        // The entry that the block has or is to have.
-        ENTRY& entry_for(NAME block) MEM_REQUIRES(lock) {
-            if (used == limit) [[unlikely]]
-                make_room();
-            return place_of(block);
+        void enter(RECORD& place, std::uint32_t mark, const RECORD& record) MEM_REQUIRES(lock) {
+            place = record;
+            place.mark = mark;
         }
 
-        void enter(ENTRY& entry, NAME block, const RECORD& record) MEM_REQUIRES(lock) {
-            used += entry.name == 0 ? 1 : 0;
-            ++live;
-            entry = {block, record};
-        }
-
-        void take_out(ENTRY& entry) MEM_REQUIRES(lock) {
-            entry.name &= ~LIVE;
-            --live;
-        }
-
-        [[gnu::noinline]] void make_room() MEM_REQUIRES(lock) {
-            const std::size_t old_capacity = limit != 0 ? mask.load(std::memory_order_relaxed) + 1 : 0;
-            const bool are_many_marked = live <= old_capacity / 16 * 7;
-            const std::size_t capacity = old_capacity == 0 ? FIRST_CAPACITY
-                                         : are_many_marked ? old_capacity
-                                                           : 2 * old_capacity;
-            ENTRY* const fresh = new ENTRY[capacity];
-            const std::unique_ptr<ENTRY[]> old(entries.exchange(fresh, std::memory_order_relaxed));
-            mask.store(capacity - 1, std::memory_order_relaxed);
-            limit = capacity / 8 * 5;
-            used = live;
-            for (std::size_t at = 0; at < old_capacity; ++at)
-                if (old[at].is_live())
-                    place_of(old[at].name) = old[at];
+        // Makes the records so fine that the two blocks have one each.
+        [[gnu::noinline]] void refine_to_part(std::uint32_t one, std::uint32_t other) MEM_REQUIRES(lock) {
+            const auto finer = static_cast<unsigned>(std::bit_width((one - 1) ^ (other - 1))) - 1;
+            RECORD* const fresh = new RECORD[std::size_t{1} << (SLAB_BITS - finer)];
+            for (std::size_t at = 0; at < std::size_t{1} << (SLAB_BITS - shift); ++at)
+                if (records[at].mark != NO_BLOCK)
+                    fresh[(records[at].mark - 1) >> finer] = records[at];
+            give_back(records);
+            records = fresh;
+            shift = finer;
         }
     };
 
-    static NAME name_of(const void* block) { return reinterpret_cast<std::uintptr_t>(block) << 1 | LIVE; }
+    // NODE  what the entries lead to, made when first asked for
+    template <class NODE>
+    struct DIRECTORY {
+        std::array<std::atomic<NODE*>, std::size_t{1} << DIRECTORY_BITS> nodes{};
 
-    // Counted on from the beginning of the table as often as need be.
-    static std::size_t own_place(NAME block) {
-        constexpr std::size_t SLOTS_IN_ROW = std::size_t{1} << (ROW_BITS - SLOT_BITS);
-        const std::uint64_t address = block >> 1;
-        const std::size_t row = ((address >> ROW_BITS) * SCRAMBLER) >> 40;
-        return row * SLOTS_IN_ROW + (address >> SLOT_BITS) % SLOTS_IN_ROW;
+        ~DIRECTORY() { clear(); }
+
+        NODE* find(std::uintptr_t index) const {
+            return nodes[index % nodes.size()].load(std::memory_order_acquire);
+        }
+
+        // Throws std::bad_alloc.
+        NODE& find_or_make(std::uintptr_t index) {
+            NODE* const node = find(index);
+            return node != nullptr ? *node : make(index);
+        }
+
+        // Of two threads that make one at the same time one wins, and both use its node.
+        [[gnu::noinline]] NODE& make(std::uintptr_t index) {
+            auto fresh = std::make_unique<NODE>();
+            NODE* winner = nullptr;
+            if (nodes[index % nodes.size()].compare_exchange_strong(
+                    winner, fresh.get(), std::memory_order_acq_rel, std::memory_order_acquire))
+                winner = fresh.release();
+            return *winner;
+        }
+
+        void clear() {
+            for (std::atomic<NODE*>& node : nodes)
+                if (NODE* const old = node.load(std::memory_order_relaxed)) {
+                    node.store(nullptr, std::memory_order_relaxed);
+                    delete old;
+                }
+        }
+    };
+    using SLABS = DIRECTORY<SLAB>;
+    using REGIONS = DIRECTORY<SLABS>;
+
+    // Where the block begins in its slab, counted from 1.
+    static std::uint32_t mark_of(const void* block) {
+        constexpr std::uintptr_t LAST_OFFSET = (std::uintptr_t{1} << SLAB_BITS) - 1;
+        return static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(block) & LAST_OFFSET) + 1);
     }
 
-    static std::size_t number_of_table(const void* block) {
-        return ((reinterpret_cast<std::uintptr_t>(block) >> SLAB_BITS) * SCRAMBLER) >> (64 - TABLE_BITS);
+    SLAB* find_slab(const void* block) const {
+        const std::uintptr_t slab = reinterpret_cast<std::uintptr_t>(block) >> SLAB_BITS;
+        if (slab >> (ADDRESS_BITS - SLAB_BITS) != 0) [[unlikely]]
+            return nullptr;
+        const REGIONS* const regions = m_root.find(slab >> (2 * DIRECTORY_BITS));
+        const SLABS* const slabs = regions != nullptr ? regions->find(slab >> DIRECTORY_BITS) : nullptr;
+        return slabs != nullptr ? slabs->find(slab) : nullptr;
     }
-    TABLE& table_of(const void* block) { return m_tables[number_of_table(block)]; }
 
-    std::array<TABLE, std::size_t{1} << TABLE_BITS> m_tables;
+    SLAB& slab_for(const void* block) {
+        const std::uintptr_t slab = reinterpret_cast<std::uintptr_t>(block) >> SLAB_BITS;
+        if (slab >> (ADDRESS_BITS - SLAB_BITS) != 0) [[unlikely]]
+            throw std::bad_alloc();
+        return m_root.find_or_make(slab >> (2 * DIRECTORY_BITS))
+            .find_or_make(slab >> DIRECTORY_BITS)
+            .find_or_make(slab);
+    }
+
+    DIRECTORY<REGIONS> m_root;
 };
