@@ -195,6 +195,8 @@ TEST_F(DEBUG_AIDS_TEST, TheLogHasALineForEachEventWhileItIsOn) {
     start(0);
     mem_shutdown_tbb_tracking();
     EXPECT_FALSE(fake_hook_is_installed());
+    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd"))
+        EXPECT_NE(std::filesystem::read_symlink(descriptor).extension(), ".log");
     const std::string lines = "ptr=0x1000, requested_size =0, allocated_size=16, type=alloc\n"
                               "ptr=0x2000, requested_size =100, allocated_size=112, type=alloc\n";
     EXPECT_EQ(contents("mem_allocations.log"), lines);
