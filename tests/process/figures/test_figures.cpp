@@ -46,9 +46,9 @@ TEST_P(Figures, StandAtTheLineAndFunctionOfTheAllocation) {
         test_add(reported[row.place], row.figures);
     }
     for (const auto& [place, planted] : marks) {
-        const TEST_FIGURES& figures = reported[place];
-        EXPECT_EQ(std::to_string(figures[cumulative_blocks]) + " " +
-                      std::to_string(figures[cumulative_bytes]),
+        TEST_FIGURES& figures = reported[place];
+        EXPECT_EQ(std::to_string(figures["Cumulative blocks"]) + " " +
+                      std::to_string(figures["Cumulative bytes"]),
                   planted.blocks_and_bytes)
             << place;
     }

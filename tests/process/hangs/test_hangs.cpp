@@ -29,9 +29,10 @@ void expect_ends(const DANGER& danger, const TEST_ENVIRONMENT& aids) {
     // Frees of blocks that a late tracker never saw take its catch-all row below 0.
     const bool begins_late = danger.name == "late_suite_library";
     for (const TEST_ROW& row : test_read_report(tracked / danger.report, "Fileline")) {
-        EXPECT_GE(row.figures[cumulative_bytes], row.figures[max_bytes]) << row.function;
-        EXPECT_GE(row.figures[max_bytes], row.figures[current_bytes]) << row.function;
-        EXPECT_TRUE(row.figures[current_bytes] >= 0 || (begins_late && row.name == "OTHER")) << row.function;
+        EXPECT_GE(row.figures.at("Cumulative bytes"), row.figures.at("Max bytes")) << row.function;
+        EXPECT_GE(row.figures.at("Max bytes"), row.figures.at("Current bytes")) << row.function;
+        EXPECT_TRUE(row.figures.at("Current bytes") >= 0 || (begins_late && row.name == "OTHER"))
+            << row.function;
     }
 }
 

@@ -171,19 +171,6 @@ TEST_F(DEBUG_AIDS_TEST, OnlyASecondFreeEndsTheProcess) {
     }
 }
 
-TEST_F(DEBUG_AIDS_TEST, ManyThreadsAreCheckedWithoutAFalseAlarm) {
-    set_variable("mem_check_double_free", "on");
-    start(MEM_GRANULARITY_ALL);
-    run_on_threads(4, [](std::uint64_t thread) {
-        for (std::uint64_t round = 0; round < 5000; ++round) {
-            const std::uint64_t block = 0x10000 * (thread + 1) + 16 * (round % 100);
-            fake_allocate(block, 16, 16, {round % 2 == 0 ? PARSE : QUERY});
-            fake_free(block, 16);
-        }
-    });
-    EXPECT_EQ(catch_all().current_blocks, 0);
-}
-
 TEST_F(DEBUG_AIDS_TEST, TheLogHasALineForEachEventWhileItIsOn) {
     const EMPTY_FOLDER folder;
     mem_set_print_allocations_callback_enabled(true);
