@@ -170,11 +170,11 @@ INSTANTIATE_TEST_SUITE_P(
         PROGRAM{"git", {"sh"}, GIT_SCRIPT, "exit 0", "file", 10},
         PROGRAM{"gxx", {"g++", "-x", "c++", "-", "-o", "result"}, CPP_SOURCE, "exit 0", "result", 4},
         PROGRAM{"clang", {"clang++", "-x", "c++", "-c", "-", "-o", "result"}, CPP_SOURCE, "exit 0", "result"},
-        PROGRAM{"threads", {HOST "threads_and_plugins", HOST "host_plugin.so"}, "", "exit 7"},
-        PROGRAM{"static_runtime", {HOST "threads_and_plugins_static", HOST "host_plugin.so"}, "", "exit 7"},
-        PROGRAM{"wide_output", {HOST "wide_output"}, "", "exit 3"},
-        PROGRAM{"closed_output", {HOST "closed_output"}, "", "exit 5", "data"},
-        PROGRAM{"own_name", {HOST "own_name"}}),
+        PROGRAM{"threads", {HOST "threads_and_plugins", VBX_TEST_PLUGIN}, "", "exit 7"},
+        PROGRAM{"static_runtime", {HOST "threads_and_plugins_static", VBX_TEST_PLUGIN}, "", "exit 7"},
+        PROGRAM{"wide_output", {HOST "streams", "wide"}},
+        PROGRAM{"closed_output", {HOST "streams", "closed"}, "", "exit 0", "data"},
+        PROGRAM{"own_name", {HOST "streams", "name"}}),
     [](const auto& program) { return program.param.name; });
 
 } // namespace

@@ -1,9 +1,8 @@
-// Four threads that use every entry of the malloc family, throw, and load and unload a library. What is
-// allocated by one thread is partly freed by another.
+// Four threads that throw, and load and unload a library. What is allocated by one thread is partly freed by
+// another.
 #include <dlfcn.h>
 #include <malloc.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,42 +26,27 @@ void hand_over(void* block) {
     }
 }
 
-void use_malloc_family(unsigned step) {
-    const std::size_t size = 1 + step * 7919U % 30000;
-    char* block = static_cast<char*>(std::calloc(1, size));
-    const bool is_zero = std::count(block, block + size, 0) == static_cast<long>(size);
-    std::memset(block, 1, size);
-    block = static_cast<char*>(std::realloc(block, size * 2));
-    void* aligned = nullptr;
-    if (!is_zero || block[size - 1] != 1 || posix_memalign(&aligned, 256, size) != 0)
+std::size_t load_and_unload(const char* library, int depth) {
+    void* const handle = dlopen(library, RTLD_NOW);
+    if (handle == nullptr)
         std::abort();
-    hand_over(block);
-    hand_over(aligned);
-    hand_over(memalign(64, size));
-    std::free(std::aligned_alloc(128, 1024));
-    std::free(strdup("text"));
+    const int result = reinterpret_cast<int (*)(int)>(dlsym(handle, "nest"))(depth);
+    dlclose(handle);
+    return static_cast<std::size_t>(result);
 }
 
-std::size_t load_and_unload(const char* plugin, int seed) {
-    void* const library = dlopen(plugin, RTLD_NOW);
-    if (library == nullptr)
-        std::abort();
-    const auto work = reinterpret_cast<std::size_t (*)(int)>(dlsym(library, "plugin_work"));
-    const std::size_t result = work(seed);
-    dlclose(library);
-    return result;
-}
-
-void work(const char* plugin, std::size_t& total) {
-    for (unsigned step = 0; step < 200; ++step) {
-        use_malloc_family(step);
+void work(const char* library, std::size_t& total) {
+    for (std::size_t step = 0; step < 200; ++step) {
+        const std::size_t size = 1 + step * 7919 % 30000;
+        hand_over(std::realloc(std::calloc(1, size), size * 2));
+        hand_over(memalign(64, size));
         try {
             throw std::runtime_error(std::string(100, 'e'));
         } catch (const std::exception& thrown) {
             total += std::strlen(thrown.what());
         }
         if (step % 10 == 0)
-            total += load_and_unload(plugin, static_cast<int>(step));
+            total += load_and_unload(library, static_cast<int>(step % 7));
     }
 }
 
