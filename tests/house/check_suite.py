@@ -52,6 +52,17 @@ def compare_sites(expected, report):
             yield f"{report}: {key}: expected {expected.get(key)}, reported {reported.get(key)}"
 
 
+def compare_modules(expected, report):
+    """The row of a module is the sum of its sites. The highest figure that is known of it is that at the peak: the
+    samples of so short a run are taken then, and at its two ends."""
+    rows = {row[0]: row[1:] for row in (line.split("\t") for line in report.read_text().splitlines())}
+    for module in COMPLETE_MODULES:
+        sums = [sum(column) for column in zip(*(row for key, row in expected.items() if key[0] == module))]
+        wanted = [str(sums[index]) for index in (0, 2, 2, 3, 4, 5, 6, 8, 9)]
+        if rows.get(module) != wanted:
+            yield f"module {module}: expected {wanted}, reported {rows.get(module)}"
+
+
 def compare_leaks(expected, report):
     leak = expected["text_source", "text_open_archive"]
     wanted = rf"text_source leaked {leak[0]} bytes in {leak[6]} object\(s\) allocated at .*/text_source\.cpp:\d+ "
@@ -123,6 +134,7 @@ def main(program, readme, manuals):
         report = {file.name.split(".")[0]: file for file in Path(folder).glob("mem_tbb_*.word_index.log")}
         fileline = report["mem_tbb_fileline"]
         found = [*compare_sites(sites, fileline), *compare_sites(sites, sites_manual),
+                 *compare_modules(sites, report["mem_tbb_subsystem"]),
                  *compare_leaks(sites, report["mem_tbb_leak_warning"])]
         found += [f"the manual's sample has {row}, a run has not"
                   for row in source_lines(sites_manual) - source_lines(fileline)]
