@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 static const std::string long_name(10'000, 'n');
 static MEM_INITIALIZER mem_initializer(std::getenv("HOST_LONG_NAME") != nullptr ? long_name.c_str() : "host");
@@ -57,6 +58,45 @@ static void lock_output() {
     is_locked.wait(false);
 }
 
+// ---- what the debug aids look at
+
+[[gnu::noinline]] static void* make(std::size_t size) {
+    void* volatile block = std::malloc(size);
+    return block;
+}
+[[gnu::noinline]] static void drop(void* block) {
+    std::free(block);
+}
+
+static void free_twice(std::size_t size, const std::string& way) {
+    void* const block = make(size);
+    drop(block);
+    if (way != "realloc")
+        drop(block);
+    else if (std::realloc(block, 10) == nullptr)
+        std::_Exit(2);
+}
+
+// The program's own files take the numbers of all that were open.
+static void log_and_close_all() {
+    drop(make(77));
+    for (int descriptor = 3; descriptor < 1024; ++descriptor)
+        close(descriptor);
+    std::vector<std::FILE*> files;
+    for (int index = 0; index < 600; ++index)
+        files.push_back(std::fopen("own", "w"));
+    drop(make(78));
+}
+
+static void log_on_threads() {
+    std::vector<std::jthread> threads;
+    for (int index = 0; index < 4; ++index)
+        threads.emplace_back([] {
+            for (std::size_t round = 0; round < 500; ++round)
+                drop(make(90'000 + round));
+        });
+}
+
 int main(int count, char** arguments) {
     const std::string action = count > 1 ? arguments[1] : "";
     if (action == "close_output") {
@@ -77,6 +117,12 @@ int main(int count, char** arguments) {
         lock_output();
     } else if (action == "register_code_modules") {
         register_code_modules();
+    } else if (action == "free_twice") {
+        free_twice(std::stoul(arguments[2]), arguments[3]);
+    } else if (action == "log_and_close_all") {
+        log_and_close_all();
+    } else if (action == "log_on_threads") {
+        log_on_threads();
     }
     void* volatile leaked = std::malloc(1'234'567);
     return leaked != nullptr ? 9 : 1;
