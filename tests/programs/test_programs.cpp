@@ -84,7 +84,7 @@ TEST_P(Programs, BehaveAsWithoutUsAndAreCountedExactly) {
     const TEST_DIRECTORY directory;
     const TEST_DIRECTORY verdicts;
     expect_same_behaviour(GetParam(),
-                          test_preload(VBX_TEST_EVENT_CHECKER) + test_all_switches() +
+                          test_preload(EVENT_CHECKER) + test_all_switches() +
                               TEST_ENVIRONMENT{{"VBX_TEST_VERDICTS", verdicts.path()}},
                           directory);
     if (IsSkipped())
@@ -160,7 +160,8 @@ template <class T> T twice(T value) { return value + value; }
 int main() { return twice(SUM<200>::value) == 40200 && twice(0.5) == 1.0 ? 0 : 1; }
 )";
 
-#define HOST VBX_TEST_HOSTS "/"
+const std::string SMALL = VBX_TEST_LIBRARIES "/libstress_small.so";
+const std::string LARGE = VBX_TEST_LIBRARIES "/libstress_large.so";
 
 INSTANTIATE_TEST_SUITE_P(
     System, Programs,
@@ -170,11 +171,10 @@ INSTANTIATE_TEST_SUITE_P(
         PROGRAM{"git", {"sh"}, GIT_SCRIPT, "exit 0", "file", 10},
         PROGRAM{"gxx", {"g++", "-x", "c++", "-", "-o", "result"}, CPP_SOURCE, "exit 0", "result", 4},
         PROGRAM{"clang", {"clang++", "-x", "c++", "-c", "-", "-o", "result"}, CPP_SOURCE, "exit 0", "result"},
-        PROGRAM{"threads", {HOST "threads_and_plugins", VBX_TEST_PLUGIN}, "", "exit 7"},
-        PROGRAM{"static_runtime", {HOST "threads_and_plugins_static", VBX_TEST_PLUGIN}, "", "exit 7"},
-        PROGRAM{"wide_output", {HOST "streams", "wide"}},
-        PROGRAM{"closed_output", {HOST "streams", "closed"}, "", "exit 0", "data"},
-        PROGRAM{"own_name", {HOST "streams", "name"}}),
+        PROGRAM{"crowd", {STRESS, SMALL, LARGE}}, PROGRAM{"static_runtime", {STRESS_STATIC, SMALL, LARGE}},
+        PROGRAM{"wide_output", {STREAMS, "wide"}},
+        PROGRAM{"closed_output", {STREAMS, "closed"}, "", "exit 0", "data"},
+        PROGRAM{"own_name", {STREAMS, "name"}}),
     [](const auto& program) { return program.param.name; });
 
 } // namespace
