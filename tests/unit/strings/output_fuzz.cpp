@@ -216,12 +216,13 @@ TEST_P(OUTPUT_FUZZ, AgreesWithPrintf) {
     const std::uint64_t first = given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
     static const std::uint64_t universal_argument = map_universal_argument();
     for (std::uint64_t seed = first; seed < first + FORMATS && !HasFailure(); ++seed) {
-        SCOPED_TRACE(seed);
         random_number.seed(seed);
         if (universal_argument != 0 && once_in(2))
             expect_survival_of_any_format(universal_argument);
         else
             AGREEING_FORMATS().expect_agreement();
+        if (HasFailure())
+            ADD_FAILURE() << "OUTPUT_FUZZ_SEED=" << seed;
     }
 }
 
