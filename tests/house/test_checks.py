@@ -5,11 +5,8 @@ import tempfile
 import unittest
 from pathlib import Path
 
-sys.path.append(str(Path(__file__).parents[2] / "scripts"))
-import check_binaries
 import check_layers
 import check_sources
-import reference_comments
 
 README = "order:\n```\nvbx/platform/os   below\nvbx/mem/base      middle\nvbx/mem           top\n```\n"
 CLEAN = {
@@ -53,38 +50,6 @@ class Checks(unittest.TestCase):
                           "build/generated.cpp": f"// {folder}\n" * 1000})
         self.assertEqual([line.split(":")[0] for line in check_sources.check_size(tree)], ["vbx/long.cpp"])
         self.assertEqual([line.split(":")[0] for line in check_sources.check_paths(tree)], ["docs/paths.md"])
-
-    def test_exports_tell_missing_and_new_symbols(self):
-        tree = self.tree({"list.txt": "kept\ngone\n"})
-        real, check_binaries.exported_symbols = check_binaries.exported_symbols, lambda library: ["kept", "new"]
-        self.addCleanup(setattr, check_binaries, "exported_symbols", real)
-        found = check_binaries.check_exports("library", str(tree / "list.txt"))
-        self.assertEqual([line for line in found if line[1:] in ("kept", "gone", "new")], ["-gone", "+new"])
-
-    def test_comments_become_documentation(self):
-        pairs = [
-            ("// Of <a> file.", "/// Of \\<a\\> file."),
-            ("#pragma once", "/// \\file"),
-            ("// Stands alone.", "// Stands alone."),
-            ("", ""),
-            ("// Moves.", "/// Moves."),
-            ("// from, to  where it is", "/// \\param from,to where it is"),
-            ("//           and goes", "///           and goes"),
-            ("// Returns `<true>`.", "///  \\ilinebr  \\ilinebr \\return `<true>`."),
-            ("bool move(void* from, void* to);", "bool move(void* from, void* to);"),
-            ("void stay();", "/** Moves. \\ilinebr from, to  where it is \\ilinebr           and goes \\ilinebr "
-                             "\\return `<true>`. */ void stay();"),
-            ("", ""),
-            ("struct PAIR {", "struct PAIR {"),
-            ("    PAIR(const PAIR&);", ""),
-            ("    // Takes the first.", "/// Takes the first. \\ilinebr \\return this object"),
-            ("    PAIR& operator=(const PAIR&);", "    PAIR& operator=(const PAIR&);"),
-            ("    int first;  // of two", "    int first;  ///< of two"),
-            ("                // numbers", "                ///< numbers"),
-            ("};", "};"),
-        ]
-        shown = reference_comments.Header([plain for plain, _ in pairs]).shown()
-        self.assertEqual(list(shown), [marked for _, marked in pairs])
 
 
 if __name__ == "__main__":

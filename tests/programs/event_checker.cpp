@@ -15,7 +15,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -24,6 +23,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -58,26 +58,15 @@ struct VERDICT {
 constinit VERDICT verdict;
 alignas(LIVE_BLOCKS) constinit char live_blocks_memory[sizeof(LIVE_BLOCKS)] = {}; // never destroyed
 constinit LIVE_BLOCKS* live_blocks = nullptr;
-constinit std::atomic_flag lock = ATOMIC_FLAG_INIT;
+constinit std::mutex lock;
 constinit std::atomic<bool> is_attached{false};
 constinit char verdict_file[512] = {};
 
 // How many events this thread is between `before` and `after` of. Static TLS: another model would allocate.
 [[gnu::tls_model("initial-exec")]] constinit __thread unsigned depth = 0;
 
-class LOCKED {
-  public:
-    LOCKED() {
-        while (lock.test_and_set(std::memory_order_acquire))
-            sched_yield();
-    }
-    ~LOCKED() { lock.clear(std::memory_order_release); }
-    LOCKED(const LOCKED&) = delete;
-    LOCKED& operator=(const LOCKED&) = delete;
-};
-
 void check_allocation(std::uintptr_t block, std::uint64_t size) {
-    const LOCKED locked;
+    const std::lock_guard guard(lock);
     ++verdict.allocations;
     verdict.live_bytes += static_cast<long long>(size);
     if (!live_blocks->insert_or_assign(block, size).second)
@@ -86,7 +75,7 @@ void check_allocation(std::uintptr_t block, std::uint64_t size) {
 
 void check_free(std::uintptr_t block, std::uint64_t size) {
     {
-        const LOCKED locked;
+        const std::lock_guard guard(lock);
         ++verdict.frees;
         verdict.live_bytes -= static_cast<long long>(size);
         if (const auto found = live_blocks->find(block); found != live_blocks->end()) {
@@ -98,7 +87,7 @@ void check_free(std::uintptr_t block, std::uint64_t size) {
     // A block from before the attach the tracker still has: it learns of this free behind us.
     MEM_ADDRESS_TRACKER site;
     const bool is_known = mem_get_address_tracker(reinterpret_cast<void*>(block), site);
-    const LOCKED locked;
+    const std::lock_guard guard(lock);
     verdict.unknown_frees += !is_known;
 }
 

@@ -2,31 +2,17 @@
 // passed over it would prove nothing.
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
-// In the order of the per-site report; a column that a report doesn't have reads 0.
-enum TEST_FIGURE {
-    current_bytes,
-    max_bytes,
-    peak_bytes,
-    cumulative_bytes,
-    requested_bytes,
-    mismatched_bytes,
-    current_blocks,
-    max_blocks,
-    peak_blocks,
-    cumulative_blocks,
-};
-using TEST_FIGURES = std::array<std::int64_t, 10>;
+using TEST_FIGURES = std::map<std::string, std::int64_t>; // by the names of the columns
 
 struct TEST_ROW {
     std::string name; // address of a site, "OTHER", or name of a subsystem
-    TEST_FIGURES figures = {};
+    TEST_FIGURES figures;
     // Of a site:
-    std::string module;
     std::string place; // "file:line"
     std::string function;
 };

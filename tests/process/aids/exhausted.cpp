@@ -83,7 +83,8 @@ int main(int, char** arguments) {
                                       : handler == "returns"  ? return_from_handler
                                       : handler == "exhausts" ? exhaust_in_handler
                                                               : nullptr);
-    label.assign(block_size, 'x');
+    if (way == "label")
+        label.assign(block_size, 'x');
     at_end.is_wanted = way == "at_end";
     if (at_end.is_wanted)
         return 0;

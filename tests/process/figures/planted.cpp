@@ -1,14 +1,7 @@
-// Allocation sites whose figures are known beforehand. The line of each is found by its mark, its figures
-// stand in the test.
-//
-//     all of them -> some are freed -> [64 MiB block: the high tide] -> more are freed -> the end
-//
-// What is live at the high tide is each site's peak: nothing else in the process comes near it.
-#include "planted.h"
-
+// Allocations whose site must not depend on the compiler. A mark tells what its line has allocated: how many
+// blocks, how many bytes of slots, and how the function's name begins.
 #include <vbx/mem.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -18,95 +11,58 @@ static MEM_INITIALIZER mem_initializer("planted");
 
 namespace planted {
 
-char* aligned;
-char* left;
-char* handed_over[5];
-char* large_handed_over;
-char* from_thread;
-void* from_malloc[10];
-void* from_calloc;
-void* grown;
+// Makes the compiler believe that the block is used: neither its allocation nor the frame of its caller goes.
+void keep(const void* block) {
+    __asm__ volatile("" : : "r"(block) : "memory");
+}
 
 [[gnu::noinline]] void allocate_as_in_c() {
-    for (void*& block : from_malloc) {
-        block = std::malloc(100); // SITE malloc
-        KEEP(block);
-    }
-    from_calloc = std::calloc(7, 10); // SITE calloc
-    grown = std::malloc(100);         // SITE before_growth
-    KEEP(grown);
-    grown = std::realloc(grown, 5000); // SITE growth
-    KEEP(grown);
+    for (int count = 0; count < 10; ++count)
+        keep(std::malloc(100));     // SITE 10 1120 planted::allocate_as_in_c()
+    keep(std::calloc(7, 10));       // SITE 1 80 planted::allocate_as_in_c()
+    void* grown = std::malloc(100); // SITE 1 112 planted::allocate_as_in_c()
+    keep(grown);
+    keep(std::realloc(grown, 5000)); // SITE 1 5376 planted::allocate_as_in_c()
 }
 
 [[gnu::noinline]] void allocate_plainly() {
-    left = new char[200]; // SITE plain_new
-    KEEP(left);
-    delete[] left;
-    left = new char[200]; // SITE plain_new_again
-    KEEP(left);
-    aligned = static_cast<char*>(::operator new (100, std::align_val_t{64})); // SITE aligned
-    KEEP(aligned);
+    keep(new char[200]);                              // SITE 1 224 planted::allocate_plainly()
+    keep(::operator new (100, std::align_val_t{64})); // SITE 1 128 planted::allocate_plainly()
 }
 
 template <class T>
 [[gnu::noinline]] void allocate_in_template() {
-    left = reinterpret_cast<char*>(new T[20]); // SITE template
-    KEEP(left);
+    keep(new T[20]); // SITE 1 160 planted::allocate_in_template<long>()
+    keep(nullptr);
 }
 
 [[gnu::always_inline]] inline char* from_inlined_function() {
     char* const result = new char[1000];
-    KEEP(result);
+    keep(result);
     return result;
 }
 
 [[gnu::noinline]] void call_inlined_function() {
-    left = from_inlined_function(); // SITE inlined
-    KEEP(left);
+    keep(from_inlined_function()); // SITE 1 1024 planted::call_inlined_function()
+    keep(nullptr);
 }
 
+// Room for 1, 2, 4 and 8 numbers.
 [[gnu::noinline]] void grow_vector(std::vector<int>& numbers) {
     for (int number = 0; number < 5; ++number)
-        numbers.push_back(number); // SITE vector
-    KEEP(&numbers);
+        numbers.push_back(number); // SITE 4 64 planted::grow_vector(
+    keep(&numbers);
 }
 
 [[gnu::noinline]] void fill_string(std::string& text) {
-    text.assign(1000, 'x'); // SITE string
-    KEEP(&text);
-}
-
-[[gnu::noinline]] void allocate_for_other_thread() {
-    for (char*& block : handed_over)
-        block = new char[500];           // SITE handed_over
-    large_handed_over = new char[20000]; // SITE large_handed_over
-    KEEP(large_handed_over);
-}
-
-[[gnu::noinline]] void free_on_other_thread() {
-    for (int index = 0; index < 3; ++index)
-        delete[] handed_over[index];
-    delete[] large_handed_over;
-}
-
-[[gnu::noinline]] void allocate_on_thread() {
-    from_thread = new char[300]; // SITE thread
-    KEEP(from_thread);
-}
-
-[[gnu::noinline]] void high_tide() {
-    char* const sea = new char[64 << 20]; // SITE tide
-    KEEP(sea);
-    delete[] sea;
+    text.assign(1000, 'x'); // SITE 1 1024 planted::fill_string(
+    keep(&text);
 }
 
 } // namespace planted
 
 int main() {
     using namespace planted;
-    mem_set_tbb_exe_string("planted");
-    std::fprintf(stderr, "%p\n", library_base());
     std::vector<int> numbers;
     std::string text;
     allocate_as_in_c();
@@ -115,24 +71,9 @@ int main() {
     call_inlined_function();
     grow_vector(numbers);
     fill_string(text);
-    allocate_for_other_thread();
     const auto from_lambda = []() __attribute__((noinline)) {
-        left = new char[800]; // SITE lambda
-        KEEP(left);
+        keep(new char[800]); // SITE 1 896 main::
+        keep(nullptr);
     };
     from_lambda();
-    left = library_buffer();
-    run_on_thread(allocate_on_thread);
-
-    for (int index = 0; index < 4; ++index)
-        std::free(from_malloc[index]);
-    run_on_thread(free_on_other_thread);
-    high_tide();
-
-    for (int index = 4; index < 6; ++index) // four of the ten stay
-        std::free(from_malloc[index]);
-    std::free(from_calloc);
-    std::free(grown);
-    ::operator delete (aligned, std::align_val_t{64});
-    delete[] from_thread;
 }

@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 static const std::string long_name(10'000, 'n');
 static MEM_INITIALIZER mem_initializer(std::getenv("HOST_LONG_NAME") != nullptr ? long_name.c_str() : "host");
@@ -22,24 +23,6 @@ struct GROUPING : std::numpunct<char> {
     char do_thousands_sep() const override { return ','; }
     std::string do_grouping() const override { return "\3"; }
 };
-
-static void print_mask() {
-    unsigned mask = 0;
-    for (unsigned bit = 1; bit <= 64; bit <<= 1)
-        mask |= mem_tracking_is_enabled(static_cast<MEM_TRACKING_GRANULARITY>(bit)) ? bit : 0;
-    std::printf("mask %u\n", mask);
-}
-
-// The loaded code stays what it was; the file of its name is another when its symbols are first asked for.
-static void replace_file(const char* library, std::size_t kept_bytes) {
-    std::filesystem::copy_file(library, "./copy.so");
-    void* const handle = dlopen("./copy.so", RTLD_NOW);
-    const auto use = reinterpret_cast<void (*)()>(dlsym(handle, "allocate_from_new_code"));
-    std::filesystem::copy_file("./copy.so", "./new.so");
-    std::filesystem::resize_file("./new.so", kept_bytes);
-    std::filesystem::rename("./new.so", "./copy.so");
-    use();
-}
 
 static void ask_configuration(const char* library) {
     if (library != nullptr)
@@ -75,17 +58,43 @@ static void lock_output() {
     is_locked.wait(false);
 }
 
-// Live bytes that are left when all blocks have been given back.
-static void print_bytes_left_of_chunks() {
-    MEM_UTILS_CHUNK_ALLOC chunks;
-    const long long before = mem_get_global_current().bytes.load();
-    void* const blocks[] = {chunks.chunk_malloc(100, 8), chunks.chunk_malloc(40'000, 8)};
-    const bool counts = mem_get_global_current().bytes.load() >= before + 40'000;
-    chunks.chunk_free_memory();
-    for (void* const block : blocks)
-        chunks.chunk_delete_when_chunking_disabled(block);
-    if (counts)
-        std::printf("%lld left\n", mem_get_global_current().bytes.load() - before);
+// ---- what the debug aids look at
+
+[[gnu::noinline]] static void* make(std::size_t size) {
+    void* volatile block = std::malloc(size);
+    return block;
+}
+[[gnu::noinline]] static void drop(void* block) {
+    std::free(block);
+}
+
+static void free_twice(std::size_t size, const std::string& way) {
+    void* const block = make(size);
+    drop(block);
+    if (way != "realloc")
+        drop(block);
+    else if (std::realloc(block, 10) == nullptr)
+        std::_Exit(2);
+}
+
+// The program's own files take the numbers of all that were open.
+static void log_and_close_all() {
+    drop(make(77));
+    for (int descriptor = 3; descriptor < 1024; ++descriptor)
+        close(descriptor);
+    std::vector<std::FILE*> files;
+    for (int index = 0; index < 600; ++index)
+        files.push_back(std::fopen("own", "w"));
+    drop(make(78));
+}
+
+static void log_on_threads() {
+    std::vector<std::jthread> threads;
+    for (int index = 0; index < 4; ++index)
+        threads.emplace_back([] {
+            for (std::size_t round = 0; round < 500; ++round)
+                drop(make(90'000 + round));
+        });
 }
 
 int main(int count, char** arguments) {
@@ -102,21 +111,18 @@ int main(int count, char** arguments) {
     } else if (action == "limit_files") {
         const rlimit bytes{300, 300};
         setrlimit(RLIMIT_FSIZE, &bytes);
-    } else if (action == "replace_file") {
-        replace_file(arguments[2], std::strtoul(arguments[3], nullptr, 10));
     } else if (action == "ask_configuration") {
         ask_configuration(arguments[2]);
     } else if (action == "lock_output") {
         lock_output();
-    } else if (action == "use_chunks") {
-        print_bytes_left_of_chunks();
     } else if (action == "register_code_modules") {
         register_code_modules();
-    } else if (action == "exhaust_chunks") {
-        std::printf("before");
-        MEM_UTILS_CHUNK_ALLOC().chunk_malloc(std::strtoull(arguments[2], nullptr, 10), 16);
-    } else if (action == "mask") {
-        print_mask();
+    } else if (action == "free_twice") {
+        free_twice(std::stoul(arguments[2]), arguments[3]);
+    } else if (action == "log_and_close_all") {
+        log_and_close_all();
+    } else if (action == "log_on_threads") {
+        log_on_threads();
     }
     void* volatile leaked = std::malloc(1'234'567);
     return leaked != nullptr ? 9 : 1;

@@ -1,6 +1,7 @@
 // Allocates where stacks are hard to walk. Without arguments: in coroutines and signal handlers. With two
-// libraries: in the loader, in forked children, behind calls that don't return, in libraries that take turns
-// at one place. They are built of this source, too: frames of two sizes, one layout of code.
+// libraries: in the loader, in forked children, behind calls that don't return and throws, in libraries that
+// take turns at one place. They are built of this source, too: frames of two sizes, one layout of code.
+// Blocks of one thread are freed by another.
 #include <dlfcn.h>
 #include <link.h>
 #include <signal.h>
@@ -10,6 +11,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <stdexcept>
 #include <thread>
 
 extern "C" [[gnu::visibility("default")]] int nest(int depth) {
@@ -25,6 +27,7 @@ extern "C" [[gnu::visibility("default")]] int nest(int depth) {
     _exit(nest(20) - 21);
 }
 static std::atomic<int> faults = 0, rounds = 500;
+static std::atomic<void*> handed_over = nullptr;
 static ucontext_t outside, inside;
 static char coroutine_stack[1 << 18], signal_stack[1 << 18];
 
@@ -60,7 +63,7 @@ int main(int count, char** arguments) {
                 leave();
     });
     std::jthread lister([] {
-        while (rounds > 0)
+        for (; rounds > 0; std::free(handed_over.exchange(nullptr)))
             dl_iterate_phdr([](dl_phdr_info*, std::size_t, void*) { return nest(2) - 3; }, nullptr);
     });
     void* last = nullptr;
@@ -71,6 +74,12 @@ int main(int count, char** arguments) {
         same += function == last;
         last = function;
         dlclose(library);
+        std::free(handed_over.exchange(std::realloc(std::calloc(1, 50), 5000)));
+        try {
+            throw std::runtime_error("a message that is too long for a small string");
+        } catch (const std::exception& thrown) {
+            faults += thrown.what()[0] != 'a';
+        }
     }
     forker.join();
     return faults != 0;

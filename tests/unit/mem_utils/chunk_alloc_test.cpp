@@ -4,6 +4,7 @@
 #include <vbx/mem.h>
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <map>
@@ -102,6 +103,15 @@ TEST_P(CHUNK_ALLOC_TEST, AgreesWithTheModel) {
         threshold = random() % 4 == 0 ? 0 : random() % 400;
     }
     EXPECT_EQ(warnings > 0, GetParam());
+}
+
+TEST_P(CHUNK_ALLOC_TEST, GivesAllBack) {
+    const auto bytes_in_use = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+    const std::size_t before = bytes_in_use();
+    request(100, 8);
+    request(40'000, 8);
+    give_back();
+    EXPECT_LT(bytes_in_use(), before + 30'000); // the C library keeps small ones for later
 }
 
 // Blocks outlive their object; with no chunk there is nowhere for a block of no bytes.

@@ -1,14 +1,11 @@
-// stl_output on random formats.
-//
-//     output_fuzz COUNT [SEED]
-//
-// Half of them are put together from conversions whose text the C library's printf can be made to print, from
-// a format and a list of its own: text, result, stored counts and the place of the list behind the call must
-// agree. The other half are any characters, with arguments that are right for every conversion: no byte
-// outside of them is touched, and the count is the growth of the string.
+// stl_output on random formats. Half of them are put together from conversions whose text the C library's
+// printf can be made to print, from a format and a list of its own: text, result, stored counts and the place
+// of the list behind the call must agree. The other half are any characters, with arguments that are right
+// for every conversion: no byte outside of them is touched, and the count is the growth of the string.
 
 #include <vbx/mem.h>
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -85,7 +82,7 @@ class AGREEING_FORMATS {
         m_arguments.push_back(LAST_ARGUMENT);
     }
 
-    bool agree() {
+    void expect_agreement() {
         const std::string before(below(600), 'b');
         std::string text = before, expected(32768, '\0');
         std::va_list list, printf_list;
@@ -95,12 +92,10 @@ class AGREEING_FORMATS {
         const int size =
             std::vsnprintf(expected.data(), expected.size(), m_printf_format.c_str(), printf_list);
         expected.resize(static_cast<std::size_t>(size));
-        if (result == size && text == before + expected && m_counts == m_printf_counts &&
-            va_arg(list, unsigned long) == LAST_ARGUMENT)
-            return true;
-        std::printf("format \"%s\", for printf \"%s\"\n  \"%s\"\n  \"%s\"\n", m_format.c_str(),
-                    m_printf_format.c_str(), text.substr(before.size()).c_str(), expected.c_str());
-        return false;
+        EXPECT_EQ(result, size);
+        EXPECT_EQ(text, before + expected) << m_format << " and for printf " << m_printf_format;
+        EXPECT_EQ(m_counts, m_printf_counts) << m_format;
+        EXPECT_EQ(va_arg(list, unsigned long), LAST_ARGUMENT) << m_format;
     }
 
   private:
@@ -201,7 +196,7 @@ std::uint64_t map_universal_argument() {
     return ADDRESS;
 }
 
-bool survives_any_format(std::uint64_t universal_argument) {
+void expect_survival_of_any_format(std::uint64_t universal_argument) {
     const std::string format =
         some_of("%%%%%%%%%%%%%%%%-+ #01.*FILNhlwBCEGSXZcdefginopsux64ayz\x01\x7f\x80\xff", 60);
     ARGUMENTS arguments(60, universal_argument);
@@ -209,27 +204,28 @@ bool survives_any_format(std::uint64_t universal_argument) {
     start(list, arguments);
     std::string text = "before";
     const int result = stl_output(&text, format.c_str(), list);
-    if (result >= 0 && text.size() == 6 + static_cast<std::size_t>(result) && text.starts_with("before"))
-        return true;
-    std::printf("format \"%s\" gave %d and \"%s\"\n", format.c_str(), result, text.c_str());
-    return false;
+    EXPECT_TRUE(text.starts_with("before"));
+    EXPECT_EQ(static_cast<int>(text.size()), 6 + result) << format;
 }
+
+class OUTPUT_FUZZ : public testing::TestWithParam<int> {};
+
+// Runs of their own, so that a busy machine ends each in time. OUTPUT_FUZZ_SEED repeats a failed one.
+TEST_P(OUTPUT_FUZZ, AgreesWithPrintf) {
+    const char* const given = std::getenv("OUTPUT_FUZZ_SEED");
+    const std::uint64_t first = given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
+    static const std::uint64_t universal_argument = map_universal_argument();
+    for (std::uint64_t seed = first; seed < first + FORMATS && !HasFailure(); ++seed) {
+        random_number.seed(seed);
+        if (universal_argument != 0 && once_in(2))
+            expect_survival_of_any_format(universal_argument);
+        else
+            AGREEING_FORMATS().expect_agreement();
+        if (HasFailure())
+            ADD_FAILURE() << "OUTPUT_FUZZ_SEED=" << seed;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Run, OUTPUT_FUZZ, testing::Range(0, RUNS));
 
 } // namespace
-
-int main(int count, char** arguments) {
-    const std::uint64_t cases = count > 1 ? std::strtoull(arguments[1], nullptr, 10) : 0;
-    const std::uint64_t first = count > 2 ? std::strtoull(arguments[2], nullptr, 10) : std::random_device()();
-    const std::uint64_t universal_argument = map_universal_argument();
-    for (std::uint64_t seed = first; seed < first + cases; ++seed) {
-        random_number.seed(seed);
-        const bool is_any = universal_argument != 0 && once_in(2);
-        if (!(is_any ? survives_any_format(universal_argument) : AGREEING_FORMATS().agree())) {
-            std::printf("seed %lu\n", seed);
-            return 1;
-        }
-    }
-    std::printf("%lu formats from seed %lu on%s\n", cases, first,
-                universal_argument == 0 ? ", only such as printf knows" : "");
-    return cases > 0 ? 0 : 2;
-}

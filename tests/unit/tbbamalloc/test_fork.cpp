@@ -1,12 +1,13 @@
-// The heap of a forked child works, whatever other threads were doing at the fork.
-#include "tests/unit/tbbamalloc/busy_threads.h"
+// The heap of a forked child works. (Children of a process that is busy: tests/process/hangs.)
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 namespace {
 
@@ -14,19 +15,6 @@ std::atomic<int> events = 0;
 
 void count_event(void*, std::uint64_t, std::uint64_t, bool) {
     events.fetch_add(1);
-}
-
-// Forks; the child runs `body` and has a limited time for it. Gives the wait status.
-template <class BODY>
-int status_of_child(BODY body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(10);
-        _exit(body() ? 0 : 1);
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return status;
 }
 
 bool use_heap() {
@@ -39,23 +27,6 @@ bool use_heap() {
     }
     std::thread([] { std::free(std::malloc(1'000'000)); }).join();
     return true;
-}
-
-TEST(Fork, ChildrenOfBusyProcessNeverHang) {
-    for (const tbbk_mem_tracker_callback hook : {tbbk_mem_tracker_callback{nullptr}, &count_event}) {
-        tbbk_set_mem_tracker_callback(hook);
-        BUSY_THREADS_AND_ENDS busy;
-        const auto fork_again_and_again = [] {
-            for (int round = 0; round != 60; ++round)
-                EXPECT_EQ(status_of_child(use_heap), 0);
-        };
-        std::thread first(fork_again_and_again);
-        std::thread second(fork_again_and_again);
-        fork_again_and_again();
-        first.join();
-        second.join();
-    }
-    tbbk_set_mem_tracker_callback(nullptr);
 }
 
 std::atomic<bool> is_callback_stuck = false;
@@ -74,16 +45,20 @@ TEST(Fork, PastThreadThatNeverLeaves) {
     while (!is_callback_stuck)
         usleep(1000);
     tbbk_set_mem_tracker_callback(nullptr);
-    const auto use_own_heap = [old_block] {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
         tbbk_set_mem_tracker_callback(count_event);
         events = 0;
         char* const block = static_cast<char*>(std::realloc(old_block, 200'000));
         const bool is_kept = block[0] == 7 && block[99'999] == 7;
         std::free(block);
         std::free(std::aligned_alloc(4096, 100));
-        return is_kept && events == 0 && use_heap();
-    };
-    EXPECT_EQ(status_of_child(use_own_heap), 0);
+        _exit(is_kept && events == 0 && use_heap() ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
     is_callback_stuck = false;
     stuck.join();
     std::free(old_block);

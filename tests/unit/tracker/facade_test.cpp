@@ -23,15 +23,3 @@ TEST_F(FACADE_TEST, AnswersFromTheStatisticsAlsoAfterTheTeardown) {
     EXPECT_EQ(&(*segment = MEM_SEGMENT()), MEM_MANAGER::get_default_segment());
     EXPECT_TRUE(mem_is_allocated(nullptr));
 }
-
-TEST(RECORD_TEST, CountBelongsToTheObject) {
-    struct RECORD : MEM_MRC_CLASS__ {
-        std::uint32_t& count() { return m_count; }
-    };
-    RECORD record;
-    record.count() += 3;
-    RECORD copy = record;
-    EXPECT_EQ(copy.count(), 0U);
-    record = copy;
-    EXPECT_EQ(record.count(), 3U);
-}

@@ -27,12 +27,8 @@ const struct {
 } MASKS[] = {{"", 0, ""},
              {"mem_profile_all=on CHECK_LEAKS_FAST=1", 95, "flba"},
              {"PROFILE_PER_BIN=1 mem_profile_per_bin_detailed=ON", 3, "b"},
-             {"mem_profile_per_bin=on PROFILE_BIN_TAG_PLOT=1", 3, "b"},
              {"mem_track_user_memory=on mem_profile_per_bin=off", 1, ""},
-             {"PROFILE_PER_LIBRARY=1 mem_profile_per_fileline=on", 12, "fl"},
-             {"mem_profile_per_library=1 PROFILE_PER_FILELINE=1", 12, "fl"},
              {"CHECK_LEAKS=1 mem_profile_auxiliary_timeline=on", 80, "a"},
-             {"mem_check_leaks_fast=on PROFILE_AUXILIARY_TIMELINE=1", 96, "a"},
              {"mem_check_leaks=on CHECK_LEAKS_FAST=1", 16, ""}, // the full one wins
              {"MEM_LEAK_TRACKING_IN_ZV_MODE=1", 32, ""},
              // "0" and nothing are as good as unset, anything else is on; keys take only what says so.
@@ -97,6 +93,13 @@ TEST_P(SETTING_TEST, IsReadOrReplacedByTheDefault) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, SETTING_TEST, testing::Range<std::size_t>(0, std::size(SETTINGS)));
+
+TEST(SETTINGS_TEST, AKeyWithoutANumberIsAnException) {
+    set_all(PERIOD_KEY + "99999999999999999999999");
+    EXPECT_THROW(mem_read_settings(), std::out_of_range);
+    set_all(PERIOD_KEY + "7" + THRESHOLD_KEY + "x");
+    EXPECT_THROW(mem_read_settings(), std::invalid_argument);
+}
 
 // ---- what a host may answer in place of the environment
 
