@@ -105,7 +105,7 @@ void site_find(benchmark::State& state) {
 // One block out and in again, among so many live ones.
 void map_pair(benchmark::State& state) {
     static MEM_ADDRESS_MAP map;
-    MEM_ADDRESS_TRACKER site;
+    MEM_SITE site;
     LIVE_BLOCKS blocks(static_cast<std::size_t>(state.range(0)));
     for (const void* block : blocks)
         map.insert_or_assign(block, {&site, 1, 0});

@@ -203,7 +203,7 @@ class RANDOM_RUN_TEST : public TRACKER_TEST, public testing::WithParamInterface<
     }
     void expect_agreement() {
         for (const auto& [address, expected] : model.sites) {
-            const MEM_SPIN_GUARD guard(mem_site_lock);
+            const MEM_STILL_SITES still;
             const MEM_ADDRESS_TRACKER* const site = mem_tbb_site_table->find(address);
             ASSERT_NE(site, nullptr);
             expect_same(figures_of(*site), expected, site->function_name);

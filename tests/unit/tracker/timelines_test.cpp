@@ -40,7 +40,7 @@ TEST_F(TIMELINES_TEST, TheFirstEventEveryPeriodthAndPeaksAreSamples) {
     release(0xA000, 10); // tick 6, behind its own credit
     EXPECT_EQ(module_rows(), "\tengine\tOTHER\tparser\nOther\t0\t0\t10\nOther\t0\t0\t10\nOther\t7\t0\t10\n"
                              "Other\t0\t0\t5\n");
-    EXPECT_EQ(mem_sample_counter.load(), 7U);
+    EXPECT_EQ(mem_sample_counter().load(), 7U);
     // What stands still costs nothing.
     EXPECT_EQ(mem_module_timeline->bytes_series.at("parser").runs.size(), 2U);
 }
@@ -64,7 +64,7 @@ TEST_F(TIMELINES_TEST, AHostsSampleCountsWhateverIsOn) {
     mem_user_snapshot_tracking_data();
     mem_tbb_tracking_flush_peak(); // ends with one more
     EXPECT_EQ(module_rows(), "\tOTHER\nidle\t0\nidle\t0\n");
-    EXPECT_EQ(mem_sample_counter.load(), 2U);
+    EXPECT_EQ(mem_sample_counter().load(), 2U);
     mem_tbb_tracker_teardown();
     mem_user_snapshot_tracking_data();
     mem_set_timeline_label("late");

@@ -86,7 +86,7 @@ std::string close_bin(const std::string& tag) {
 
 std::string rendered_sites() {
     std::map<std::uint64_t, std::string> lines;
-    const MEM_SPIN_GUARD guard(mem_site_lock);
+    const MEM_STILL_SITES still;
     mem_tbb_site_table->for_each([&lines](const MEM_ADDRESS_TRACKER& site) {
         if (site.cumulative_blocks != 0 || site.current_blocks != 0)
             lines[site.address] = rendered(site);

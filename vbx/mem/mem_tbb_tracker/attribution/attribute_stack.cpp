@@ -26,7 +26,7 @@ MEM_ADDRESS_TRACKER describe(std::uint64_t address) MEM_EXCLUDES(mem_site_lock) 
 }
 
 // Two threads that meet one address at the same time both describe it; the first to insert wins.
-MEM_ADDRESS_TRACKER& describe_and_insert(std::uint64_t address) MEM_REQUIRES(mem_site_lock) {
+MEM_SITE& describe_and_insert(std::uint64_t address) MEM_REQUIRES(mem_site_lock) {
     MEM_ADDRESS_TRACKER record;
     {
         const MEM_SPIN_UNGUARD unguard(mem_site_lock);
@@ -67,10 +67,10 @@ bool mem_stack_goes_on(const MEM_CAPTURED_STACK& stack) {
     return stack.capacity == MEM_CAPTURE_FRAMES && stack.count == MEM_CAPTURE_FRAMES;
 }
 
-MEM_ADDRESS_TRACKER& mem_attribute_stack(const std::uint64_t* frames, std::int32_t count) {
+MEM_SITE& mem_attribute_stack(const std::uint64_t* frames, std::int32_t count) {
     MEM_CHECK(mem_tbb_tracker_is_inited());
     for (std::int32_t index = 0; index < count; ++index) {
-        MEM_ADDRESS_TRACKER* site = mem_tbb_site_table->find(frames[index]);
+        MEM_SITE* site = mem_tbb_site_table->find(frames[index]);
         if (site == nullptr)
             site = &describe_and_insert(frames[index]);
         mem_remember_frame(*site);

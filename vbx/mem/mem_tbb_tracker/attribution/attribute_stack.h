@@ -34,5 +34,4 @@ bool mem_stack_goes_on(const MEM_CAPTURED_STACK& stack);
 // lock up while it describes an address that the table doesn't know, so that no event waits for the lock
 // during a symbol query. frames are return addresses, innermost first; a count of 0 or less means none.
 // Throws std::bad_alloc, with the lock held.
-MEM_ADDRESS_TRACKER& mem_attribute_stack(const std::uint64_t* frames, std::int32_t count)
-    MEM_REQUIRES(mem_site_lock);
+MEM_SITE& mem_attribute_stack(const std::uint64_t* frames, std::int32_t count) MEM_REQUIRES(mem_site_lock);

@@ -23,21 +23,21 @@ MEM_KNOWN_SITE mem_find_known_site() {
     // In front of all that is looked up: what is found then belongs to this generation or to an older one.
     const std::uint64_t generation = table_generation.load(std::memory_order_acquire);
     // Where the catch-all is missing, the length of a stack decides whether it is made: see the capture.
-    MEM_ADDRESS_TRACKER* const catch_all = mem_known_catch_all.load(std::memory_order_acquire);
+    MEM_SITE* const catch_all = mem_known_catch_all.load(std::memory_order_acquire);
     if (catch_all == nullptr)
         return {};
     const std::uint64_t answer =
         mem_tbb_unwinder->ask_frames(verdict_of, MEM_CAPTURE_FRAMES + MEM_DEEP_CAPTURE_FRAMES);
     if (answer == ERR_NO_ANSWER)
         return {};
-    return {answer != 0 ? reinterpret_cast<MEM_ADDRESS_TRACKER*>(answer) : catch_all, generation};
+    return {answer != 0 ? reinterpret_cast<MEM_SITE*>(answer) : catch_all, generation};
 }
 
 bool mem_is_still_known(const MEM_KNOWN_SITE& known) {
     return known.table_generation == table_generation.load(std::memory_order_relaxed);
 }
 
-void mem_remember_frame(MEM_ADDRESS_TRACKER& frame) {
+void mem_remember_frame(MEM_SITE& frame) {
     if (frame.address == 0)
         return;
     const std::uint64_t verdict = frame.filtered ? 0 : reinterpret_cast<std::uint64_t>(&frame);

@@ -13,7 +13,7 @@
 #include <cstdint>
 
 struct MEM_KNOWN_SITE {
-    MEM_ADDRESS_TRACKER* site = nullptr; // null: unknown
+    MEM_SITE* site = nullptr; // null: unknown
     std::uint64_t table_generation = 0;
 };
 
@@ -26,7 +26,7 @@ MEM_KNOWN_SITE mem_find_known_site();
 bool mem_is_still_known(const MEM_KNOWN_SITE& known);
 
 // Takes a verdict over from the table. Inside the gate.
-void mem_remember_frame(MEM_ADDRESS_TRACKER& frame) MEM_REQUIRES(mem_site_lock);
+void mem_remember_frame(MEM_SITE& frame) MEM_REQUIRES(mem_site_lock);
 
 // When the table has been emptied: only for a cat of the gate.
 void mem_forget_known_frames();

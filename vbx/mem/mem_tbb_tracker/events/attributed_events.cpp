@@ -12,21 +12,20 @@
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/platform/os/thread.h"
 
-#include <cstring>
-
 namespace {
 
 // From this size on the allocator's blocks don't belong to a thread, and who frees them doesn't matter.
 constexpr std::uint64_t LARGEST_MISMATCHED_SIZE = 8128;
 
-[[gnu::always_inline]] inline void charge_site(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site)
-    MEM_REQUIRES(mem_site_lock) {
-    if ((event.mask & MEM_COUNTS_SITES) != 0)
-        mem_charge(site, event.size, event.requested_size);
+[[gnu::always_inline]] inline void charge_site(const MEM_EVENT& event, MEM_SITE& site) {
+    if ((event.mask & MEM_COUNTS_SITES) == 0)
+        return;
+    const MEM_SITE_GUARD guard(site);
+    mem_charge(site, event.size, event.requested_size);
 }
 
 // Throws std::bad_alloc, with nothing charged.
-void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
+void charge_module(const MEM_EVENT& event, MEM_SITE& site) {
     if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) == 0)
         return;
     const MEM_SPIN_GUARD guard(mem_module_lock);
@@ -40,7 +39,7 @@ void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
 }
 
 // Behind the charge of the site. Throws std::bad_alloc, with nothing charged any more.
-[[gnu::always_inline]] inline void record_block(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
+[[gnu::always_inline]] inline void record_block(const MEM_EVENT& event, MEM_SITE& site) {
     try {
         const bool keeps_thread = (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0;
         mem_tbb_address_map->insert_or_assign(event.block, {&site, keeps_thread ? os_thread_id() : 0, 0});
@@ -48,7 +47,7 @@ void charge_module(const MEM_EVENT& event, MEM_ADDRESS_TRACKER& site) {
     } catch (...) {
         MEM_BLOCK_RECORD ignored;
         mem_tbb_address_map->take(event.block, ignored);
-        const MEM_SPIN_GUARD guard(mem_site_lock);
+        const MEM_SITE_GUARD guard(site);
         if ((event.mask & MEM_COUNTS_SITES) != 0)
             mem_undo_charge(site, event.size, event.requested_size);
         throw;
@@ -61,39 +60,38 @@ enum class OUTCOME { charged, wants_stack, wants_deeper_stack };
 OUTCOME charge_known_site(const MEM_EVENT& event, const MEM_KNOWN_SITE& known) {
     if (!mem_is_still_known(known))
         return OUTCOME::wants_stack;
-    {
-        const MEM_SPIN_GUARD guard(mem_site_lock);
-        charge_site(event, *known.site);
-    }
+    charge_site(event, *known.site);
     record_block(event, *known.site);
     return OUTCOME::charged;
 }
 
 // Throws std::bad_alloc, with nothing charged.
 [[gnu::noinline]] OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) {
-    MEM_ADDRESS_TRACKER* site;
+    MEM_SITE* site;
     {
         const MEM_SPIN_GUARD guard(mem_site_lock);
         site = &mem_attribute_stack(stack.frames, stack.count);
         if (mem_stack_goes_on(stack) && site == &mem_tbb_site_table->catch_all())
             return OUTCOME::wants_deeper_stack;
-        charge_site(event, *site);
     }
+    charge_site(event, *site);
     record_block(event, *site);
     return OUTCOME::charged;
+}
+
+// Made if a reset has removed it. Throws std::bad_alloc.
+MEM_SITE& catch_all_site() {
+    const MEM_SPIN_GUARD guard(mem_site_lock);
+    return mem_tbb_site_table->catch_all();
 }
 
 // For a block that could not be recorded. Both records are there from the start of the tracker on; when a
 // reset has removed one, there may be no memory to make it again, and the block leaves no trace in it.
 void charge_catch_all(const MEM_EVENT& event) noexcept {
     try {
-        MEM_ADDRESS_TRACKER* site;
-        {
-            const MEM_SPIN_GUARD guard(mem_site_lock);
-            site = &mem_tbb_site_table->catch_all();
-            charge_site(event, *site);
-        }
-        charge_module(event, *site);
+        MEM_SITE& site = catch_all_site();
+        charge_site(event, site);
+        charge_module(event, site);
     } catch (...) {
     }
 }
@@ -121,37 +119,24 @@ OUTCOME charge_inside_gate(const MEM_EVENT& event, const MEM_CAPTURED_STACK& sta
     return charge_inside_gate(event, [&] { return charge_by_stack(event, stack); });
 }
 
-// What a free needs of its site once the site lock is released, if it needs the module at all. The name is
-// there only where the record isn't.
-struct CREDITED_SITE {
-    MEMORY_TRACKER_BASE* module_tracker;
-    char module_name[MEM_MAX_MODULE_NAME + 1];
-};
-
-CREDITED_SITE credit_site(std::uint32_t mask, MEM_ADDRESS_TRACKER* known_site, std::uint64_t size,
-                          bool is_mismatched) {
-    const MEM_SPIN_GUARD guard(mem_site_lock);
-    MEM_ADDRESS_TRACKER& site = known_site != nullptr ? *known_site : mem_tbb_site_table->catch_all();
-    if ((mask & MEM_COUNTS_SITES) != 0) {
-        mem_credit(site, size);
-        if (is_mismatched)
-            site.cumulative_mismatched_bytes += static_cast<std::int64_t>(size);
-    }
-    CREDITED_SITE credited;
-    if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0) {
-        credited.module_tracker = mem_load_module_tracker(site);
-        if (credited.module_tracker == nullptr)
-            std::strcpy(credited.module_name, mem_module_name_of(site));
-    }
-    return credited;
+void credit_site(const MEM_EVENT& event, MEM_SITE& site, bool is_mismatched) {
+    if ((event.mask & MEM_COUNTS_SITES) == 0)
+        return;
+    const MEM_SITE_GUARD guard(site);
+    mem_credit(site, event.size);
+    if (is_mismatched)
+        site.cumulative_mismatched_bytes += static_cast<std::int64_t>(event.size);
 }
 
-void credit_module(const CREDITED_SITE& site, std::uint64_t size) {
+// Throws std::bad_alloc, with nothing credited.
+void credit_module(const MEM_EVENT& event, MEM_SITE& site) {
+    if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) == 0)
+        return;
     const MEM_SPIN_GUARD guard(mem_module_lock);
-    MEMORY_TRACKER_BASE& module_record = site.module_tracker != nullptr
-                                             ? *site.module_tracker
-                                             : mem_tbb_module_map->find_or_create(site.module_name);
-    mem_credit(module_record, size);
+    MEMORY_TRACKER_BASE* const known_record = mem_load_module_tracker(site);
+    mem_credit(known_record != nullptr ? *known_record
+                                       : mem_tbb_module_map->find_or_create(mem_module_name_of(site)),
+               event.size);
 }
 
 } // namespace
@@ -170,18 +155,17 @@ void mem_attribute_new_block(const MEM_EVENT& event) noexcept {
 void mem_credit_freed_block(const MEM_EVENT& event) noexcept {
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     MEM_BLOCK_RECORD record;
-    // The entry is unlocked again before the site lock is taken.
+    // The entry is unlocked again before the lock of its site is taken.
     const bool is_known = mem_tbb_address_map->take(event.block, record);
-    MEM_ADDRESS_TRACKER* const address_tracker_ptr = record.address_tracker_ptr;
+    MEM_SITE* const address_tracker_ptr = record.address_tracker_ptr;
     if (is_known)
         MEM_CHECK(address_tracker_ptr != nullptr);
     const bool is_mismatched = is_known && (event.mask & MEM_GRANULARITY_PER_FILELINE) != 0 &&
                                event.size <= LARGEST_MISMATCHED_SIZE && record.thread_id != os_thread_id();
     try {
-        const CREDITED_SITE site =
-            credit_site(event.mask, record.address_tracker_ptr, event.size, is_mismatched);
-        if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
-            credit_module(site, event.size);
+        MEM_SITE& site = is_known ? *address_tracker_ptr : catch_all_site();
+        credit_site(event, site, is_mismatched);
+        credit_module(event, site);
     } catch (...) {
         // A record that a reset has removed can't be made again; there is nothing to credit.
     }

@@ -36,7 +36,7 @@ bool is_multiple(std::uint64_t tick, std::uint64_t period) {
 
 // Whether this event's tick of the counter is a sample; the very first one is.
 bool tick_is_sample() {
-    const std::uint64_t tick = os_add(mem_sample_counter, std::uint64_t{1}) - 1;
+    const std::uint64_t tick = os_add(mem_sample_counter(), std::uint64_t{1}) - 1;
     return is_multiple(tick, mem_snapshot_period.load(std::memory_order_relaxed));
 }
 
@@ -47,11 +47,15 @@ void report_timeline_index(long long total) {
                          index, total);
 }
 
-void move_total(const MEM_EVENT& event, long long delta) {
-    if ((event.mask & MEM_FEATURES) == 0)
-        return;
-    const long long total = mem_add(mem_tracked_total_bytes(), delta);
-    if (event.is_sample)
+// Gives the total behind the move; nothing moves without a feature that it runs for. Right behind the tick,
+// which is on the same cache line.
+long long move_total(std::uint32_t mask, long long delta) {
+    return (mask & MEM_FEATURES) != 0 ? mem_add(mem_tracked_total_bytes(), delta) : 0;
+}
+
+// The last step of a sample.
+void end_sample(std::uint32_t mask, long long total) {
+    if ((mask & MEM_FEATURES) != 0)
         report_timeline_index(total);
 }
 
@@ -73,6 +77,7 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
 
 void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint64_t size) {
     const MEM_EVENT event{mem_current_mask(), tick_is_sample(), block, requested_size, size};
+    const long long total = move_total(event.mask, static_cast<long long>(size));
     if ((event.mask & MEM_ATTRIBUTED) != 0)
         mem_attribute_new_block(event);
     if ((event.mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
@@ -81,7 +86,8 @@ void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint6
         mem_sample_labels_and_auxiliary(event.mask);
     if ((event.mask & MEM_COUNTS_GLOBALLY) != 0)
         mem_global_stats().add_block(size);
-    move_total(event, static_cast<long long>(size));
+    if (event.is_sample)
+        end_sample(event.mask, total);
 }
 
 void mem_tbb_on_free(void* block, std::uint64_t size) {
@@ -91,15 +97,17 @@ void mem_tbb_on_free(void* block, std::uint64_t size) {
     const bool is_peak = (mask & MEM_FEATURES) != 0 && mem_tbb_check_threshold_peak();
     const bool is_tick = tick_is_sample();
     const MEM_EVENT event{mask, is_tick || is_peak, block, 0, size};
+    const long long total = move_total(mask, -static_cast<long long>(size));
     if ((mask & MEM_ATTRIBUTED) != 0)
         mem_credit_freed_block(event);
     if ((mask & MEM_COUNTS_GLOBALLY) != 0)
         mem_global_stats().remove_block(size);
     if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
         credit_bins(event, is_peak);
-    if (event.is_sample)
+    if (event.is_sample) {
         mem_sample_labels_and_auxiliary(mask);
-    move_total(event, -static_cast<long long>(size));
+        end_sample(mask, total);
+    }
 }
 
 } // namespace

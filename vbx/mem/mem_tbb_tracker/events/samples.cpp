@@ -64,7 +64,7 @@ void mem_user_snapshot_tracking_data() {
     sample_label();
     mem_auxiliary_timeline->take_sample();
     // The tick goes on from where it stood; this is one more.
-    mem_sample_counter.fetch_add(1, std::memory_order_relaxed);
+    mem_sample_counter().fetch_add(1, std::memory_order_relaxed);
 }
 
 void mem_set_timeline_label(const std::string& label) try {

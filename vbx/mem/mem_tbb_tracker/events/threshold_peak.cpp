@@ -55,7 +55,7 @@ void copy_current_figures_of_all_sites() {
 void keep_figures_of_this_stretch() {
     const MEM_BLOCK_SCOPE own_heap_use;
     {
-        const MEM_SPIN_GUARD guard(mem_site_lock);
+        const MEM_STILL_SITES still;
         if (mem_peak_snapshot == nullptr)
             mem_peak_snapshot = new MEM_PEAK_SNAPSHOT;
         mem_peak_snapshot->save(*mem_tbb_site_table);

@@ -11,19 +11,19 @@ std::size_t MEM_ADDRESS_HASH::operator()(std::uint64_t address) const {
     return mem_fnv1a({reinterpret_cast<const char*>(&address), sizeof address});
 }
 
-MEM_ADDRESS_TRACKER* MEM_SITE_TABLE::find(std::uint64_t address) {
-    const auto found = m_records.find(address);
-    return found == m_records.end() ? nullptr : &found->second.record;
+MEM_SITE* MEM_SITE_TABLE::find(std::uint64_t address) {
+    const auto found = m_sites.find(address);
+    return found == m_sites.end() ? nullptr : &found->second;
 }
 
-MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::insert(const MEM_ADDRESS_TRACKER& record) {
-    return m_records.try_emplace(record.address, SITE{record}).first->second.record;
+MEM_SITE& MEM_SITE_TABLE::insert(const MEM_ADDRESS_TRACKER& record) {
+    return m_sites.try_emplace(record.address, record).first->second;
 }
 
-MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() {
-    MEM_ADDRESS_TRACKER* record = mem_known_catch_all.load(std::memory_order_relaxed);
+MEM_SITE& MEM_SITE_TABLE::catch_all() {
+    MEM_SITE* record = mem_known_catch_all.load(std::memory_order_relaxed);
     if (record == nullptr) {
-        record = &m_records[0].record;
+        record = &m_sites[0];
         mem_known_catch_all.store(record, std::memory_order_release);
     }
     return *record;
@@ -31,7 +31,17 @@ MEM_ADDRESS_TRACKER& MEM_SITE_TABLE::catch_all() {
 
 void MEM_SITE_TABLE::clear() {
     mem_known_catch_all.store(nullptr, std::memory_order_relaxed);
-    m_records = decltype(m_records)(); // an empty list would keep the buckets
+    m_sites = decltype(m_sites)(); // an empty list would keep the buckets
+}
+
+void MEM_SITE_TABLE::lock_all() {
+    for (auto& [address, site] : m_sites)
+        site.lock();
+}
+
+void MEM_SITE_TABLE::unlock_all() {
+    for (auto& [address, site] : m_sites)
+        site.unlock();
 }
 
 void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {

@@ -9,17 +9,15 @@
 // does.
 #pragma once
 
-#include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/base/spin_lock.h"
+#include "vbx/mem/mem_tbb_tracker/records/site.h"
 
-#include <vbx/mem/trackers.h>
-
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <unordered_map>
 
-// Guards the table and every field of every record but module_tracker.
+// Guards the table; the counters of a record have its own lock. Never held together with one of those but by
+// MEM_STILL_SITES.
 inline constinit MEM_BUSY_SPIN_LOCK mem_site_lock{MEM_LOCK_RANK::leaf};
 
 // 64-bit FNV-1a over the bytes of the address, lowest first.
@@ -29,63 +27,52 @@ struct MEM_ADDRESS_HASH {
 
 // The record under key 0 while there is one, for looking without the lock: null from a reset on until the
 // record is made again.
-inline constinit std::atomic<MEM_ADDRESS_TRACKER*> mem_known_catch_all{nullptr};
+inline constinit std::atomic<MEM_SITE*> mem_known_catch_all{nullptr};
 
 class MEM_SITE_TABLE {
   public:
     // Null when the address was never looked at.
-    MEM_ADDRESS_TRACKER* find(std::uint64_t address) MEM_REQUIRES(mem_site_lock);
+    MEM_SITE* find(std::uint64_t address) MEM_REQUIRES(mem_site_lock);
     // Gives the record that then stands in the table: `record`, or the one that another thread had inserted
     // before. Throws std::bad_alloc.
-    MEM_ADDRESS_TRACKER& insert(const MEM_ADDRESS_TRACKER& record) MEM_REQUIRES(mem_site_lock);
+    MEM_SITE& insert(const MEM_ADDRESS_TRACKER& record) MEM_REQUIRES(mem_site_lock);
     // The record under key 0, made if it is missing. Throws std::bad_alloc.
-    MEM_ADDRESS_TRACKER& catch_all() MEM_REQUIRES(mem_site_lock);
+    MEM_SITE& catch_all() MEM_REQUIRES(mem_site_lock);
     // Forgets all records, the catch-all too, and gives the buckets back. Only for a cat of the gate.
     void clear() MEM_REQUIRES(mem_site_lock);
-    std::size_t size() const MEM_REQUIRES(mem_site_lock) { return m_records.size(); }
+    std::size_t size() const MEM_REQUIRES(mem_site_lock) { return m_sites.size(); }
 
-    // Calls visit(MEM_ADDRESS_TRACKER&) for every entry, in no order.
+    // Calls visit(MEM_ADDRESS_TRACKER&) for every entry, in no order. Counters move meanwhile unless the
+    // caller is a cat of the gate or has MEM_STILL_SITES.
     template <class VISIT>
     void for_each(VISIT visit) MEM_REQUIRES(mem_site_lock) {
-        for (auto& [address, site] : m_records)
-            visit(site.record);
+        for (auto& [address, site] : m_sites)
+            visit(static_cast<MEM_ADDRESS_TRACKER&>(site));
     }
 
+    // Every record's counters at once. Nobody who holds one of these locks waits for anything.
+    void lock_all() MEM_REQUIRES(mem_site_lock);
+    void unlock_all() MEM_REQUIRES(mem_site_lock);
+
   private:
-    // The counters that an event moves are one cache line.
-    struct alignas(MEM_CACHE_LINE) SITE {
-        MEM_ADDRESS_TRACKER record;
-    };
-    std::unordered_map<std::uint64_t, SITE, MEM_ADDRESS_HASH> m_records;
+    std::unordered_map<std::uint64_t, MEM_SITE, MEM_ADDRESS_HASH> m_sites;
 };
 
 // From tracker start to teardown.
 inline constinit MEM_SITE_TABLE* mem_tbb_site_table MEM_PT_GUARDED_BY(mem_site_lock) = nullptr;
 
-// The four counters and three maxima that one block moves, the same for sites and modules.
-inline void mem_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
-    const auto bytes = static_cast<std::int64_t>(size);
-    tracker.current_blocks += 1;
-    tracker.cumulative_blocks += 1;
-    tracker.max_blocks = std::max(tracker.max_blocks, tracker.current_blocks);
-    tracker.current_bytes += bytes;
-    tracker.cumulative_bytes += bytes;
-    tracker.cumulative_requested_bytes += static_cast<std::int64_t>(requested_size);
-    tracker.max_bytes = std::max(tracker.max_bytes, tracker.current_bytes);
-}
-
-inline void mem_credit(MEMORY_TRACKER_BASE& tracker, std::uint64_t size) {
-    tracker.current_blocks -= 1;
-    tracker.current_bytes -= static_cast<std::int64_t>(size);
-}
-// Takes back a charge of a moment ago; the maxima stay.
-void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size);
-
-// Copies a record out. All fields are of one moment, but for module_tracker, which other threads set under
-// another lock.
-void mem_copy_site(MEM_ADDRESS_TRACKER& to, MEM_ADDRESS_TRACKER& from) MEM_REQUIRES(mem_site_lock);
-
-// module_tracker is written under the module lock and read under the site lock: one machine word, null or a
-// valid record.
-MEMORY_TRACKER_BASE* mem_load_module_tracker(MEM_ADDRESS_TRACKER& site);
-void mem_store_module_tracker(MEM_ADDRESS_TRACKER& site, MEMORY_TRACKER_BASE* module_record);
+// The table and all counters held still, so that the figures of a report are of one moment. Events that
+// charge a site wait.
+class MEM_SCOPED_CAPABILITY MEM_STILL_SITES {
+  public:
+    MEM_STILL_SITES() MEM_ACQUIRE(mem_site_lock) {
+        mem_site_lock.acquire();
+        mem_tbb_site_table->lock_all();
+    }
+    ~MEM_STILL_SITES() MEM_RELEASE() MEM_NO_THREAD_SAFETY_ANALYSIS {
+        mem_tbb_site_table->unlock_all();
+        mem_site_lock.release();
+    }
+    MEM_STILL_SITES(const MEM_STILL_SITES&) = delete;
+    MEM_STILL_SITES& operator=(const MEM_STILL_SITES&) = delete;
+};

@@ -61,7 +61,7 @@ bool mem_dump_tbb_fileline_tracking(std::ostream& stream) try {
               "Module\tFile\tLine\tFunction")
         .end();
     {
-        const MEM_SPIN_GUARD guard(mem_site_lock);
+        const MEM_STILL_SITES still;
         for (const MEM_ADDRESS_TRACKER* site : sites_by_peak())
             if (is_reported(*site))
                 write_row(line, *site);

@@ -26,7 +26,7 @@ constexpr const char* ZV_FILE = "tarvane_zv_leak_warning.txt";
 // A site that holds no bytes is no leak, even when it has live blocks.
 std::vector<MEM_ADDRESS_TRACKER> leaking_sites() {
     std::vector<MEM_ADDRESS_TRACKER> sites;
-    const MEM_SPIN_GUARD guard(mem_site_lock);
+    const MEM_STILL_SITES still;
     mem_tbb_site_table->for_each([&sites](MEM_ADDRESS_TRACKER& site) MEM_REQUIRES(mem_site_lock) {
         if (site.current_bytes >= 1)
             mem_copy_site(sites.emplace_back(), site);

@@ -37,7 +37,7 @@ void add_site(MEMORY_TRACKER_BASE& sum, const MEMORY_TRACKER_BASE& site) {
 // The lock is held for the sums alone; what follows works on this private copy.
 std::vector<SUBSYSTEM> add_up_subsystems() {
     std::map<std::string, MEMORY_TRACKER_BASE> sums;
-    const MEM_SPIN_GUARD guard(mem_site_lock);
+    const MEM_STILL_SITES still;
     mem_tbb_site_table->for_each(
         [&sums](const MEM_ADDRESS_TRACKER& site) { add_site(sums[site.module_name], site); });
     return {sums.begin(), sums.end()};

@@ -11,9 +11,6 @@
 #include <atomic>
 #include <cstdint>
 
-// One tick for each event that passes the guard.
-inline constinit MEM_ATOMIC_ON_OWN_LINE<std::uint64_t> mem_sample_counter{0};
-
 // What the guard of the event handler turns away: the tracker's own heap use and blocked threads.
 struct alignas(MEM_CACHE_LINE) MEM_FALLBACK_COUNTERS {
     std::atomic<std::uint64_t> allocations{0};
@@ -35,7 +32,11 @@ union alignas(MEM_CACHE_LINE) MEM_IMMORTAL {
     ~MEM_IMMORTAL() {}
 };
 
+// On one cache line: an event moves the first two right one after the other, and has to get the line from the
+// other threads once.
 struct MEM_EVENT_TOTALS {
+    // One tick for each event that passes the guard.
+    std::atomic<std::uint64_t> sample_counter{0};
     // Bytes allocated less bytes freed while the mask had one of MEM_FEATURES.
     KTL_RELAXED_ATOMIC<long long> tracked_total_bytes;
     // Index of the timeline line.
@@ -47,6 +48,9 @@ extern constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_immortal_event_totals;
 
 inline MEM_STATS& mem_global_stats() {
     return mem_immortal_global_stats.object;
+}
+inline std::atomic<std::uint64_t>& mem_sample_counter() {
+    return mem_immortal_event_totals.object.sample_counter;
 }
 inline KTL_RELAXED_ATOMIC<long long>& mem_tracked_total_bytes() {
     return mem_immortal_event_totals.object.tracked_total_bytes;
