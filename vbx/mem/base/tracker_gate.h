@@ -41,7 +41,7 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
         if (role == MEM_GATE_ROLE::cat)
             return wait_as_cat();
         std::atomic<std::int32_t>& mice = own_mice();
-        os_add(mice, 1, std::memory_order_seq_cst);
+        mice.fetch_add(1);
         if (has_cats()) [[unlikely]]
             give_way_to_cats(mice);
     }
@@ -50,7 +50,7 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
             end_cat();
         } else {
             MEM_CHECK(cats == 0);
-            const std::int32_t mice = os_add(own_mice(), -1, std::memory_order_seq_cst);
+            const std::int32_t mice = own_mice().fetch_sub(1) - 1;
             MEM_CHECK(mice >= 0);
         }
         mem_rank_release(MEM_LOCK_RANK::gate);
@@ -79,17 +79,25 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
     std::atomic<std::int32_t> m_cats_in_front{0}; // the one that looks for mice, or is inside
 };
 
+// The one thread of a process meets no cat but itself, and does nothing here. Nothing that is done inside
+// makes a second thread.
 class MEM_SCOPED_CAPABILITY MEM_GATE_MOUSE {
   public:
-    explicit MEM_GATE_MOUSE(MEM_TRACKER_GATE& gate) MEM_ACQUIRE_SHARED(gate) : m_gate(gate) {
-        m_gate.enter(MEM_GATE_ROLE::mouse);
+    explicit MEM_GATE_MOUSE(MEM_TRACKER_GATE& gate) MEM_ACQUIRE_SHARED(gate)
+        : m_gate(gate), m_is_counted(!os_has_one_thread()) {
+        if (m_is_counted)
+            m_gate.enter(MEM_GATE_ROLE::mouse);
     }
-    ~MEM_GATE_MOUSE() MEM_RELEASE_GENERIC() { m_gate.leave(MEM_GATE_ROLE::mouse); }
+    ~MEM_GATE_MOUSE() MEM_RELEASE_GENERIC() {
+        if (m_is_counted)
+            m_gate.leave(MEM_GATE_ROLE::mouse);
+    }
     MEM_GATE_MOUSE(const MEM_GATE_MOUSE&) = delete;
     MEM_GATE_MOUSE& operator=(const MEM_GATE_MOUSE&) = delete;
 
   private:
     MEM_TRACKER_GATE& m_gate;
+    const bool m_is_counted;
 };
 
 class MEM_SCOPED_CAPABILITY MEM_GATE_CAT {

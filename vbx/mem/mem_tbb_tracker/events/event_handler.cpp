@@ -35,7 +35,7 @@ bool is_multiple(std::uint64_t tick, std::uint64_t period) {
 }
 
 // Whether this event's tick of the counter is a sample; the very first one is.
-bool tick_is_sample() {
+[[gnu::always_inline]] inline bool tick_is_sample() {
     const std::uint64_t tick = os_add(mem_sample_counter(), std::uint64_t{1}) - 1;
     return is_multiple(tick, mem_snapshot_period.load(std::memory_order_relaxed));
 }
@@ -49,7 +49,7 @@ void report_timeline_index(long long total) {
 
 // Gives the total behind the move; nothing moves without a feature that it runs for. Right behind the tick,
 // which is on the same cache line.
-long long move_total(std::uint32_t mask, long long delta) {
+[[gnu::always_inline]] inline long long move_total(std::uint32_t mask, long long delta) {
     return (mask & MEM_FEATURES) != 0 ? mem_add(mem_tracked_total_bytes(), delta) : 0;
 }
 

@@ -1,26 +1,13 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 
-#include "vbx/mem/base/shared_counter.h"
 #include "vbx/mem/base/thread_state.h"
 
 namespace {
 
+// In the high half of the users.
 constexpr std::uint64_t ONE_HOLDER = std::uint64_t{1} << 32;
 
 } // namespace
-
-class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
-  public:
-    explicit SHARED_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE_SHARED(table) : m_table(table) {
-        m_table.enter_shared();
-    }
-    ~SHARED_SCOPE() MEM_RELEASE_GENERIC() { m_table.leave_shared(); }
-    SHARED_SCOPE(const SHARED_SCOPE&) = delete;
-    SHARED_SCOPE& operator=(const SHARED_SCOPE&) = delete;
-
-  private:
-    MEM_PB_STATS_TABLE& m_table;
-};
 
 MEM_PB_STATS_TABLE::MEM_PB_STATS_TABLE() {
     make_room_for(0);
@@ -41,7 +28,7 @@ void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
     for (;;) {
         while (waiters.load(std::memory_order_relaxed) != 0)
             patience.wait();
-        if (os_add(users, std::uint64_t{1}, std::memory_order_acquire) < ONE_HOLDER)
+        if (users.fetch_add(1, std::memory_order_acquire) < ONE_HOLDER)
             return;
         users.fetch_sub(1, std::memory_order_relaxed);
         patience.wait();
@@ -49,7 +36,7 @@ void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void MEM_PB_STATS_TABLE::leave_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    os_add(users, ~std::uint64_t{0}, std::memory_order_release); // one less
+    users.fetch_sub(1, std::memory_order_release);
 }
 
 void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
@@ -70,14 +57,6 @@ void MEM_PB_STATS_TABLE::leave_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {
     mem_rank_release(MEM_LOCK_RANK::leaf);
 }
 
-MEM_PB_STATS& MEM_PB_STATS_TABLE::at(std::uint32_t id) const {
-    return m_entries[id];
-}
-
-MEM_PB_STATS* MEM_PB_STATS_TABLE::find(std::uint32_t id) const {
-    return id < m_size.load(std::memory_order_acquire) ? &at(id) : nullptr;
-}
-
 void MEM_PB_STATS_TABLE::grow_to_hold(std::uint32_t id) {
     make_room_for(id);
     const MEM_SPIN_GUARD guard(grow_lock);
@@ -90,22 +69,6 @@ void MEM_PB_STATS_TABLE::for_each(CHANGE change) {
     const std::size_t size = m_size.load(std::memory_order_acquire);
     for (std::size_t id = 0; id < size; ++id)
         change(at(static_cast<std::uint32_t>(id)));
-}
-
-void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
-    const SHARED_SCOPE shared(*this);
-    if (find(id) == nullptr)
-        grow_to_hold(id);
-    MEM_PB_STATS& stats = at(id);
-    const auto bytes = static_cast<long long>(size);
-    stats.max_bytes.raise_to(mem_add(stats.current_bytes, bytes));
-    mem_add(stats.cumulative_bytes, bytes);
-}
-
-void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
-    const SHARED_SCOPE shared(*this);
-    if (MEM_PB_STATS* const stats = find(id))
-        mem_add(stats->current_bytes, -static_cast<long long>(size));
 }
 
 void MEM_PB_STATS_TABLE::snapshot_peak() {

@@ -4,6 +4,7 @@
 // exclusive mode. The same shape as the gate's mice and cats, for one table.
 #pragma once
 
+#include "vbx/mem/base/shared_counter.h"
 #include "vbx/mem/base/spin_lock.h"
 #include "vbx/mem/base/stable_array.h"
 
@@ -73,8 +74,11 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     class SHARED_SCOPE;
 
     // Of an id that the table holds.
-    MEM_PB_STATS& at(std::uint32_t id) const MEM_REQUIRES_SHARED(this);
-    MEM_PB_STATS* find(std::uint32_t id) const MEM_REQUIRES_SHARED(this);
+    MEM_PB_STATS& at(std::uint32_t id) const MEM_REQUIRES_SHARED(this) { return m_entries[id]; }
+    // Null when it doesn't.
+    MEM_PB_STATS* find(std::uint32_t id) const MEM_REQUIRES_SHARED(this) {
+        return id < m_size.load(std::memory_order_acquire) ? &at(id) : nullptr;
+    }
     void grow_to_hold(std::uint32_t id) MEM_REQUIRES_SHARED(this);
     template <class CHANGE>
     void for_each(CHANGE change) MEM_REQUIRES(this);
@@ -89,6 +93,42 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     std::atomic<std::uint32_t> waiters{0};
     MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
 };
+
+// The one thread of a process keeps nobody out and is kept out by nobody.
+class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
+  public:
+    explicit SHARED_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE_SHARED(table)
+        : m_table(table), m_is_counted(!os_has_one_thread()) {
+        if (m_is_counted)
+            m_table.enter_shared();
+    }
+    ~SHARED_SCOPE() MEM_RELEASE_GENERIC() {
+        if (m_is_counted)
+            m_table.leave_shared();
+    }
+    SHARED_SCOPE(const SHARED_SCOPE&) = delete;
+    SHARED_SCOPE& operator=(const SHARED_SCOPE&) = delete;
+
+  private:
+    MEM_PB_STATS_TABLE& m_table;
+    const bool m_is_counted;
+};
+
+inline void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
+    const SHARED_SCOPE shared(*this);
+    if (find(id) == nullptr) [[unlikely]]
+        grow_to_hold(id);
+    MEM_PB_STATS& stats = at(id);
+    const auto bytes = static_cast<long long>(size);
+    stats.max_bytes.raise_to(mem_add(stats.current_bytes, bytes));
+    mem_add(stats.cumulative_bytes, bytes);
+}
+
+inline void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
+    const SHARED_SCOPE shared(*this);
+    if (MEM_PB_STATS* const stats = find(id))
+        mem_add(stats->current_bytes, -static_cast<long long>(size));
+}
 
 class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::STILL {
   public:
