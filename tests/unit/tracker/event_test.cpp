@@ -5,7 +5,6 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
-#include "vbx/mem/mem_tbb_tracker/records/block_shards.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 
 #include <atomic>
@@ -164,7 +163,7 @@ TEST_F(ATTRIBUTION_TEST, HoldsNobodyUpWhileItDescribes) {
 
 class EVENT_TEST : public TRACKER_TEST {};
 
-// Its free was never seen. The sites keep the second allocation, the bins the first.
+// Its free was never seen. The sites keep the second allocation.
 TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
     start(MEM_GRANULARITY_PER_FILELINE);
     allocate(0xA000, 64, {PARSE});
@@ -172,14 +171,6 @@ TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
     release(0xA000, 64);
     EXPECT_EQ(rendered_sites(), "parse cur 64/1 max 64/1 peak 0/0 cum 64/1 req 64 mis 0\n"
                                 "query cur 0/0 max 64/1 peak 0/0 cum 64/1 req 64 mis 0\n");
-    MEM_BLOCK_SHARDS shards;
-    const void* const block = &shards;
-    shards.insert(block, {1, 2, 0});
-    shards.insert(block, {3, 4, 0});
-    MEM_BLOCK_BIN_RECORD record;
-    EXPECT_TRUE(shards.take(block, record));
-    EXPECT_EQ(record.tag_id, 2U);
-    EXPECT_FALSE(shards.take(block, record));
 }
 
 TEST_F(EVENT_TEST, CountsBlockedThreadsAndItsOwnEventsApart) {

@@ -6,9 +6,10 @@
 // | granularity | changes of the granularity mask                                                           |
 // | callbacks   | changes of the callback table, which the one above may be held for                        |
 // | gate        | the gate, as a mouse or as a cat                                                          |
-// | accessor    | an entry of the live-block map                                                            |
+// | accessor    | a slab of a live-block map                                                                |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
-// | leaf        | site lock, module lock, symbol lock, label lock, a table's exclusive mode: never together |
+// | leaf        | site table, a site, module lock, symbol lock, label lock, a table's exclusive mode: never |
+// |             | together, but for all sites with their table                                              |
 // | innermost   | the growing of a bin or tag table, whose allocation's event is turned away at once        |
 // | free marks  | an entry of the double-free check, in any event; only the heap is called, and all but the |
 // |             | callbacks without locks turn its events away                                              |

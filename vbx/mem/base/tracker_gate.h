@@ -85,12 +85,10 @@ class MEM_SCOPED_CAPABILITY MEM_GATE_MOUSE {
   public:
     explicit MEM_GATE_MOUSE(MEM_TRACKER_GATE& gate) MEM_ACQUIRE_SHARED(gate)
         : m_gate(gate), m_is_counted(!os_has_one_thread()) {
-        if (m_is_counted)
-            m_gate.enter(MEM_GATE_ROLE::mouse);
+        m_is_counted ? m_gate.enter(MEM_GATE_ROLE::mouse) : mem_rank_acquire(MEM_LOCK_RANK::gate);
     }
     ~MEM_GATE_MOUSE() MEM_RELEASE_GENERIC() {
-        if (m_is_counted)
-            m_gate.leave(MEM_GATE_ROLE::mouse);
+        m_is_counted ? m_gate.leave(MEM_GATE_ROLE::mouse) : mem_rank_release(MEM_LOCK_RANK::gate);
     }
     MEM_GATE_MOUSE(const MEM_GATE_MOUSE&) = delete;
     MEM_GATE_MOUSE& operator=(const MEM_GATE_MOUSE&) = delete;
