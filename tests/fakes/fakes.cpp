@@ -104,6 +104,10 @@ class FAKE_UNWINDER final : public ERR_UNWINDER {
 FAKE_UNWINDER fake_unwinder;
 } // namespace
 
+std::uint64_t err_caller_of_allocator() {
+    return current_stack.empty() ? 0 : current_stack.front();
+}
+
 ERR_UNWINDER* ERR_UNWINDER::get_default_unwinder() {
     return &fake_unwinder;
 }

@@ -2,7 +2,7 @@
 //
 // An entry is two words that are written one after the other. A reader may see the halves of two different
 // writes: the first word is the address masked with a scrambled form of the second, so halves that don't
-// belong together give an address that nobody asks for. A lost write is found out again later. So a signal
+// belong together give an address that nobody asks for. Who finds a value also sees what its writer did before. A lost write is found out again later. So a signal
 // handler may interrupt a write, and a forked child may find one unfinished.
 //
 // 1 MB of zeroed memory that never grows: 65536 entries, of which a process pays for the pages it touches.
@@ -23,7 +23,7 @@ class OS_ADDRESS_CACHE {
     bool find(std::uint64_t address, std::uint64_t& value) const {
         const SET& set = m_sets[set_of(address)];
         for (const ENTRY& entry : set.entries) {
-            value = entry.value.load(std::memory_order_relaxed);
+            value = entry.value.load(std::memory_order_acquire);
             if ((entry.masked_address.load(std::memory_order_relaxed) ^ scrambled(value)) == address)
                 return true;
         }
@@ -34,7 +34,7 @@ class OS_ADDRESS_CACHE {
     void store(std::uint64_t address, std::uint64_t value) {
         ENTRY& entry = entry_for(address);
         entry.masked_address.store(address ^ scrambled(value), std::memory_order_relaxed);
-        entry.value.store(value, std::memory_order_relaxed);
+        entry.value.store(value, std::memory_order_release);
     }
 
     // Forgets everything. While no thread stores; those that look at the same time find or don't.

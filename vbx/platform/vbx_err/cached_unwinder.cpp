@@ -156,26 +156,20 @@ constinit std::atomic<std::uint64_t> libgcc_captures = 0;
     return leave_to_libgcc({frames, max_frames, skip_frames, 0, floor});
 }
 
-[[gnu::noinline]] std::uint64_t ask_frames_of_own_stack(ERR_FRAME_QUESTION question,
-                                                        std::int32_t max_frames) {
+[[gnu::noinline]] std::uint64_t CACHED_UNWINDER::ask_frames(ERR_FRAME_QUESTION question,
+                                                            std::int32_t max_frames) {
     FRAME_ASKER asker{question, max_frames};
     std::uintptr_t floor = 0;
     return walk_own_stack(asker, floor) == WALK::is_complete ? asker.answer : ERR_NO_ANSWER;
 }
 
-// Most often it is the caller of malloc itself that answers. Its address was put down by the call that is
-// under way, whatever the stack is, and takes no rule to be found.
-std::uint64_t CACHED_UNWINDER::ask_frames(ERR_FRAME_QUESTION question, std::int32_t max_frames) {
-    if (const void* const entry_frame = tbbk_entry_frame()) {
-        const std::uint64_t caller = stack_word(reinterpret_cast<std::uintptr_t>(entry_frame) - WORD);
-        const std::uint64_t answer = question(caller);
-        if (answer != 0)
-            return answer;
-    }
-    return ask_frames_of_own_stack(question, max_frames);
-}
-
 } // namespace
+
+// The call that is under way has put the address down, whatever the stack is.
+std::uint64_t err_caller_of_allocator() {
+    const void* const entry_frame = tbbk_entry_frame();
+    return entry_frame != nullptr ? stack_word(reinterpret_cast<std::uintptr_t>(entry_frame) - WORD) : 0;
+}
 
 std::uint64_t err_count_of_libgcc_captures() {
     return libgcc_captures.load(std::memory_order_relaxed);

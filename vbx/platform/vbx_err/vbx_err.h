@@ -20,6 +20,11 @@ using ERR_FRAME_QUESTION = std::uint64_t (*)(std::uint64_t address);
 // The stack is not one whose frames can be asked.
 constexpr std::uint64_t ERR_NO_ANSWER = ~std::uint64_t{0};
 
+// The innermost address that capture_stack would write inside the allocator's hook, without any walk: where
+// the call of malloc (or its like) under way returns to. 0 when none is. Lock-free, on any thread and any
+// stack.
+std::uint64_t err_caller_of_allocator();
+
 class ERR_UNWINDER {
   public:
     // The unwinder of the process, not owned by the caller; null when the process has none. The first call

@@ -75,7 +75,8 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
     mem_credit_bin_and_tag(event.block, event.size);
 }
 
-void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint64_t size) {
+// Out of line, as the other is: each has use for all registers.
+[[gnu::noinline]] void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint64_t size) {
     const MEM_EVENT event{mem_current_mask(), tick_is_sample(), block, requested_size, size};
     const long long total = move_total(event.mask, static_cast<long long>(size));
     if ((event.mask & MEM_ATTRIBUTED) != 0)
@@ -90,7 +91,7 @@ void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint6
         end_sample(event.mask, total);
 }
 
-void mem_tbb_on_free(void* block, std::uint64_t size) {
+[[gnu::noinline]] void mem_tbb_on_free(void* block, std::uint64_t size) {
     const std::uint32_t mask = mem_current_mask();
     // First of all and outside the gate: recording a peak enters it as a cat. The total still holds the
     // block.

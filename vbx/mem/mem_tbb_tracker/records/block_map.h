@@ -38,7 +38,7 @@ class MEM_BLOCK_MAP {
 
     // Enters a block, or gives the one that is there this record. Throws std::bad_alloc, with nothing
     // changed; always so at an address that user space doesn't have.
-    void insert_or_assign(const void* block, const RECORD& record) {
+    [[gnu::always_inline]] void insert_or_assign(const void* block, const RECORD& record) {
         SLAB& slab = slab_for(block);
         const MEM_SPIN_GUARD guard(lock_of(block));
         enter(slab.place_for(mark_of(block)), mark_of(block), record);
@@ -53,7 +53,7 @@ class MEM_BLOCK_MAP {
     }
 
     // Takes a block out and gives its record. False when it isn't there.
-    bool take(const void* block, RECORD& record) {
+    [[gnu::always_inline]] bool take(const void* block, RECORD& record) {
         const SLAB* const slab = find_slab(block);
         if (slab == nullptr)
             return false;
