@@ -2,8 +2,9 @@
 //
 // An entry is two words that are written one after the other. A reader may see the halves of two different
 // writes: the first word is the address masked with a scrambled form of the second, so halves that don't
-// belong together give an address that nobody asks for. Who finds a value also sees what its writer did before. A lost write is found out again later. So a signal
-// handler may interrupt a write, and a forked child may find one unfinished.
+// belong together give an address that nobody asks for. Who finds a value also sees what its writer did
+// before. A lost write is found out again later. So a signal handler may interrupt a write, and a forked
+// child may find one unfinished.
 //
 // 1 MB of zeroed memory that never grows: 65536 entries, of which a process pays for the pages it touches.
 #pragma once

@@ -10,12 +10,20 @@ constinit std::atomic<tbbk_mem_tracker_callback> tbbk_hook = nullptr;
 constinit std::atomic<tbbk_free_check> tbbk_check_of_frees = nullptr;
 __thread const void* tbbk_frame = nullptr;
 
-void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept {
-    const int saved_errno = errno;
+namespace {
+
+void call_hook(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept {
     const void* const outer_frame = tbbk_frame;
     tbbk_frame = frame;
     hook(event.block, event.requested, event.allocated, event.is_allocation);
     tbbk_frame = outer_frame;
+}
+
+} // namespace
+
+void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept {
+    const int saved_errno = errno;
+    call_hook(hook, frame, event);
     errno = saved_errno;
 }
 
@@ -31,7 +39,7 @@ void tbbk_report_aligned_allocation(tbbk_mem_tracker_callback hook, const void* 
 
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                       std::size_t usable) noexcept {
-    tbbk_report_event(hook, frame, {block, 0, tbbk_slot_size(block, usable), false});
+    call_hook(hook, frame, {block, 0, tbbk_slot_size(block, usable), false});
 }
 
 void tbbk_run_free_check(tbbk_free_check check, const void* frame, const void* block) noexcept {

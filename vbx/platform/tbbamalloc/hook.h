@@ -39,6 +39,7 @@ using TBBK_REPORT = void(tbbk_mem_tracker_callback hook, const void* frame, void
                          std::size_t requested) noexcept;
 TBBK_REPORT tbbk_report_allocation;
 TBBK_REPORT tbbk_report_aligned_allocation;
+// Leaves errno to the caller.
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                       std::size_t usable) noexcept;
 

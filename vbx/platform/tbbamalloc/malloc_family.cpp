@@ -50,8 +50,10 @@ namespace {
         return nullptr;
     tbbk_report_allocation(hook, frame, moved, size);
     memcpy(moved, block, size < old_size ? size : old_size);
+    const int saved_errno = errno;
     tbbk_report_free(hook, frame, block, old_size);
     scalable_free(block);
+    errno = saved_errno;
     return moved;
 }
 

@@ -7,9 +7,7 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/records/peak_snapshot.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
-#include "vbx/mem/mem_tbb_tracker/state/settings.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/out_of_memory/host_call.h"
 
@@ -21,21 +19,6 @@
 namespace {
 
 constexpr auto relaxed = std::memory_order_relaxed;
-
-// Whether the total stands on a higher step of the grid than the peak. Asked at every free: two divisions
-// would be its longest part, and the usual step is a power of two.
-bool is_on_higher_step(std::int64_t total, std::int64_t peak, std::int64_t step) {
-    if (total <= peak)
-        return false;
-    if ((step & (step - 1)) == 0)
-        return (total ^ peak) >= step;
-    return total / step > peak / step;
-}
-
-bool is_new_peak(std::int64_t total, std::int64_t step) {
-    return total >= mem_next_peak_bytes.load(relaxed) ||
-           is_on_higher_step(total, mem_threshold_peak_bytes.load(relaxed), step);
-}
 
 // The next multiple of the step at or above the total; the totals of a 64-bit process stay far below
 // overflow.
@@ -77,18 +60,13 @@ bool flushed_stretch_stands(std::int64_t flushed) {
 
 } // namespace
 
-bool mem_tbb_check_threshold_peak() noexcept {
-    const std::int64_t total = mem_tracked_total_bytes().load();
-    const std::int64_t step = mem_fileline_peak_threshold.load(relaxed);
-    if (!is_new_peak(total, step))
-        return false;
+void mem_record_threshold_peak(std::int64_t total, std::int64_t step) noexcept {
     mem_threshold_peak_bytes.store(total, relaxed);
     mem_next_peak_bytes.store(2 * total, relaxed);
     mem_msg_debug("Memory tracking: recording peak bytes at %lld bytes, next peak at >= %lld bytes",
                   static_cast<long long>(total),
                   static_cast<long long>(std::min(next_step(total, step), 2 * total)));
     copy_current_figures_of_all_sites();
-    return true;
 }
 
 void mem_tbb_tracking_flush_peak() try {

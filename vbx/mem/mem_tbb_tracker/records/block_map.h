@@ -45,7 +45,7 @@ class MEM_BLOCK_MAP {
     }
 
     // Enters a block unless it is there. Throws like the above.
-    void insert(const void* block, const RECORD& record) {
+    [[gnu::always_inline]] void insert(const void* block, const RECORD& record) {
         SLAB& slab = slab_for(block);
         const MEM_SPIN_GUARD guard(lock_of(block));
         if (RECORD& place = slab.place_for(mark_of(block)); place.mark == NO_BLOCK)

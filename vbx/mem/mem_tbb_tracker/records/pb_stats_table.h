@@ -114,7 +114,7 @@ class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
     const bool m_is_counted;
 };
 
-inline void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
+[[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
     const SHARED_SCOPE shared(*this);
     if (find(id) == nullptr) [[unlikely]]
         grow_to_hold(id);
@@ -124,7 +124,7 @@ inline void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
     mem_add(stats.cumulative_bytes, bytes);
 }
 
-inline void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
+[[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
     const SHARED_SCOPE shared(*this);
     if (MEM_PB_STATS* const stats = find(id))
         mem_add(stats->current_bytes, -static_cast<long long>(size));
