@@ -3,6 +3,7 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
+#include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
@@ -63,6 +64,11 @@ std::uint64_t mem_site_of_this_free() noexcept {
     if (!tracker_finds_sites())
         return 0;
     const MEM_IN_TRACKER_SCOPE in_tracker;
+    if (const MEM_KNOWN_SITE known = mem_find_known_site(); known.site != nullptr) {
+        const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+        if (mem_is_still_known(known))
+            return known.site->address;
+    }
     const MEM_CAPTURED_STACK stack = mem_capture_stack();
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     const MEM_SPIN_GUARD guard(mem_site_lock);
