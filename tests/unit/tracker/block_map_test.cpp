@@ -9,7 +9,7 @@
 
 namespace {
 
-struct RECORD {
+struct alignas(16) RECORD {
     std::uint64_t value = 0;
     std::uint32_t mark = 0;
 };

@@ -117,6 +117,9 @@ class MEM_BLOCK_MAP {
 
       private:
         static constexpr std::uintptr_t SHIFT_BITS = 15; // the memory of the heap leaves them free
+        static_assert(sizeof(RECORD) > SHIFT_BITS,
+                      "with them the word still points into the records, for whoever "
+                      "looks for leaks");
 
         RECORD* records() const { return reinterpret_cast<RECORD*>(m_records_and_shift & ~SHIFT_BITS); }
         unsigned shift() const { return static_cast<unsigned>(m_records_and_shift & SHIFT_BITS); }

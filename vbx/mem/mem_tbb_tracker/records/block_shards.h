@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-struct MEM_BLOCK_BIN_RECORD {
+struct alignas(16) MEM_BLOCK_BIN_RECORD {
     std::uint32_t bin_id = 0;
     std::uint32_t tag_id = 0;
     std::uint32_t mark = 0; // the map's own
