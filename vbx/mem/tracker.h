@@ -10,8 +10,7 @@
 #include <vbx/mem/control.h>
 
 // Builds the tracker's objects and, unless the mask is 0, begins to track. Does nothing in a process whose
-// tracker has started before. Throws what a malformed numeric setting throws, and std::runtime_error "Can't
-// create pool".
+// tracker has started before. Throws what a malformed numeric setting throws, and std::bad_alloc.
 void mem_tbb_tracker_start(MEM_TRACKING_GRANULARITY mask);
 
 // Writes the reports and frees the objects, unless a thread may still be using them.

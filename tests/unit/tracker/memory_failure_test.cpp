@@ -30,20 +30,6 @@ bool next_allocation_fails() {
         throw std::bad_alloc();
     return block;
 }
-// The sites'.
-[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
-    void* const block =
-        next_allocation_fails() ? nullptr : std::aligned_alloc(static_cast<std::size_t>(alignment), size);
-    if (block == nullptr)
-        throw std::bad_alloc();
-    return block;
-}
-[[gnu::noinline]] void operator delete(void* block, std::align_val_t) noexcept {
-    std::free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
-    std::free(block);
-}
 // The library's own nothrow form may not come through the one above.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return std::malloc(size);

@@ -14,7 +14,8 @@
 //
 // Mice are counted in several places, each thread's in one of them: a mouse writes to no memory that all
 // others write to. It counts itself and then looks for cats; a cat announces itself and then looks for mice.
-// So one of two that come at once sees the other, and the mouse gives way.
+// So one of two that come at once sees the other, and the mouse gives way. The one thread of a process counts
+// itself too: a signal handler on it may end the process, or a second thread begin, while it is inside.
 #pragma once
 
 #include "vbx/mem/base/annotations.h"
@@ -41,7 +42,7 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
         if (role == MEM_GATE_ROLE::cat)
             return wait_as_cat();
         std::atomic<std::int32_t>& mice = own_mice();
-        mice.fetch_add(1);
+        os_add(mice, 1, std::memory_order_seq_cst);
         if (has_cats()) [[unlikely]]
             give_way_to_cats(mice);
     }
@@ -50,7 +51,7 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
             end_cat();
         } else {
             MEM_CHECK(cats == 0);
-            const std::int32_t mice = own_mice().fetch_sub(1) - 1;
+            const std::int32_t mice = os_add(own_mice(), -1, std::memory_order_seq_cst);
             MEM_CHECK(mice >= 0);
         }
         mem_rank_release(MEM_LOCK_RANK::gate);
@@ -79,23 +80,17 @@ class MEM_CAPABILITY("gate") MEM_TRACKER_GATE {
     std::atomic<std::int32_t> m_cats_in_front{0}; // the one that looks for mice, or is inside
 };
 
-// The one thread of a process meets no cat but itself, and does nothing here. Nothing that is done inside
-// makes a second thread.
 class MEM_SCOPED_CAPABILITY MEM_GATE_MOUSE {
   public:
-    explicit MEM_GATE_MOUSE(MEM_TRACKER_GATE& gate) MEM_ACQUIRE_SHARED(gate)
-        : m_gate(gate), m_is_counted(!os_has_one_thread()) {
-        m_is_counted ? m_gate.enter(MEM_GATE_ROLE::mouse) : mem_rank_acquire(MEM_LOCK_RANK::gate);
+    explicit MEM_GATE_MOUSE(MEM_TRACKER_GATE& gate) MEM_ACQUIRE_SHARED(gate) : m_gate(gate) {
+        m_gate.enter(MEM_GATE_ROLE::mouse);
     }
-    ~MEM_GATE_MOUSE() MEM_RELEASE_GENERIC() {
-        m_is_counted ? m_gate.leave(MEM_GATE_ROLE::mouse) : mem_rank_release(MEM_LOCK_RANK::gate);
-    }
+    ~MEM_GATE_MOUSE() MEM_RELEASE_GENERIC() { m_gate.leave(MEM_GATE_ROLE::mouse); }
     MEM_GATE_MOUSE(const MEM_GATE_MOUSE&) = delete;
     MEM_GATE_MOUSE& operator=(const MEM_GATE_MOUSE&) = delete;
 
   private:
     MEM_TRACKER_GATE& m_gate;
-    const bool m_is_counted;
 };
 
 class MEM_SCOPED_CAPABILITY MEM_GATE_CAT {

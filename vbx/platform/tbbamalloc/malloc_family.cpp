@@ -9,6 +9,12 @@
 
 namespace {
 
+// A block of tbbmalloc's, behind a hook call: in which the process may have been forked.
+void give_back_own(void* block) noexcept {
+    if (!tbbk_heap_is_abandoned()) [[likely]]
+        scalable_free(block);
+}
+
 // The hook is told before the block goes back: afterwards another thread can be given the address, and its
 // event would overtake this one. There is a hook only while the heap is tbbmalloc's, which is not asked again
 // then whether the block is its own.
@@ -19,7 +25,7 @@ namespace {
     if (usable == 0)
         return __libc_free(block);
     tbbk_report_free(hook, frame, block, usable);
-    scalable_free(block);
+    give_back_own(block);
 }
 
 [[gnu::always_inline]] inline void free_block(const void* frame, void* block) noexcept {
@@ -52,7 +58,7 @@ namespace {
     memcpy(moved, block, size < old_size ? size : old_size);
     const int saved_errno = errno;
     tbbk_report_free(hook, frame, block, old_size);
-    scalable_free(block);
+    give_back_own(block);
     errno = saved_errno;
     return moved;
 }

@@ -44,7 +44,7 @@ std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept;
 // tbbk_natural_alignment every block begins its slot, and the heap needn't be asked where. (A program that
 // gets blocks from tbbmalloc itself at such alignments gives them back to it as well.)
 inline void tbbk_note_alignment(std::size_t alignment) noexcept {
-    if (alignment > tbbk_natural_alignment)
+    if (alignment > tbbk_natural_alignment && !tbbk_blocks_lie_anywhere.load(std::memory_order_relaxed))
         tbbk_blocks_lie_anywhere.store(true, std::memory_order_relaxed);
 }
 

@@ -35,7 +35,8 @@ MEM_KNOWN_SITE mem_find_known_site_by_walk(MEM_SITE& catch_all, std::uint64_t ge
     MEM_SITE* const catch_all = mem_known_catch_all.load(std::memory_order_acquire);
     if (catch_all == nullptr) [[unlikely]]
         return {};
-    // Most often it is the caller of malloc itself that is charged, and there is nothing to walk.
+    // Most often it is the caller of malloc itself that is charged, and there is nothing to walk. (Outside of
+    // the allocator there is no caller: for 0 the memory has nothing or 0.)
     std::uint64_t verdict = 0;
     if (mem_frame_verdicts.find(err_caller_of_allocator(), verdict) && verdict != 0) [[likely]]
         return {reinterpret_cast<MEM_SITE*>(verdict), generation};

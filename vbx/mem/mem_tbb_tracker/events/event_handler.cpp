@@ -47,8 +47,7 @@ void report_timeline_index(long long total) {
                          index, total);
 }
 
-// Gives the total behind the move; nothing moves without a feature that it runs for. Right behind the tick,
-// which is on the same cache line.
+// Gives the total behind the move; nothing moves without a feature that it runs for.
 [[gnu::always_inline]] inline long long move_total(std::uint32_t mask, long long delta) {
     return (mask & MEM_FEATURES) != 0 ? mem_add(mem_tracked_total_bytes(), delta) : 0;
 }
@@ -78,7 +77,6 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
 // Out of line, as the other is: each has use for all registers.
 [[gnu::noinline]] void mem_tbb_on_allocation(void* block, std::uint64_t requested_size, std::uint64_t size) {
     const MEM_EVENT event{mem_current_mask(), tick_is_sample(), block, requested_size, size};
-    const long long total = move_total(event.mask, static_cast<long long>(size));
     if ((event.mask & MEM_ATTRIBUTED) != 0)
         mem_attribute_new_block(event);
     if ((event.mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
@@ -87,6 +85,8 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
         mem_sample_labels_and_auxiliary(event.mask);
     if ((event.mask & MEM_COUNTS_GLOBALLY) != 0)
         mem_global_stats().add_block(size);
+    // Last: a peak that another thread's free finds in the total is to be found in the tables, too.
+    const long long total = move_total(event.mask, static_cast<long long>(size));
     if (event.is_sample)
         end_sample(event.mask, total);
 }
@@ -98,6 +98,7 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
     const bool is_peak = (mask & MEM_FEATURES) != 0 && mem_tbb_check_threshold_peak();
     const bool is_tick = tick_is_sample();
     const MEM_EVENT event{mask, is_tick || is_peak, block, 0, size};
+    // At once, while the tick has the cache line here: the tables may hold more than the total, not less.
     const long long total = move_total(mask, -static_cast<long long>(size));
     if ((mask & MEM_ATTRIBUTED) != 0)
         mem_credit_freed_block(event);

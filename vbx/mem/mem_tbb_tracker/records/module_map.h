@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-// Guards the map and every counter in it. Never held together with the site lock.
+// Guards the map and every counter in it. Never held together with that of the site table or of a site.
 inline constinit MEM_BUSY_SPIN_LOCK mem_module_lock{MEM_LOCK_RANK::leaf};
 
 // Name of the record of what could not be attributed.

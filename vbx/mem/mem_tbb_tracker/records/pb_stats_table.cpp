@@ -2,13 +2,6 @@
 
 #include "vbx/mem/base/thread_state.h"
 
-namespace {
-
-// In the high half of the users.
-constexpr std::uint64_t ONE_HOLDER = std::uint64_t{1} << 32;
-
-} // namespace
-
 MEM_PB_STATS_TABLE::MEM_PB_STATS_TABLE() {
     make_room_for(0);
 }
@@ -22,21 +15,12 @@ void MEM_PB_STATS_TABLE::make_room_for(std::uint32_t id) {
     m_entries.make_room_for(id);
 }
 
-void MEM_PB_STATS_TABLE::enter_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    // Like the gate's, these waits yield: nobody can see it, and who is waited for may need the processor.
+void MEM_PB_STATS_TABLE::wait_for_shared() {
+    // Like the gate's, this wait yields: nobody can see it, and who is waited for may need the processor.
     OS_PATIENCE patience;
-    for (;;) {
-        while (waiters.load(std::memory_order_relaxed) != 0)
-            patience.wait();
-        if (users.fetch_add(1, std::memory_order_acquire) < ONE_HOLDER)
-            return;
-        users.fetch_sub(1, std::memory_order_relaxed);
+    do {
         patience.wait();
-    }
-}
-
-void MEM_PB_STATS_TABLE::leave_shared() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    users.fetch_sub(1, std::memory_order_release);
+    } while (!try_enter_shared());
 }
 
 void MEM_PB_STATS_TABLE::enter_exclusive() MEM_NO_THREAD_SAFETY_ANALYSIS {

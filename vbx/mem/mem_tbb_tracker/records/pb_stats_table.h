@@ -67,8 +67,24 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     class STILL;
 
   private:
-    void enter_shared() MEM_ACQUIRE_SHARED(this);
-    void leave_shared() MEM_RELEASE_GENERIC(this);
+    // Added to the users for a holder of the exclusive mode.
+    static constexpr std::uint64_t ONE_HOLDER = std::uint64_t{1} << 32;
+
+    bool try_enter_shared() {
+        if (waiters.load(std::memory_order_relaxed) != 0)
+            return false;
+        if (os_add(users, std::uint64_t{1}, std::memory_order_acquire) < ONE_HOLDER)
+            return true;
+        count_out();
+        return false;
+    }
+    void count_out() { os_add(users, ~std::uint64_t{0}, std::memory_order_release); } // one less
+    void wait_for_shared();
+    void enter_shared() MEM_ACQUIRE_SHARED(this) MEM_NO_THREAD_SAFETY_ANALYSIS {
+        if (!try_enter_shared()) [[unlikely]]
+            wait_for_shared();
+    }
+    void leave_shared() MEM_RELEASE_GENERIC(this) MEM_NO_THREAD_SAFETY_ANALYSIS { count_out(); }
     void enter_exclusive() MEM_ACQUIRE(this);
     void leave_exclusive() MEM_RELEASE(this);
     class SHARED_SCOPE;
@@ -94,24 +110,17 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
 };
 
-// The one thread of a process keeps nobody out and is kept out by nobody.
 class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
   public:
-    explicit SHARED_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE_SHARED(table)
-        : m_table(table), m_is_counted(!os_has_one_thread()) {
-        if (m_is_counted)
-            m_table.enter_shared();
+    explicit SHARED_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE_SHARED(table) : m_table(table) {
+        m_table.enter_shared();
     }
-    ~SHARED_SCOPE() MEM_RELEASE_GENERIC() {
-        if (m_is_counted)
-            m_table.leave_shared();
-    }
+    ~SHARED_SCOPE() MEM_RELEASE_GENERIC() { m_table.leave_shared(); }
     SHARED_SCOPE(const SHARED_SCOPE&) = delete;
     SHARED_SCOPE& operator=(const SHARED_SCOPE&) = delete;
 
   private:
     MEM_PB_STATS_TABLE& m_table;
-    const bool m_is_counted;
 };
 
 [[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "vbx/mem/base/annotations.h"
-#include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/base/lock_rank.h"
 #include "vbx/platform/os/one_thread.h"
 #include "vbx/platform/os/thread.h"
@@ -14,7 +13,7 @@
 #include <atomic>
 #include <cstdint>
 
-// In front of the counters, on their cache line.
+// In front of the counters: it comes with the cache line that a free needs of them.
 class MEM_SITE_LOCK {
   protected:
     void lock() {
@@ -30,7 +29,7 @@ class MEM_SITE_LOCK {
 
 // The lock guards the counters. What a record says of its place never changes, and module_tracker is written
 // under the module lock.
-struct alignas(MEM_CACHE_LINE) MEM_CAPABILITY("site") MEM_SITE : MEM_SITE_LOCK, MEM_ADDRESS_TRACKER {
+struct MEM_CAPABILITY("site") MEM_SITE : MEM_SITE_LOCK, MEM_ADDRESS_TRACKER {
     explicit MEM_SITE(const MEM_ADDRESS_TRACKER& record) : MEM_ADDRESS_TRACKER(record) {}
     MEM_SITE() = default;
     MEM_SITE(const MEM_SITE&) = delete;

@@ -32,7 +32,7 @@ union alignas(MEM_CACHE_LINE) MEM_IMMORTAL {
     ~MEM_IMMORTAL() {}
 };
 
-// On one cache line: an event moves the first two right one after the other, and has to get the line from the
+// On one cache line: a free moves the first two right one after the other, and has to get the line from the
 // other threads once.
 struct MEM_EVENT_TOTALS {
     // One tick for each event that passes the guard.
