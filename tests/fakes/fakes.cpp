@@ -78,6 +78,8 @@ std::size_t _msize(void* block) noexcept {
     return malloc_usable_size(block);
 }
 
+std::function<void()> fake_capture_hook;
+
 namespace {
 class FAKE_UNWINDER final : public ERR_UNWINDER {
   public:
@@ -85,6 +87,8 @@ class FAKE_UNWINDER final : public ERR_UNWINDER {
     std::int32_t capture_stack(std::uint64_t* frames, std::int32_t max_frames, std::int32_t skip_frames,
                                std::uint64_t) override {
         captures.push_back({max_frames, skip_frames});
+        if (const auto called_once = std::exchange(fake_capture_hook, nullptr))
+            called_once();
         const auto size = static_cast<std::int32_t>(current_stack.size());
         const std::int32_t first = std::min(skip_frames, size);
         const std::int32_t count = std::min(max_frames, size - first);

@@ -19,6 +19,8 @@ struct FAKE_CAPTURE {
     std::int32_t max_frames;
     std::int32_t skip_frames;
 };
+// Called once, by the next capture.
+extern std::function<void()> fake_capture_hook;
 // The captures that the calling thread has made.
 std::vector<FAKE_CAPTURE>& fake_captures();
 

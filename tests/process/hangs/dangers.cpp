@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -146,6 +147,15 @@ int exit_inside_event(char** where) {
     return 8;
 }
 
+// exit() in a signal handler, with the thread in the middle of a query.
+int exit_inside_query(char**) {
+    signal(SIGALRM, [](int) { std::exit(9); });
+    void* const block = std::malloc(100);
+    ualarm(20'000, 0);
+    for (MEM_ADDRESS_TRACKER site;;)
+        mem_get_address_tracker(block, site);
+}
+
 } // namespace
 
 int main(int, char** arguments) {
@@ -155,6 +165,7 @@ int main(int, char** arguments) {
         {"end_threads", end_threads},
         {"end_with_threads", end_with_threads},
         {"exit_inside_event", exit_inside_event},
+        {"exit_inside_query", exit_inside_query},
     };
     return dangers.at(arguments[1])(arguments + 2);
 }

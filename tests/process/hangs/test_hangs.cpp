@@ -44,6 +44,15 @@ TEST_P(Dangers, DontKeepProcessesWithEveryDebugAidFromTheirEnds) {
     expect_ends(GetParam(), test_all_debug_aids());
 }
 
+// Where the handler finds the thread inside the gate there can be no reports.
+TEST(Queries, DontKeepAHandlerFromTheEnd) {
+    for (int time = 0; time < 5; ++time) {
+        const TEST_DIRECTORY folder;
+        EXPECT_EQ(test_run_child({{BUILT "dangers", "exit_inside_query"}, test_all_switches()}, folder).end,
+                  "exit 9");
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Linked, Dangers,
     testing::Values(DANGER{"load", {BUILT "dangers", "load", "libtbb.so.12", BUILT "new_code.so"}},

@@ -96,6 +96,19 @@ TEST(Events, ScribblingCallbackSpoilsNothing) {
     }
 }
 
+// What is known of one request says nothing of the next.
+TEST(Events, TellTheSlotOfEveryRequest) {
+    for (std::size_t step = 0; step != 8200; ++step)
+        for (const std::size_t size : {step, 8200 - step}) {
+            RECORDED_EVENTS recorded;
+            void* const block = step % 2 == 0 ? std::malloc(size) : std::calloc(size, 1);
+            const std::size_t usable = malloc_usable_size(block);
+            std::free(block);
+            EXPECT_EQ(recorded.events[0].allocated, usable) << size;
+            EXPECT_EQ(recorded.events[1].allocated, usable) << size;
+        }
+}
+
 // Both events of a block tell the size of its slot, wherever in it the block begins, and a block that has
 // pages of its own never tells the size of a slot.
 TEST(Events, TellTheSameSlotForEveryAlignment) {
@@ -121,6 +134,7 @@ TEST(Events, TellTheSameSlotForEveryAlignment) {
 // the heap looks for its header.
 TEST(Events, LargeForeignBlocksAreToldApart) {
     mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    const std::size_t blocks_before = mallinfo2().hblks;
     std::vector<void*> own;
     std::vector<void*> foreign;
     const auto add_own = [&] {
@@ -141,6 +155,7 @@ TEST(Events, LargeForeignBlocksAreToldApart) {
         std::free(i % 4 == 1 ? foreign[i] : std::realloc(foreign[i], 300'000));
     }
     EXPECT_EQ(recorded.count, 0U);
+    EXPECT_EQ(mallinfo2().hblks, blocks_before);
     std::for_each(own.begin(), own.end(), std::free);
 }
 

@@ -5,6 +5,7 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
+#include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 
 #include <atomic>
@@ -171,6 +172,18 @@ TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
     release(0xA000, 64);
     EXPECT_EQ(rendered_sites(), "parse cur 64/1 max 64/1 peak 0/0 cum 64/1 req 64 mis 0\n"
                                 "query cur 0/0 max 64/1 peak 0/0 cum 64/1 req 64 mis 0\n");
+}
+
+// A free of another thread comes while the block that makes the peak is on its way into the tables.
+TEST_F(EVENT_TEST, APeakHasNoBlockThatTheTablesLack) {
+    start(MEM_GRANULARITY_PER_FILELINE);
+    allocate(0xA000, 100, {PARSE});
+    fake_capture_hook = [] { run_on_threads(1, [](std::uint64_t) { release(0xA000, 100); }); };
+    allocate(0xB000, 1 << 20, {QUERY});
+    allocate(0xC000, 16, {PARSE});
+    release(0xC000, 16);
+    EXPECT_EQ(mem_threshold_peak_bytes.load(), (1 << 20) + 16);
+    EXPECT_NE(rendered_sites().find("query cur 1048576/1 max 1048576/1 peak 1048576/1"), std::string::npos);
 }
 
 TEST_F(EVENT_TEST, CountsBlockedThreadsAndItsOwnEventsApart) {

@@ -69,6 +69,13 @@ TEST(PB_STATS_TABLE_TEST, StandsStillForAnExclusiveUser) {
     stop = true;
 }
 
+// It began while the process had no other thread.
+TEST(GATE_TEST, AMouseThatWasAloneKeepsCatsOut) {
+    MEM_TRACKER_GATE gate;
+    const MEM_GATE_MOUSE mouse(gate);
+    run_on_threads(1, [&gate](std::uint64_t) { EXPECT_FALSE(gate.enter_as_cat_within(0)); });
+}
+
 #if defined(VBX_RANK_CHECK)
 TEST(LOCK_RANK_TEST, LocksAreTakenInRisingRank) {
     MEM_SPIN_LOCK leaf{MEM_LOCK_RANK::leaf}, other_leaf{MEM_LOCK_RANK::leaf};
@@ -227,6 +234,33 @@ TEST_F(THREADS_TEST, ResetsComeInBetween) {
     mem_reset_tracking_entries();
     expect_all_credited_in_the_end();
     EXPECT_EQ(ptag_stats->size(), 0U);
+}
+
+// Copies and reports that are made while events run have every record as it was between two of them.
+TEST_F(THREADS_TEST, RecordsAreCopiedWhole) {
+    constexpr std::int64_t SIZE = 48;
+    allocate(0x10, SIZE, {PARSE});
+    std::atomic<int> running{3};
+    auto threads = run_on_threads(3, [&running](std::uint64_t thread) {
+        for (std::uint64_t event = 0; event < EVENTS; ++event) {
+            const std::uint64_t block = ((thread + 1) << 24) + 64 * (event % 100);
+            allocate(block, SIZE, {PARSE});
+            release(block, SIZE);
+        }
+        --running;
+    });
+    testing::internal::CaptureStdout(); // the line of every eighth sample
+    while (running != 0) {
+        MEM_ADDRESS_TRACKER site;
+        ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(0x10), site));
+        EXPECT_EQ(site.current_bytes, SIZE * site.current_blocks);
+        EXPECT_EQ(site.cumulative_bytes, SIZE * site.cumulative_blocks);
+        std::ostringstream report;
+        mem_dump_tbb_fileline_tracking(report);
+        for (const ROW& row : rows_of(report.str()))
+            EXPECT_EQ(row.at(0), SIZE * row.at(6));
+    }
+    testing::internal::GetCapturedStdout();
 }
 
 // A host's threads that go on while the process ends find the tracker or nothing.
