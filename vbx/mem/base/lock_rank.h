@@ -6,7 +6,7 @@
 // | granularity | changes of the granularity mask                                                           |
 // | callbacks   | changes of the callback table, which the one above may be held for                        |
 // | gate        | the gate, as a mouse or as a cat                                                          |
-// | accessor    | a slab of a live-block map                                                                |
+// | blocks      | a slab of a live-block map                                                                |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
 // | leaf        | site table, a site, module lock, symbol lock, label lock, a table's exclusive mode: never |
 // |             | together, but for all sites with their table                                              |
@@ -25,7 +25,7 @@ enum class MEM_LOCK_RANK : std::uint8_t {
     granularity,
     callbacks,
     gate,
-    accessor,
+    blocks,
     timeline,
     leaf,
     innermost,

@@ -19,14 +19,19 @@ class MEM_CAPABILITY("spin lock") MEM_SPIN_LOCK {
 
     void acquire() MEM_ACQUIRE() {
         mem_rank_acquire(m_rank);
+        acquire_unranked();
+    }
+    void release() MEM_RELEASE() {
+        release_unranked();
+        mem_rank_release(m_rank);
+    }
+    // For who takes all locks of a kind together, which the order of ranks has no place for.
+    void acquire_unranked() MEM_NO_THREAD_SAFETY_ANALYSIS {
         OS_PATIENCE patience;
         while (os_exchange(m_word, std::uint64_t{1}, std::memory_order_acquire) != 0)
             patience.wait();
     }
-    void release() MEM_RELEASE() {
-        m_word.store(0, std::memory_order_release);
-        mem_rank_release(m_rank);
-    }
+    void release_unranked() MEM_NO_THREAD_SAFETY_ANALYSIS { m_word.store(0, std::memory_order_release); }
     // Frees the lock whoever held it: for a forked child, whose other threads are gone.
     void reset() { m_word.store(0, std::memory_order_relaxed); }
 

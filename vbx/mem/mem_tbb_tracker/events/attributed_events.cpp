@@ -89,6 +89,6 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept {
     mem_tbb_address_map->take(event.block, ignored);
     if ((event.mask & MEM_COUNTS_SITES) == 0)
         return;
-    const MEM_SITE_GUARD guard(site);
+    const MEM_SPIN_GUARD guard(site);
     mem_undo_charge(site, event.size, event.requested_size);
 }

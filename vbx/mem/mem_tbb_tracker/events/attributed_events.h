@@ -48,7 +48,7 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
 [[gnu::always_inline]] inline void mem_charge_site(const MEM_EVENT& event, MEM_SITE& site) {
     if ((event.mask & MEM_COUNTS_SITES) == 0)
         return;
-    const MEM_SITE_GUARD guard(site);
+    const MEM_SPIN_GUARD guard(site);
     mem_charge(site, event.size, event.requested_size);
 }
 
@@ -56,7 +56,7 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
                                                    bool is_mismatched) {
     if ((event.mask & MEM_COUNTS_SITES) == 0)
         return;
-    const MEM_SITE_GUARD guard(site);
+    const MEM_SPIN_GUARD guard(site);
     mem_credit(site, event.size);
     if (is_mismatched)
         site.cumulative_mismatched_bytes += static_cast<std::int64_t>(event.size);

@@ -26,12 +26,12 @@ bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
             const MEM_SPIN_GUARD guard(mem_site_lock);
             catch_all = &mem_tbb_site_table->catch_all();
         }
-        const MEM_SITE_GUARD guard(*catch_all);
+        const MEM_SPIN_GUARD guard(*catch_all);
         mem_copy_site(result, *catch_all);
         return true;
     }
     return mem_tbb_address_map->visit(address, [&result](const MEM_BLOCK_RECORD& record) {
-        const MEM_SITE_GUARD guard(*record.address_tracker_ptr);
+        const MEM_SPIN_GUARD guard(*record.address_tracker_ptr);
         mem_copy_site(result, *record.address_tracker_ptr);
     });
 }

@@ -54,31 +54,17 @@ class MEM_BLOCK_MAP {
 
     // Takes a block out and gives its record. False when it isn't there.
     [[gnu::always_inline]] bool take(const void* block, RECORD& record) {
-        const SLAB* const slab = find_slab(block);
-        if (slab == nullptr)
-            return false;
-        const MEM_SPIN_GUARD guard(lock_of(block));
-        RECORD* const place = slab->place_of(mark_of(block));
-        if (place == nullptr || place->mark != mark_of(block))
-            return false;
-        record = *place;
-        place->mark = NO_BLOCK;
-        return true;
+        return use(block, [&record](RECORD& place) {
+            record = place;
+            place.mark = NO_BLOCK;
+        });
     }
 
     // Calls visit(const RECORD&); whoever wants to change or take the entry meanwhile waits. False when it
     // isn't there.
     template <class VISIT>
     bool visit(const void* block, VISIT visit) {
-        const SLAB* const slab = find_slab(block);
-        if (slab == nullptr)
-            return false;
-        const MEM_SPIN_GUARD guard(lock_of(block));
-        const RECORD* const place = slab->place_of(mark_of(block));
-        if (place == nullptr || place->mark != mark_of(block))
-            return false;
-        visit(*place);
-        return true;
+        return use(block, [&visit](const RECORD& place) { visit(place); });
     }
 
     // Forgets all blocks and gives the memory back. While nobody else uses the map.
@@ -192,6 +178,20 @@ class MEM_BLOCK_MAP {
         return static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(block) & LAST_OFFSET) + 1);
     }
 
+    // Calls change(RECORD&) with the slab locked. False when the block isn't there.
+    template <class CHANGE>
+    [[gnu::always_inline]] bool use(const void* block, CHANGE change) {
+        const SLAB* const slab = find_slab(block);
+        if (slab == nullptr)
+            return false;
+        const MEM_SPIN_GUARD guard(lock_of(block));
+        RECORD* const place = slab->place_of(mark_of(block));
+        if (place == nullptr || place->mark != mark_of(block))
+            return false;
+        change(*place);
+        return true;
+    }
+
     static void enter(RECORD& place, std::uint32_t mark, const RECORD& record) {
         place = record;
         place.mark = mark;
@@ -223,7 +223,7 @@ class MEM_BLOCK_MAP {
     MEM_SPIN_LOCK& lock_of(const void* block) { return m_locks[number_of_slab(block) % m_locks.size()]; }
 
     struct LOCK : MEM_BUSY_SPIN_LOCK {
-        LOCK() : MEM_BUSY_SPIN_LOCK(MEM_LOCK_RANK::accessor) {}
+        LOCK() : MEM_BUSY_SPIN_LOCK(MEM_LOCK_RANK::blocks) {}
     };
     std::array<LOCK, std::size_t{1} << LOCK_BITS> m_locks;
     DIRECTORY<REGIONS> m_root;

@@ -125,12 +125,14 @@ class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
 
 [[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
     const SHARED_SCOPE shared(*this);
-    if (find(id) == nullptr) [[unlikely]]
+    MEM_PB_STATS* stats = find(id);
+    if (stats == nullptr) [[unlikely]] {
         grow_to_hold(id);
-    MEM_PB_STATS& stats = at(id);
+        stats = &at(id);
+    }
     const auto bytes = static_cast<long long>(size);
-    stats.max_bytes.raise_to(mem_add(stats.current_bytes, bytes));
-    mem_add(stats.cumulative_bytes, bytes);
+    stats->max_bytes.raise_to(mem_add(stats->current_bytes, bytes));
+    mem_add(stats->cumulative_bytes, bytes);
 }
 
 [[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {

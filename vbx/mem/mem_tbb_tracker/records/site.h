@@ -2,61 +2,19 @@
 // meet.
 #pragma once
 
-#include "vbx/mem/base/annotations.h"
-#include "vbx/mem/base/lock_rank.h"
-#include "vbx/platform/os/one_thread.h"
-#include "vbx/platform/os/thread.h"
+#include "vbx/mem/base/spin_lock.h"
 
 #include <vbx/mem/trackers.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 
-// In front of the counters: it comes with the cache line that a free needs of them.
-class MEM_SITE_LOCK {
-  protected:
-    void lock() {
-        OS_PATIENCE patience;
-        while (os_exchange(m_word, std::uint32_t{1}, std::memory_order_acquire) != 0)
-            patience.wait();
-    }
-    void unlock() { m_word.store(0, std::memory_order_release); }
-
-  private:
-    std::atomic<std::uint32_t> m_word{0};
-};
-
-// The lock guards the counters. What a record says of its place never changes, and module_tracker is written
-// under the module lock.
-struct MEM_CAPABILITY("site") MEM_SITE : MEM_SITE_LOCK, MEM_ADDRESS_TRACKER {
-    explicit MEM_SITE(const MEM_ADDRESS_TRACKER& record) : MEM_ADDRESS_TRACKER(record) {}
-    MEM_SITE() = default;
-    MEM_SITE(const MEM_SITE&) = delete;
-    MEM_SITE& operator=(const MEM_SITE&) = delete;
-
-    void acquire() MEM_ACQUIRE() {
-        mem_rank_acquire(MEM_LOCK_RANK::leaf);
-        lock();
-    }
-    void release() MEM_RELEASE() {
-        unlock();
-        mem_rank_release(MEM_LOCK_RANK::leaf);
-    }
-
-  private:
-    friend class MEM_SITE_TABLE;
-};
-
-class MEM_SCOPED_CAPABILITY MEM_SITE_GUARD {
-  public:
-    explicit MEM_SITE_GUARD(MEM_SITE& site) MEM_ACQUIRE(site) : m_site(site) { m_site.acquire(); }
-    ~MEM_SITE_GUARD() MEM_RELEASE() { m_site.release(); }
-    MEM_SITE_GUARD(const MEM_SITE_GUARD&) = delete;
-    MEM_SITE_GUARD& operator=(const MEM_SITE_GUARD&) = delete;
-
-  private:
-    MEM_SITE& m_site;
+// The lock guards the counters, and comes with the cache line that a free needs of them. What a record says
+// of its place never changes, and module_tracker is written under the module lock.
+struct MEM_CAPABILITY("site") MEM_SITE : MEM_SPIN_LOCK, MEM_ADDRESS_TRACKER {
+    MEM_SITE() : MEM_SPIN_LOCK(MEM_LOCK_RANK::leaf) {}
+    explicit MEM_SITE(const MEM_ADDRESS_TRACKER& record)
+        : MEM_SPIN_LOCK(MEM_LOCK_RANK::leaf), MEM_ADDRESS_TRACKER(record) {}
 };
 
 // The four counters and three maxima that one block moves, the same for sites and modules. Under the record's

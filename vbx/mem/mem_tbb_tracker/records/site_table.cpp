@@ -36,12 +36,12 @@ void MEM_SITE_TABLE::clear() {
 
 void MEM_SITE_TABLE::lock_all() {
     for (auto& [address, site] : m_sites)
-        site.lock();
+        site.acquire_unranked();
 }
 
 void MEM_SITE_TABLE::unlock_all() {
     for (auto& [address, site] : m_sites)
-        site.unlock();
+        site.release_unranked();
 }
 
 void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint64_t requested_size) {
