@@ -5,12 +5,16 @@
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_err/vbx_err.h"
 
+#include <linux/membarrier.h>
 #include <malloc.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <thread>
 #include <utility>
@@ -73,6 +77,57 @@ bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
     return true;
 }
 void tbbk_quiesce_end() noexcept {}
+
+namespace {
+
+// Never freed: words outlive their threads.
+struct KEPT_WORDS {
+    TBBK_THREAD_WORDS words{};
+    KEPT_WORDS* next = nullptr;
+};
+constinit std::atomic<KEPT_WORDS*> all_words{nullptr};
+
+constinit thread_local KEPT_WORDS* own_words = nullptr;
+constinit thread_local bool has_words = true;
+
+KEPT_WORDS* make_words() {
+    // Not by operator new, which tests let fail.
+    auto* const kept = static_cast<KEPT_WORDS*>(std::calloc(1, sizeof(KEPT_WORDS)));
+    kept->next = all_words;
+    while (!all_words.compare_exchange_weak(kept->next, kept)) {
+    }
+    return kept;
+}
+
+bool register_fences() {
+    return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+}
+
+} // namespace
+
+void fake_live_without_words() {
+    has_words = false;
+}
+
+std::atomic<bool> tbbk_threads_need_fences{!register_fences()};
+
+TBBK_THREAD_WORDS* tbbk_thread_words() noexcept {
+    if (!has_words)
+        return nullptr;
+    if (own_words == nullptr)
+        own_words = make_words();
+    return &own_words->words;
+}
+TBBK_THREAD_WORDS* tbbk_next_thread_words(TBBK_THREAD_WORDS* previous) noexcept {
+    static_assert(offsetof(KEPT_WORDS, words) == 0);
+    KEPT_WORDS* const next =
+        previous != nullptr ? reinterpret_cast<KEPT_WORDS*>(previous)->next : all_words.load();
+    return next != nullptr ? &next->words : nullptr;
+}
+void tbbk_fence_all_threads() noexcept {
+    if (!tbbk_threads_need_fences)
+        syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+}
 
 std::size_t _msize(void* block) noexcept {
     return malloc_usable_size(block);

@@ -1,6 +1,7 @@
 // The static objects of the library that come up with it, all of them, in the order that they need.
 
 #include "vbx/mem/code_module_list.h"
+#include "vbx/mem/mem_tbb_tracker/events/event_totals.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/platform/os/process.h"
 
@@ -22,7 +23,7 @@ CODE_MODULE_LISTING code_module_listing;
 struct COUNTERS_FROM_ZERO {
     COUNTERS_FROM_ZERO() {
         mem_global_stats() = MEM_STATS();
-        mem_tracked_total_bytes().store(0);
+        mem_event_totals.set_total(0);
         mem_timeline_index().store(0);
     }
 };

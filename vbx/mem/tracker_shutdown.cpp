@@ -197,8 +197,9 @@ void mem_abandon_tracker_after_fork() {
     mem_module_lock.reset();
     for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats})
         if (table != nullptr)
-            table->reset_modes();
-    mem_tbb_gate->reset();
+            table->reset_lock();
+    for (MEM_TRACKER_GATE* const gate : {mem_tbb_gate, &mem_pb_stats_gate, &mem_event_totals.gate})
+        gate->reset();
     mem_forget_tracker_uses();
     free_timelines_after_fork();
 }

@@ -159,4 +159,34 @@ TEST(Gate, KeyDestructorsMayUseTheHeap) {
     tbbk_quiesce_end();
 }
 
+// More threads than there are places at the start.
+TEST(ThreadWords, AreAThreadsOwnAndOutliveIt) {
+    constexpr std::int64_t COUNT = 200;
+    const auto sum_of_all = [] {
+        std::int64_t sum = 0;
+        TBBK_THREAD_WORDS* words = nullptr;
+        while ((words = tbbk_next_thread_words(words)) != nullptr)
+            sum += words->amounts[1];
+        return sum;
+    };
+    for (std::int64_t round = 1; round <= 2; ++round) {
+        std::atomic<std::int64_t> arrived = 0;
+        std::vector<std::thread> threads;
+        for (std::int64_t index = 0; index != COUNT; ++index)
+            threads.emplace_back([&arrived] {
+                TBBK_THREAD_WORDS* const words = tbbk_thread_words();
+                const std::int64_t before = words->amounts[1].exchange(-1'000'000);
+                ++arrived;
+                while (arrived != COUNT)
+                    usleep(1000);
+                EXPECT_EQ(words->amounts[1], -1'000'000); // nobody else's
+                EXPECT_EQ(tbbk_thread_words(), words);
+                words->amounts[1] = before + 1;
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(sum_of_all(), round * COUNT);
+    }
+}
+
 } // namespace

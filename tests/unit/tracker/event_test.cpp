@@ -201,7 +201,7 @@ TEST_F(EVENT_TEST, CountsBlockedThreadsAndItsOwnEventsApart) {
         release(0xA040, 64);
     }
     EXPECT_EQ(rendered_sites(), "");
-    EXPECT_EQ(mem_sample_counter().load(), 0U);
+    EXPECT_EQ(mem_event_totals.ticks(), 0U);
     const MEM_FALLBACK_COUNTERS& counters = mem_fallback_counters;
     EXPECT_EQ(counters.allocations.load(), 3U);
     EXPECT_EQ(counters.frees.load(), 2U);

@@ -6,6 +6,8 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <new>
@@ -30,6 +32,13 @@ bool next_allocation_fails() {
         throw std::bad_alloc();
     return block;
 }
+[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
+    void* const block =
+        next_allocation_fails() ? nullptr : memalign(static_cast<std::size_t>(alignment), size);
+    if (block == nullptr)
+        throw std::bad_alloc();
+    return block;
+}
 // The library's own nothrow form may not come through the one above.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return std::malloc(size);
@@ -38,6 +47,12 @@ bool next_allocation_fails() {
     std::free(block);
 }
 [[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::align_val_t) noexcept {
+    std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
     std::free(block);
 }
 

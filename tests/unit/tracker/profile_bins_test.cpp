@@ -3,7 +3,6 @@
 #include "tests/unit/tracker/tracker_fixture.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 #include "vbx/mem/tracker.h"
@@ -86,13 +85,9 @@ TEST_F(PROFILE_BINS_TEST, InAForkedChildEveryCallReturns) {
     start(MEM_GRANULARITY_ALL);
     mem_open_profile_bin("a", "tag");
     allocate(0xA000, 100, {PARSE});
-    // Threads that the child doesn't have stand in both tables.
-    using STILL = MEM_PB_STATS_TABLE::STILL;
-    alignas(STILL) std::byte for_good[sizeof(STILL)];
-    for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats}) {
-        new (for_good) STILL(*table);
-        mem_rank_release(MEM_LOCK_RANK::leaf);
-    }
+    // A thread that the child doesn't have holds the tables still.
+    mem_pb_stats_gate.enter(MEM_GATE_ROLE::cat);
+    mem_rank_release(MEM_LOCK_RANK::leaf);
     mem_abandon_tracker_after_fork();
     mem_open_profile_bin("b", "tag");
     close_bin("tag");
@@ -111,7 +106,7 @@ class PEAK_TEST : public TRACKER_TEST {
 
     // What is said by a free while so many bytes are live.
     static std::string free_at(std::int64_t total) {
-        mem_tracked_total_bytes().store(total);
+        mem_event_totals.set_total(total);
         release(0xF000, 0);
         return take_messages();
     }

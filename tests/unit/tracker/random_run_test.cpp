@@ -2,9 +2,9 @@
 // against a model that is as simple as can be.
 
 #include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/mem_tbb_tracker/events/event_totals.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 
 #include <algorithm>
@@ -216,7 +216,7 @@ class RANDOM_RUN_TEST : public TRACKER_TEST, public testing::WithParamInterface<
         expect_same({stats.current.bytes.load(), stats.peak.bytes.load(), model.global.cumulative,
                      stats.current.blocks.load(), stats.peak.blocks.load()},
                     model.global, "globally");
-        EXPECT_EQ(mem_tracked_total_bytes().load(), model.total.current);
+        EXPECT_EQ(mem_event_totals.total(), model.total.current);
         for (const auto& [address, block] : model.live) {
             MEM_ADDRESS_TRACKER site;
             ASSERT_EQ(mem_get_address_tracker(reinterpret_cast<void*>(address), site), block.site != 0);

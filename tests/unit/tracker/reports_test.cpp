@@ -240,8 +240,11 @@ TEST(BIN_TEXT_TEST, MebibytesHaveThreeDecimalsOnAnyStream) {
     MEM_PB_TABLE names;
     for (const char* name : {"Root::skipped", "Root::deep", "Root::opened for nothing"})
         names.open(name);
-    table.add(2, 123456789012);
-    table.subtract(0, 1024);
+    {
+        const MEM_GATE_MOUSE user(mem_pb_stats_gate);
+        table.add(2, 123456789012);
+        table.subtract(0, 1024);
+    }
     std::ostringstream stream;
     stream << std::scientific << std::setprecision(9);
     mem_dump_pb_stats_mib(table, stream, "A title", names);

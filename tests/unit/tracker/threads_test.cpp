@@ -43,6 +43,29 @@ TEST(GATE_TEST, ACatIsInsideAloneAndKeepsNewMiceOutBefore) {
     gate.leave(MEM_GATE_ROLE::cat);
 }
 
+// One of the mice has no words of its own.
+TEST(GATE_TEST, CatsSeeNoMouseAndMiceNoCat) {
+    MEM_TRACKER_GATE gate;
+    std::int64_t first = 0, second = 0; // equal but while a cat is inside
+    std::atomic<bool> stop{false};
+    auto mice = run_on_threads(3, [&](std::uint64_t thread) {
+        if (thread == 0)
+            fake_live_without_words();
+        std::int64_t unequal = 0;
+        while (!stop) {
+            const MEM_GATE_MOUSE mouse(gate);
+            unequal += first != second;
+        }
+        EXPECT_EQ(unequal, 0);
+    });
+    for (int round = 0; round < 2000; ++round) {
+        const MEM_GATE_CAT cat(gate);
+        ++first;
+        ++second;
+    }
+    stop = true;
+}
+
 TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
     MEM_TRACKER_GATE gate;
     EXPECT_DEATH(gate.leave(MEM_GATE_ROLE::mouse), "MEM: internal error: mice >= 0 ");
@@ -53,11 +76,17 @@ TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
 
 TEST(PB_STATS_TABLE_TEST, StandsStillForAnExclusiveUser) {
     MEM_PB_STATS_TABLE table;
-    table.add(2, 8);
+    {
+        const MEM_GATE_MOUSE user(mem_pb_stats_gate);
+        table.add(2, 8);
+    }
     std::atomic<bool> stop{false};
     auto threads = run_on_threads(3, [&](std::uint64_t thread) {
-        for (const auto id = static_cast<std::uint32_t>(thread); !stop; table.subtract(id, 8))
-            table.add(id, 8);
+        while (!stop) {
+            const MEM_GATE_MOUSE user(mem_pb_stats_gate);
+            table.add(static_cast<std::uint32_t>(thread), 8);
+            table.subtract(static_cast<std::uint32_t>(thread), 8);
+        }
     });
     for (int copy = 0; copy < 300; ++copy) {
         const MEM_PB_STATS_TABLE::STILL still(table);

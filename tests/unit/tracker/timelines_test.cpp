@@ -1,8 +1,8 @@
 // When the timelines are sampled, what a sample of modules, bins and tags holds, and the labels of its rows.
 
 #include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/mem_tbb_tracker/events/event_totals.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/module_timeline.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 #include "vbx/mem/tracker.h"
@@ -40,7 +40,7 @@ TEST_F(TIMELINES_TEST, TheFirstEventEveryPeriodthAndPeaksAreSamples) {
     release(0xA000, 10); // tick 6, behind its own credit
     EXPECT_EQ(module_rows(), "\tengine\tOTHER\tparser\nOther\t0\t0\t10\nOther\t0\t0\t10\nOther\t7\t0\t10\n"
                              "Other\t0\t0\t5\n");
-    EXPECT_EQ(mem_sample_counter().load(), 7U);
+    EXPECT_EQ(mem_event_totals.ticks(), 7U);
     // What stands still costs nothing.
     EXPECT_EQ(mem_module_timeline->bytes_series.at("parser").runs.size(), 2U);
 }
@@ -64,7 +64,7 @@ TEST_F(TIMELINES_TEST, AHostsSampleCountsWhateverIsOn) {
     mem_user_snapshot_tracking_data();
     mem_tbb_tracking_flush_peak(); // ends with one more
     EXPECT_EQ(module_rows(), "\tOTHER\nidle\t0\nidle\t0\n");
-    EXPECT_EQ(mem_sample_counter().load(), 2U);
+    EXPECT_EQ(mem_event_totals.ticks(), 2U);
     mem_tbb_tracker_teardown();
     mem_user_snapshot_tracking_data();
     mem_set_timeline_label("late");

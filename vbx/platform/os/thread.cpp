@@ -8,14 +8,18 @@
 #include <ctime>
 
 namespace {
-constexpr unsigned YIELDS_BEFORE_SLEEP = 64;
+// Most waits are for a few updates on another processor, which are over before a system call would be.
+constexpr unsigned PAUSES_BEFORE_YIELDS = 6;
+constexpr unsigned WAITS_BEFORE_SLEEP = 64;
 constexpr long SLEEP_NS = 50'000;
 } // namespace
 
 void OS_PATIENCE::wait() {
-    if (m_rounds < YIELDS_BEFORE_SLEEP) {
-        ++m_rounds;
-        sched_yield();
+    if (m_rounds < WAITS_BEFORE_SLEEP) {
+        if (++m_rounds <= PAUSES_BEFORE_YIELDS)
+            __builtin_ia32_pause();
+        else
+            sched_yield();
         return;
     }
     // The C library's sleep is a cancellation point; the bare call is none.

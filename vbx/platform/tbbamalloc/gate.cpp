@@ -8,6 +8,7 @@
 // Starts with the fence: what runs before the registration is then right with either kind of raiser.
 constinit std::atomic<std::uint32_t> tbbk_gate = tbbk_fence_bit;
 constinit std::atomic<std::uint32_t> tbbk_forks_under_way = 0;
+constinit std::atomic<bool> tbbk_threads_need_fences = true;
 
 namespace {
 
@@ -44,8 +45,10 @@ WAIT_END wait_for_open_gate() noexcept {
 } // namespace
 
 void tbbk_gate_register_fences() noexcept {
-    if (syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0)
-        tbbk_gate.fetch_and(~tbbk_fence_bit);
+    if (syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) != 0)
+        return;
+    tbbk_gate.fetch_and(~tbbk_fence_bit);
+    tbbk_threads_need_fences.store(false);
 }
 
 void tbbk_gate_fence_all_threads() noexcept {
@@ -57,7 +60,14 @@ void tbbk_gate_fence_all_threads() noexcept {
     // Forbidden since the registration, by a sandbox perhaps. From now on the entries use fences; the pause
     // lets those that are under way without one become visible.
     tbbk_gate.fetch_or(tbbk_fence_bit);
+    tbbk_threads_need_fences.store(true);
     tbbk_wait_a_moment();
+}
+
+void tbbk_fence_all_threads() noexcept {
+    const int saved_errno = errno;
+    tbbk_gate_fence_all_threads();
+    errno = saved_errno;
 }
 
 void tbbk_enter_slowly(TBBK_SLOT& slot, std::uint32_t outer_depth) noexcept {

@@ -8,6 +8,7 @@
 // Every function may be called from any thread and before any constructor has run.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -26,6 +27,13 @@ using tbbk_new_handler = int (*)(std::size_t size);
 // Called with a block that the program gives back, before the heap has looked at it: a block that was given
 // back before may not even be mapped any more. Inside an allocator call, like the hook.
 using tbbk_free_check = void (*)(const void* block);
+
+// Words of one thread for who owns the hook; the shim keeps them and never looks at them. All 0 at first.
+// When the thread ends they stay as they are, and a later thread takes them over with the place.
+struct TBBK_THREAD_WORDS {
+    std::atomic<std::uint32_t> counts[4];
+    std::atomic<std::int64_t> amounts[2];
+};
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -69,6 +77,22 @@ const void* tbbk_entry_frame() noexcept;
 
 // How many entry points of the shim this thread is inside of (0 outside).
 unsigned tbbk_entry_depth() noexcept;
+
+// The words of the calling thread, which no other living thread has: the same from the beginning of an
+// allocator call to its end, hook call included. Null when there was no memory for them.
+TBBK_THREAD_WORDS* tbbk_thread_words() noexcept;
+
+// All words that a thread has or had, in no order: the first for null, null behind the last. Some 64 at
+// least.
+TBBK_THREAD_WORDS* tbbk_next_thread_words(TBBK_THREAD_WORDS* previous) noexcept;
+
+// A full fence on every running thread of the process, at whatever instruction it stands. Costs a system
+// call, and this one needs no fence on their side: so who does something often can do it without one, if the
+// other side does its part seldom.
+void tbbk_fence_all_threads() noexcept;
+
+// True where the system has no such fence, or forbids it from some moment on: both sides need one then.
+extern std::atomic<bool> tbbk_threads_need_fences;
 
 // Usable size in bytes of a block from this allocator or of a foreign one; 0 for null.
 std::size_t _msize(void* block) noexcept;

@@ -6,6 +6,7 @@
 
 #include <errno.h>
 #include <signal.h>
+#include <stddef.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -97,6 +98,19 @@ TBBK_SLOT* claim(std::uint32_t tid) noexcept {
     }
 }
 
+// The slots in turn, free ones too.
+TBBK_SLOT* next_place(TBBK_SLOT* slot) noexcept {
+    CHUNK* chunk = &first_chunk;
+    if (slot == nullptr)
+        return chunk->slots;
+    while (slot < chunk->slots || slot >= chunk->slots + chunk->count)
+        chunk = chunk->next.load(std::memory_order_acquire);
+    if (++slot != chunk->slots + chunk->count)
+        return slot;
+    CHUNK* const next = chunk->next.load(std::memory_order_acquire);
+    return next != nullptr ? next->slots : nullptr;
+}
+
 } // namespace
 
 __thread TBBK_SLOT* tbbk_own_slot = nullptr;
@@ -107,14 +121,13 @@ TBBK_SLOT& tbbk_slot_acquire() noexcept {
     // could register fork handlers or create thread-specific keys.
     tbbk_start();
     TBBK_SLOT* slot = claim(current_tid());
-    if (slot == nullptr) {
-        errno = saved_errno;
-        return shared_slot;
-    }
     // A signal handler may have taken a slot for this thread meanwhile; that one is in use already.
     if (tbbk_own_slot != nullptr && tbbk_own_slot != slot) {
-        tbbk_slot_release(*slot);
+        if (slot != nullptr)
+            tbbk_slot_release(*slot);
         slot = tbbk_own_slot;
+    } else if (slot == nullptr) {
+        slot = tbbk_own_slot = &shared_slot;
     } else {
         slot->depth.store(0, std::memory_order_relaxed);
         slot->parked.store(0, std::memory_order_relaxed);
@@ -149,21 +162,21 @@ bool tbbk_slot_collect_if_dead(TBBK_SLOT& slot) noexcept {
 }
 
 TBBK_SLOT* tbbk_slot_next(TBBK_SLOT* slot) noexcept {
-    bool is_passed = slot == nullptr;
-    for (CHUNK* chunk = &first_chunk; chunk != nullptr; chunk = chunk->next.load(std::memory_order_acquire)) {
-        std::size_t i = 0;
-        if (!is_passed) {
-            if (slot < chunk->slots || slot >= chunk->slots + chunk->count)
-                continue;
-            is_passed = true;
-            i = static_cast<std::size_t>(slot - chunk->slots) + 1;
-        }
-        for (; i != chunk->count; ++i) {
-            if (chunk->slots[i].tid.load(std::memory_order_acquire) != 0)
-                return &chunk->slots[i];
-        }
-    }
-    return nullptr;
+    do {
+        slot = next_place(slot);
+    } while (slot != nullptr && slot->tid.load(std::memory_order_acquire) == 0);
+    return slot;
+}
+
+TBBK_THREAD_WORDS* tbbk_thread_words() noexcept {
+    TBBK_SLOT& slot = tbbk_slot_own();
+    return &slot != &shared_slot ? &slot.words : nullptr;
+}
+
+TBBK_THREAD_WORDS* tbbk_next_thread_words(TBBK_THREAD_WORDS* previous) noexcept {
+    char* const place = reinterpret_cast<char*>(previous) - offsetof(TBBK_SLOT, words);
+    TBBK_SLOT* const slot = next_place(previous != nullptr ? reinterpret_cast<TBBK_SLOT*>(place) : nullptr);
+    return slot != nullptr ? &slot->words : nullptr;
 }
 
 bool tbbk_slots_keep_only(TBBK_SLOT& own) noexcept {

@@ -9,6 +9,8 @@
 // writes `depth` and `raises` as long as it lives; a forked child is without the owners of the other slots.
 #pragma once
 
+#include "vbx/platform/tbbamalloc/tbbamalloc.h"
+
 #include <atomic>
 #include <cstdint>
 
@@ -18,14 +20,16 @@ struct alignas(64) TBBK_SLOT {
     std::atomic<std::uint32_t> parked;       // non-zero while the thread waits for its turn to raise the gate
     std::atomic<std::uint32_t> slow_entries; // entries that found the gate word non-zero
     std::atomic<std::uint32_t> raises;       // gates that this thread keeps up
+    TBBK_THREAD_WORDS words;
 };
+static_assert(sizeof(TBBK_SLOT) == 64, "one cache line");
 
 // The calling thread's slot, null before its first entry and after its last key destructor.
 extern __thread TBBK_SLOT* tbbk_own_slot __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
-// Finds a slot for the calling thread and arms the thread's end, which gives it back. Never null: without
-// memory for slots it gives a shared slot which no one waits for, that thread then goes unprotected.
-// Makes no allocation through malloc, keeps errno, may be interrupted by a signal handler that allocates.
+// Finds a slot for the calling thread and arms the thread's end, which gives it back. Without memory for
+// slots it gives a shared one which no one waits for: that thread goes unprotected from then on. Makes no
+// allocation through malloc, keeps errno, may be interrupted by a signal handler that allocates.
 TBBK_SLOT& tbbk_slot_acquire() noexcept;
 
 // The calling thread's slot, acquired if need be.

@@ -1,7 +1,6 @@
 #include "vbx/mem/mem_tbb_tracker/events/attributed_events.h"
 
 #include "vbx/mem/mem_tbb_tracker/attribution/attribute_stack.h"
-#include "vbx/mem/mem_tbb_tracker/events/samples.h"
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 
@@ -24,15 +23,13 @@ OUTCOME charge_by_stack(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack)
 }
 
 OUTCOME charge_inside_gate(const MEM_EVENT& event, const MEM_CAPTURED_STACK& stack) noexcept {
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate, event.words);
     try {
         if (const OUTCOME outcome = charge_by_stack(event, stack); outcome != OUTCOME::charged)
             return outcome;
     } catch (...) {
         mem_charge_catch_all(event);
     }
-    if (event.is_sample)
-        mem_sample_modules_in_event(event);
     return OUTCOME::charged;
 }
 
@@ -77,11 +74,6 @@ void mem_credit_module(MEM_EVENT event, MEM_SITE& site) {
     mem_credit(known_record != nullptr ? *known_record
                                        : mem_tbb_module_map->find_or_create(mem_module_name_of(site)),
                event.size);
-}
-
-void mem_sample_modules_in_event(MEM_EVENT event) noexcept {
-    if ((event.mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
-        mem_sample_modules();
 }
 
 void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept {

@@ -11,6 +11,7 @@
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
+#include "vbx/mem/mem_tbb_tracker/events/samples.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/platform/os/thread.h"
@@ -20,10 +21,11 @@
 // Handed on by value: one whose address is taken lies in memory.
 struct MEM_EVENT {
     std::uint32_t mask; // the event's copy
-    bool is_sample;     // whether it samples the timelines
+    bool is_sample;     // whether a free samples the timelines; an allocation learns that behind all else
     void* block;
     std::uint64_t requested_size; // bytes asked for, not 0; unused in a free
     std::uint64_t size;           // bytes of the slot
+    TBBK_THREAD_WORDS* words;     // of the thread
 };
 
 // From this size on the allocator's blocks don't belong to a thread, and who frees them doesn't matter.
@@ -40,8 +42,6 @@ MEM_SITE& mem_catch_all_site();
 // Both throw std::bad_alloc, with nothing charged or credited.
 void mem_charge_module(MEM_EVENT event, MEM_SITE& site);
 void mem_credit_module(MEM_EVENT event, MEM_SITE& site);
-// Behind the module record's update, so that the sample shows this event.
-void mem_sample_modules_in_event(MEM_EVENT event) noexcept;
 // Takes a charge back that could not be completed.
 void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
 
@@ -78,7 +78,7 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
 // False, with nothing done, when a reset has come in between.
 [[gnu::always_inline]] inline bool mem_charge_known_site(const MEM_EVENT& event,
                                                          const MEM_KNOWN_SITE& known) noexcept {
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate, event.words);
     if (!mem_is_still_known(known)) [[unlikely]]
         return false;
     try {
@@ -87,8 +87,6 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
     } catch (...) {
         mem_charge_catch_all(event);
     }
-    if (event.is_sample) [[unlikely]]
-        mem_sample_modules_in_event(event);
     return true;
 }
 
@@ -101,7 +99,7 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
 }
 
 [[gnu::always_inline]] inline void mem_credit_freed_block(const MEM_EVENT& event) noexcept {
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
+    const MEM_GATE_MOUSE mouse(*mem_tbb_gate, event.words);
     MEM_BLOCK_RECORD record;
     // The entry is unlocked again before the lock of its site is taken.
     const bool is_known = mem_tbb_address_map->take(event.block, record);
@@ -119,6 +117,7 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
     } catch (...) {
         // A record that a reset has removed can't be made again; there is nothing to credit.
     }
-    if (event.is_sample) [[unlikely]]
-        mem_sample_modules_in_event(event);
+    // Behind the module record's update, so that the sample shows this event.
+    if (event.is_sample && (event.mask & MEM_GRANULARITY_PER_LIBRARY) != 0) [[unlikely]]
+        mem_sample_modules();
 }

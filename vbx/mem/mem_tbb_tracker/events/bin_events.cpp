@@ -19,21 +19,23 @@ MEM_BLOCK_BIN_RECORD current_bin_and_tag() {
 
 } // namespace
 
-void mem_charge_bin_and_tag(void* block, std::uint64_t size) noexcept {
+void mem_charge_bin_and_tag(TBBK_THREAD_WORDS* words, void* block, std::uint64_t size) noexcept {
     MEM_BLOCK_BIN_RECORD charged = current_bin_and_tag();
     try {
         mem_tbb_block_shards->insert(block, charged);
     } catch (const std::bad_alloc&) {
         charged = ROOT;
     }
+    const MEM_GATE_MOUSE user(mem_pb_stats_gate, words);
     // Neither can fail: the tables have had room for an id since before it could be current.
     pbin_stats->add(charged.bin_id, size);
     ptag_stats->add(charged.tag_id, size);
 }
 
-void mem_credit_bin_and_tag(void* block, std::uint64_t size) noexcept {
+void mem_credit_bin_and_tag(TBBK_THREAD_WORDS* words, void* block, std::uint64_t size) noexcept {
     MEM_BLOCK_BIN_RECORD charged = ROOT;
     mem_tbb_block_shards->take(block, charged);
+    const MEM_GATE_MOUSE user(mem_pb_stats_gate, words);
     pbin_stats->subtract(charged.bin_id, size);
     ptag_stats->subtract(charged.tag_id, size);
 }

@@ -9,7 +9,6 @@
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/module_map.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/bin_tag_timeline.h"
@@ -35,7 +34,7 @@ void forget_sites_and_modules() MEM_REQUIRES(*mem_tbb_gate) {
 void begin_search_for_peak_anew() {
     mem_threshold_peak_bytes.store(0, std::memory_order_relaxed);
     mem_next_peak_bytes.store(MEM_FIRST_PEAK_BYTES, std::memory_order_relaxed);
-    mem_tracked_total_bytes().store(0);
+    mem_event_totals.set_total(0);
 }
 
 } // namespace

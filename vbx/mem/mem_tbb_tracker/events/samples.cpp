@@ -3,7 +3,7 @@
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
+#include "vbx/mem/mem_tbb_tracker/events/event_totals.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/mem_tbb_tracker/timelines/auxiliary_timeline.h"
@@ -64,7 +64,7 @@ void mem_user_snapshot_tracking_data() {
     sample_label();
     mem_auxiliary_timeline->take_sample();
     // The tick goes on from where it stood; this is one more.
-    mem_sample_counter().fetch_add(1, std::memory_order_relaxed);
+    mem_event_totals.add_tick();
 }
 
 void mem_set_timeline_label(const std::string& label) try {

@@ -7,6 +7,7 @@
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/records/peak_snapshot.h"
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
+#include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
 #include "vbx/mem/out_of_memory/host_call.h"
@@ -60,13 +61,21 @@ bool flushed_stretch_stands(std::int64_t flushed) {
 
 } // namespace
 
-void mem_record_threshold_peak(std::int64_t total, std::int64_t step) noexcept {
+bool mem_record_threshold_peak() noexcept {
+    const std::int64_t total = mem_event_totals.total();
+    if (!mem_is_new_peak(total)) {
+        mem_event_totals.stop_lending_near(total);
+        return false;
+    }
+    const std::int64_t step = mem_fileline_peak_threshold.load(relaxed);
+    mem_event_totals.lend_up_to_next_peak();
     mem_threshold_peak_bytes.store(total, relaxed);
     mem_next_peak_bytes.store(2 * total, relaxed);
     mem_msg_debug("Memory tracking: recording peak bytes at %lld bytes, next peak at >= %lld bytes",
                   static_cast<long long>(total),
                   static_cast<long long>(std::min(next_step(total, step), 2 * total)));
     copy_current_figures_of_all_sites();
+    return true;
 }
 
 void mem_tbb_tracking_flush_peak() try {

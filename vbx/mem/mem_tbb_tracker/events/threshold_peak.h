@@ -14,7 +14,7 @@
 // The words of the search have no lock: two frees can record one step, and the second just walks again.
 #pragma once
 
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
+#include "vbx/mem/mem_tbb_tracker/events/event_totals.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
 
 #include <atomic>
@@ -29,8 +29,9 @@ inline constinit std::atomic<std::int64_t> mem_next_peak_bytes{MEM_FIRST_PEAK_BY
 // The highest peak kept by a flush.
 inline constinit std::atomic<std::int64_t> mem_flushed_peak_bytes{0};
 
-// Enters the gate as a cat and copies the current figures of every site into its peak figures.
-void mem_record_threshold_peak(std::int64_t total, std::int64_t step) noexcept;
+// For a total that may be a new peak: when it is one, enters the gate as a cat, copies the current figures of
+// every site into its peak figures and gives true.
+bool mem_record_threshold_peak() noexcept;
 
 // Whether the total stands on a higher step of the grid than the peak. Asked at every free: two divisions
 // would be its longest part, and the usual step is a power of two.
@@ -42,17 +43,19 @@ inline bool mem_is_on_higher_step(std::int64_t total, std::int64_t peak, std::in
     return total / step > peak / step;
 }
 
-// Called by a free, outside the gate and before its block leaves the total. When the total has doubled since
-// the last peak or has entered a higher step of the grid, records it and gives true. Otherwise a few loads.
-inline bool mem_tbb_check_threshold_peak() noexcept {
+// Whether the total has doubled since the last peak or has entered a higher step of the grid. Then any larger
+// one has, too.
+inline bool mem_is_new_peak(std::int64_t total) {
     constexpr auto relaxed = std::memory_order_relaxed;
-    const std::int64_t total = mem_tracked_total_bytes().load();
-    const std::int64_t step = mem_fileline_peak_threshold.load(relaxed);
-    if (total < mem_next_peak_bytes.load(relaxed) &&
-        !mem_is_on_higher_step(total, mem_threshold_peak_bytes.load(relaxed), step)) [[likely]]
-        return false;
-    mem_record_threshold_peak(total, step);
-    return true;
+    return total >= mem_next_peak_bytes.load(relaxed) ||
+           mem_is_on_higher_step(total, mem_threshold_peak_bytes.load(relaxed),
+                                 mem_fileline_peak_threshold.load(relaxed));
+}
+
+// Called by a free, outside the gate and before its block leaves the total. Records a new peak and gives true
+// when there is one; otherwise a few loads.
+inline bool mem_tbb_check_threshold_peak() noexcept {
+    return mem_is_new_peak(mem_event_totals.highest_possible_total()) && mem_record_threshold_peak();
 }
 
 // Puts the figures in place that the reports are to show. Called by the shutdown, inside the gate as a cat.

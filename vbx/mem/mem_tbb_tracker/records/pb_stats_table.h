@@ -1,19 +1,22 @@
 // The byte figures of every profile bin or tag, indexed by id.
 //
-// Events charge the table in its shared mode, many at once; a peak copy needs it still and takes its
-// exclusive mode. The same shape as the gate's mice and cats, for one table.
+// Events charge the tables in shared mode, many at once; a peak copy needs one still and takes the exclusive
+// mode. That is a gate with mice and cats, one for both tables: an event charges both in one visit.
 #pragma once
 
+#include "vbx/mem/base/cache_line.h"
 #include "vbx/mem/base/shared_counter.h"
 #include "vbx/mem/base/spin_lock.h"
 #include "vbx/mem/base/stable_array.h"
+#include "vbx/mem/base/tracker_gate.h"
 
 #include <vbx/mem/stats.h>
 
 #include <atomic>
 #include <cstdint>
 
-struct MEM_PB_STATS {
+// What a charge moves lies on one cache line, which is no other entry's.
+struct alignas(MEM_CACHE_LINE) MEM_PB_STATS {
     KTL_RELAXED_ATOMIC<long long> current_bytes;    // charged and still live
     KTL_RELAXED_ATOMIC<long long> max_bytes;        // highest current_bytes at a charge
     KTL_RELAXED_ATOMIC<long long> cumulative_bytes; // ever charged
@@ -29,7 +32,9 @@ struct MEM_PB_FIGURES {
     std::int64_t current_bytes = 0;
 };
 
-class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
+inline constinit MEM_TRACKER_GATE mem_pb_stats_gate{MEM_VISITED::bin_and_tag_tables, MEM_LOCK_RANK::leaf};
+
+class MEM_PB_STATS_TABLE {
   public:
     // Has room for id 0 from the start. Throws std::bad_alloc.
     MEM_PB_STATS_TABLE();
@@ -41,11 +46,12 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     void make_room_for(std::uint32_t id);
     // Charges an id; the table grows to hold it. Throws std::bad_alloc, with nothing charged, when there is
     // no room yet and can't be made.
-    void add(std::uint32_t id, std::uint64_t size);
+    void add(std::uint32_t id, std::uint64_t size) MEM_REQUIRES_SHARED(mem_pb_stats_gate);
     // Credits an id. One that the table doesn't hold was taken out by a reset while blocks of it were live;
     // there is nothing left to subtract from then, and nothing happens.
-    void subtract(std::uint32_t id, std::uint64_t size);
+    void subtract(std::uint32_t id, std::uint64_t size) MEM_REQUIRES_SHARED(mem_pb_stats_gate);
 
+    // In exclusive mode, as is the clearing.
     void snapshot_peak(); // peak = current
     void save_peak();     // saved peak = peak
     void restore_peak();  // peak = saved peak
@@ -60,71 +66,31 @@ class MEM_CAPABILITY("bin or tag table") MEM_PB_STATS_TABLE {
     // emptying the table.
     MEM_PB_FIGURES figures(std::uint32_t id) const;
 
-    // In a forked child: nobody is inside, whoever was.
-    void reset_modes();
+    // In a forked child: nobody holds it, whoever did.
+    void reset_lock() { grow_lock.reset(); }
 
     // The table held still for as long as it lives: charges wait, none is half done.
     class STILL;
 
   private:
-    // Added to the users for a holder of the exclusive mode.
-    static constexpr std::uint64_t ONE_HOLDER = std::uint64_t{1} << 32;
-
-    bool try_enter_shared() {
-        if (waiters.load(std::memory_order_relaxed) != 0)
-            return false;
-        if (os_add(users, std::uint64_t{1}, std::memory_order_acquire) < ONE_HOLDER)
-            return true;
-        count_out();
-        return false;
-    }
-    void count_out() { os_add(users, ~std::uint64_t{0}, std::memory_order_release); } // one less
-    void wait_for_shared();
-    void enter_shared() MEM_ACQUIRE_SHARED(this) MEM_NO_THREAD_SAFETY_ANALYSIS {
-        if (!try_enter_shared()) [[unlikely]]
-            wait_for_shared();
-    }
-    void leave_shared() MEM_RELEASE_GENERIC(this) MEM_NO_THREAD_SAFETY_ANALYSIS { count_out(); }
-    void enter_exclusive() MEM_ACQUIRE(this);
-    void leave_exclusive() MEM_RELEASE(this);
-    class SHARED_SCOPE;
-
     // Of an id that the table holds.
-    MEM_PB_STATS& at(std::uint32_t id) const MEM_REQUIRES_SHARED(this) { return m_entries[id]; }
+    MEM_PB_STATS& at(std::uint32_t id) const { return m_entries[id]; }
     // Null when it doesn't.
-    MEM_PB_STATS* find(std::uint32_t id) const MEM_REQUIRES_SHARED(this) {
+    MEM_PB_STATS* find(std::uint32_t id) const {
         return id < m_size.load(std::memory_order_acquire) ? &at(id) : nullptr;
     }
-    void grow_to_hold(std::uint32_t id) MEM_REQUIRES_SHARED(this);
+    void grow_to_hold(std::uint32_t id);
     template <class CHANGE>
-    void for_each(CHANGE change) MEM_REQUIRES(this);
+    void for_each(CHANGE change);
 
     // Entries never move, so that shared users can index while another one grows the table.
     MEM_STABLE_ARRAY<MEM_PB_STATS> m_entries;
     // Highest id ever charged plus one.
     std::atomic<std::size_t> m_size{0};
-    // Low half: users in shared mode; high half: holders of the exclusive mode.
-    std::atomic<std::uint64_t> users{0};
-    // Threads that wait for the exclusive mode; nobody new gets in meanwhile.
-    std::atomic<std::uint32_t> waiters{0};
     MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
 };
 
-class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
-  public:
-    explicit SHARED_SCOPE(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE_SHARED(table) : m_table(table) {
-        m_table.enter_shared();
-    }
-    ~SHARED_SCOPE() MEM_RELEASE_GENERIC() { m_table.leave_shared(); }
-    SHARED_SCOPE(const SHARED_SCOPE&) = delete;
-    SHARED_SCOPE& operator=(const SHARED_SCOPE&) = delete;
-
-  private:
-    MEM_PB_STATS_TABLE& m_table;
-};
-
 [[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::add(std::uint32_t id, std::uint64_t size) {
-    const SHARED_SCOPE shared(*this);
     MEM_PB_STATS* stats = find(id);
     if (stats == nullptr) [[unlikely]] {
         grow_to_hold(id);
@@ -136,24 +102,23 @@ class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::SHARED_SCOPE {
 }
 
 [[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
-    const SHARED_SCOPE shared(*this);
     if (MEM_PB_STATS* const stats = find(id))
         mem_add(stats->current_bytes, -static_cast<long long>(size));
 }
 
 class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::STILL {
   public:
-    explicit STILL(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE(table) : m_table(table) {
-        m_table.enter_exclusive();
+    explicit STILL(MEM_PB_STATS_TABLE& table) MEM_ACQUIRE(mem_pb_stats_gate) : m_table(table) {
+        mem_pb_stats_gate.enter(MEM_GATE_ROLE::cat);
     }
-    ~STILL() MEM_RELEASE() { m_table.leave_exclusive(); }
+    ~STILL() MEM_RELEASE() { mem_pb_stats_gate.leave(MEM_GATE_ROLE::cat); }
     STILL(const STILL&) = delete;
     STILL& operator=(const STILL&) = delete;
 
     // Highest id charged plus one.
     std::size_t size() const { return m_table.m_size.load(std::memory_order_relaxed); }
     // Of an id below that.
-    std::int64_t current_bytes(std::uint32_t id) const;
+    std::int64_t current_bytes(std::uint32_t id) const { return m_table.at(id).current_bytes.load(); }
 
   private:
     MEM_PB_STATS_TABLE& m_table;

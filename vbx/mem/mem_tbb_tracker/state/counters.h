@@ -5,6 +5,7 @@
 #pragma once
 
 #include "vbx/mem/base/cache_line.h"
+#include "vbx/mem/base/shared_counter.h"
 
 #include <vbx/mem/stats.h>
 
@@ -32,29 +33,30 @@ union alignas(MEM_CACHE_LINE) MEM_IMMORTAL {
     ~MEM_IMMORTAL() {}
 };
 
-// On one cache line: a free moves the first two right one after the other, and has to get the line from the
-// other threads once.
-struct MEM_EVENT_TOTALS {
-    // One tick for each event that passes the guard.
-    std::atomic<std::uint64_t> sample_counter{0};
-    // Bytes allocated less bytes freed while the mask had one of MEM_FEATURES.
-    KTL_RELAXED_ATOMIC<long long> tracked_total_bytes;
-    // Index of the timeline line.
-    KTL_RELAXED_ATOMIC<unsigned long long> timeline_index;
-};
-
 extern constinit MEM_IMMORTAL<MEM_STATS> mem_immortal_global_stats;
-extern constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_immortal_event_totals;
+// Index of the timeline line.
+extern constinit MEM_IMMORTAL<KTL_RELAXED_ATOMIC<unsigned long long>> mem_immortal_timeline_index;
 
 inline MEM_STATS& mem_global_stats() {
     return mem_immortal_global_stats.object;
 }
-inline std::atomic<std::uint64_t>& mem_sample_counter() {
-    return mem_immortal_event_totals.object.sample_counter;
-}
-inline KTL_RELAXED_ATOMIC<long long>& mem_tracked_total_bytes() {
-    return mem_immortal_event_totals.object.tracked_total_bytes;
-}
 inline KTL_RELAXED_ATOMIC<unsigned long long>& mem_timeline_index() {
-    return mem_immortal_event_totals.object.timeline_index;
+    return mem_immortal_timeline_index.object;
+}
+
+// The peaks are raised to what this block's own addition gave. A second read of `current` could already miss
+// the block, if another thread has freed something in between, and the peak would be short of a level that
+// was really reached.
+[[gnu::always_inline]] inline void MEM_STATS::add_block(std::uint64_t size) {
+    const long long bytes = mem_add(current.bytes, static_cast<long long>(size));
+    const long long blocks = mem_add(current.blocks, 1);
+    peak.bytes.raise_to(bytes);
+    peak.blocks.raise_to(blocks);
+    local_peak.bytes.raise_to(bytes);
+    local_peak.blocks.raise_to(blocks);
+}
+
+[[gnu::always_inline]] inline void MEM_STATS::remove_block(std::uint64_t size) {
+    mem_add(current.bytes, -static_cast<long long>(size));
+    mem_add(current.blocks, -1);
 }

@@ -1,27 +1,9 @@
-#include "vbx/mem/base/shared_counter.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 
 #include <vbx/mem/peaks.h>
 
 constinit MEM_IMMORTAL<MEM_STATS> mem_immortal_global_stats;
-constinit MEM_IMMORTAL<MEM_EVENT_TOTALS> mem_immortal_event_totals;
-
-// The peaks are raised to what this block's own addition gave. A second read of `current` could already miss
-// the block, if another thread has freed something in between, and the peak would be short of a level that
-// was really reached.
-void MEM_STATS::add_block(std::uint64_t size) {
-    const long long bytes = mem_add(current.bytes, static_cast<long long>(size));
-    const long long blocks = mem_add(current.blocks, 1);
-    peak.bytes.raise_to(bytes);
-    peak.blocks.raise_to(blocks);
-    local_peak.bytes.raise_to(bytes);
-    local_peak.blocks.raise_to(blocks);
-}
-
-void MEM_STATS::remove_block(std::uint64_t size) {
-    mem_add(current.bytes, -static_cast<long long>(size));
-    mem_add(current.blocks, -1);
-}
+constinit MEM_IMMORTAL<KTL_RELAXED_ATOMIC<unsigned long long>> mem_immortal_timeline_index;
 
 MEM_STATS mem_get_stats() {
     return mem_global_stats();
