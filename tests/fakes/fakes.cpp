@@ -109,6 +109,7 @@ void fake_live_without_words() {
     has_words = false;
 }
 
+constinit std::atomic<int> fake_fences{0};
 std::atomic<bool> tbbk_threads_need_fences{!register_fences()};
 
 TBBK_THREAD_WORDS* tbbk_thread_words() noexcept {
@@ -125,6 +126,7 @@ TBBK_THREAD_WORDS* tbbk_next_thread_words(TBBK_THREAD_WORDS* previous) noexcept 
     return next != nullptr ? &next->words : nullptr;
 }
 void tbbk_fence_all_threads() noexcept {
+    ++fake_fences;
     if (!tbbk_threads_need_fences)
         syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
 }

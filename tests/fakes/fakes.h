@@ -2,6 +2,7 @@
 // tests set. Link vbx_fakes in place of the platform's archives.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -16,6 +17,8 @@ void fake_free(std::uint64_t block, std::uint64_t size);
 bool fake_hook_is_installed();
 // From now on there was no memory for the words of the calling thread.
 void fake_live_without_words();
+// How often all threads were fenced.
+extern std::atomic<int> fake_fences;
 
 struct FAKE_CAPTURE {
     std::int32_t max_frames;

@@ -3,8 +3,11 @@
 
 #include "tests/unit/tracker/tracker_fixture.h"
 #include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
+
+#include <vbx/mem/peaks.h>
 
 #include <malloc.h>
 
@@ -162,6 +165,27 @@ TEST_F(MEMORY_FAILURE_TEST, AnOpenThatFailsLeavesNothingOpen) {
     }
     EXPECT_GT(failures, 5);
     EXPECT_LT(failures, 30);
+}
+
+TEST_F(MEMORY_FAILURE_TEST, AFlushFailsWithNothingKeptAndNothingLocked) {
+    start(MEM_GRANULARITY_PER_FILELINE);
+    allocate(0xA000, 4000, {PARSE});
+    release(0xF000, 0);
+    int failures = 0;
+    for (bool is_kept = false; !is_kept;) {
+        failing = ALLOCATIONS::all;
+        allocations_left = failures;
+        try {
+            mem_tbb_tracking_flush_peak();
+            is_kept = true;
+        } catch (const std::bad_alloc&) {
+            ++failures;
+        }
+        allocations_left = -1;
+        EXPECT_EQ(mem_flushed_peak_bytes, is_kept ? 4000 : 0);
+        EXPECT_EQ(catch_all().current_blocks, -1);
+    }
+    EXPECT_GE(failures, 2);
 }
 
 // A sample is taken in all series or in none, so the rows stay in line.

@@ -1,6 +1,7 @@
 // Opening and closing of profile bins: what is current, what a region measures, and the peaks.
 
 #include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/mem_tbb_tracker/events/gate.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
@@ -85,9 +86,10 @@ TEST_F(PROFILE_BINS_TEST, InAForkedChildEveryCallReturns) {
     start(MEM_GRANULARITY_ALL);
     mem_open_profile_bin("a", "tag");
     allocate(0xA000, 100, {PARSE});
-    // A thread that the child doesn't have holds the tables still.
-    mem_pb_stats_gate.enter(MEM_GATE_ROLE::cat);
-    mem_rank_release(MEM_LOCK_RANK::leaf);
+    // Of the threads that the child doesn't have one holds the tables still, and others are inside the gates.
+    for (MEM_TRACKER_GATE* const gate : {mem_tbb_gate, &mem_event_totals.gate})
+        run_on_threads(1, [gate](std::uint64_t) { gate->enter(MEM_GATE_ROLE::mouse); });
+    run_on_threads(1, [](std::uint64_t) { mem_pb_stats_gate.enter(MEM_GATE_ROLE::cat); });
     mem_abandon_tracker_after_fork();
     mem_open_profile_bin("b", "tag");
     close_bin("tag");

@@ -53,6 +53,16 @@ TEST_F(TIMELINES_TEST, EveryEighthTickIsASample) {
     EXPECT_EQ(module_rows(), "\tOTHER\tparser\nOther\t0\t1\nOther\t0\t9\nOther\t0\t17\n");
 }
 
+TEST_F(TIMELINES_TEST, EventsThatAreOnlyCountedAreTicks) {
+    start(MEM_GRANULARITY_CHECK_LEAKS_FAST, "8");
+    for (std::uint64_t tick = 0; tick < 7; ++tick)
+        allocate(0xA000 + 16 * tick, 1, {PARSE});
+    release(0xA000, 1);
+    mem_enable_tracking(MEM_GRANULARITY_PER_LIBRARY);
+    allocate(0xB000, 1, {PARSE});
+    EXPECT_EQ(module_rows(), "\tOTHER\tparser\nOther\t0\t1\n");
+}
+
 TEST_F(TIMELINES_TEST, AHostsSampleCountsWhateverIsOn) {
     EXPECT_DEATH(mem_user_snapshot_tracking_data(), "mem_tbb_tracker_is_inited\\(\\)");
     std::ostringstream plain, detailed;

@@ -8,8 +8,8 @@
 // | gate        | the gate, as a mouse or as a cat                                                          |
 // | blocks      | a slab of a live-block map                                                                |
 // | timeline    | a timeline's own section, around one of the leaves                                        |
-// | leaf        | site table, a site, module lock, symbol lock, label lock, a table's exclusive mode: never |
-// |             | together, but for all sites with their table                                              |
+// | leaf        | site table, a site, module lock, symbol lock, label lock, the gates of the bin and tag    |
+// |             | tables and of ticks and total: never together, but for all sites with their table         |
 // | innermost   | the growing of a bin or tag table, whose allocation's event is turned away at once        |
 // | free marks  | an entry of the double-free check, in any event; only the heap is called, and all but the |
 // |             | callbacks without locks turn its events away                                              |

@@ -1,5 +1,5 @@
 // The lock of nearly everything in the tracker: held for a few field updates, without owner, recursion or
-// time limit. A thread that finds it taken yields the processor.
+// time limit. A thread that finds it taken yields the processor before long.
 #pragma once
 
 #include "vbx/mem/base/annotations.h"

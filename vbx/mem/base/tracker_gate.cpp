@@ -7,7 +7,8 @@ void MEM_TRACKER_GATE::give_way_to_cats(TBBK_THREAD_WORDS* words) {
     OS_PATIENCE patience;
     do {
         m_mice.count_out(words);
-        // All waits yield: with more threads than processors the one that is waited for has to get one.
+        // All waits yield before long: with more threads than processors the one that is waited for has to
+        // get one.
         while (has_cats())
             patience.wait();
         m_mice.count_in(words);
@@ -68,7 +69,7 @@ bool MEM_TRACKER_GATE::enter_as_cat_within(unsigned timeout_ms) MEM_NO_THREAD_SA
 }
 
 void MEM_TRACKER_GATE::reset() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    m_mice.forget_all();
+    m_mice.forget_others();
     catsApproaching.store(0, std::memory_order_relaxed);
     cats.store(0, std::memory_order_relaxed);
     m_cats_in_front.store(0, std::memory_order_relaxed);

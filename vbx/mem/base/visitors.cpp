@@ -15,15 +15,16 @@ void MEM_VISITORS::fence() {
 bool MEM_VISITORS::any() const {
     if (m_others.load() != 0)
         return true;
-    bool is_one_inside = false;
-    mem_for_each_thread_words([&](TBBK_THREAD_WORDS& words) {
-        is_one_inside = is_one_inside || word_of(words).load(std::memory_order_acquire) != 0;
-    });
-    return is_one_inside;
+    TBBK_THREAD_WORDS* words = tbbk_next_thread_words(nullptr);
+    while (words != nullptr && word_of(*words).load(std::memory_order_acquire) == 0)
+        words = tbbk_next_thread_words(words);
+    return words != nullptr;
 }
 
-void MEM_VISITORS::forget_all() {
+void MEM_VISITORS::forget_others() {
     m_others.store(0, std::memory_order_relaxed);
-    mem_for_each_thread_words(
-        [this](TBBK_THREAD_WORDS& words) { word_of(words).store(0, std::memory_order_relaxed); });
+    mem_for_each_thread_words([this, own = tbbk_thread_words()](TBBK_THREAD_WORDS& words) {
+        if (&words != own)
+            word_of(words).store(0, std::memory_order_relaxed);
+    });
 }

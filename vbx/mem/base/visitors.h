@@ -15,7 +15,7 @@
 #include <atomic>
 #include <cstdint>
 
-// Which of a thread's words counts the visits.
+// Which of a thread's words counts the visits. (Its amounts belong to MEM_EVENT_TOTALS.)
 enum class MEM_VISITED : unsigned { gate = 0, bin_and_tag_tables = 1, event_totals = 2 };
 
 class MEM_VISITORS {
@@ -50,8 +50,9 @@ class MEM_VISITORS {
     void fence();
     // Whether anybody is inside.
     bool any() const;
-    // In a forked child: nobody is inside, whoever was.
-    void forget_all();
+    // In a forked child: no other thread is inside, whoever was. The calling one may be, if a signal handler
+    // forks, and will count itself out.
+    void forget_others();
 
   private:
     std::atomic<std::uint32_t>& word_of(TBBK_THREAD_WORDS& words) const {

@@ -18,11 +18,10 @@ inline bool os_has_one_thread() {
 }
 
 // Adds and gives the sum.
-// order  of the addition where there are more threads
 template <class T>
-T os_add(std::atomic<T>& word, T delta, std::memory_order order = std::memory_order_relaxed) {
+T os_add(std::atomic<T>& word, T delta) {
     if (!os_has_one_thread())
-        return static_cast<T>(word.fetch_add(delta, order) + delta);
+        return static_cast<T>(word.fetch_add(delta, std::memory_order_relaxed) + delta);
     const T sum = static_cast<T>(word.load(std::memory_order_relaxed) + delta);
     word.store(sum, std::memory_order_relaxed);
     return sum;

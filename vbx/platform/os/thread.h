@@ -3,8 +3,9 @@
 
 #include <cstdint>
 
-// One wait for another thread. It yields the processor and, after some rounds, sleeps for moments: yielding
-// alone never gives the processor to a thread of lower priority. No cancellation point.
+// One wait for another thread. It pauses a few times, then yields the processor and, after some rounds,
+// sleeps for moments: yielding alone never gives the processor to a thread of lower priority. No cancellation
+// point.
 class OS_PATIENCE {
   public:
     void wait();

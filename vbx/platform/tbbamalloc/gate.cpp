@@ -27,6 +27,9 @@ void full_fence() noexcept {
     word.fetch_add(1, std::memory_order_seq_cst);
 }
 
+// False for a moment behind a fence bit that was set late.
+constinit std::atomic<bool> is_fence_bit_settled = true;
+
 enum class WAIT_END { gate_open, cut_short };
 
 WAIT_END wait_for_open_gate() noexcept {
@@ -53,15 +56,20 @@ void tbbk_gate_register_fences() noexcept {
 
 void tbbk_gate_fence_all_threads() noexcept {
     full_fence();
-    if ((tbbk_gate.load(std::memory_order_relaxed) & tbbk_fence_bit) != 0)
+    if ((tbbk_gate.load() & tbbk_fence_bit) != 0) {
+        if (!is_fence_bit_settled.load())
+            tbbk_wait_a_moment();
         return;
+    }
     if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0)
         return;
-    // Forbidden since the registration, by a sandbox perhaps. From now on the entries use fences; the pause
-    // lets those that are under way without one become visible.
-    tbbk_gate.fetch_or(tbbk_fence_bit);
+    // Forbidden since the registration, by a sandbox perhaps. From now on both sides use fences; the pause
+    // lets those that are under way without one become visible, to each raiser that comes meanwhile, too.
+    is_fence_bit_settled.store(false);
     tbbk_threads_need_fences.store(true);
+    tbbk_gate.fetch_or(tbbk_fence_bit);
     tbbk_wait_a_moment();
+    is_fence_bit_settled.store(true);
 }
 
 void tbbk_fence_all_threads() noexcept {

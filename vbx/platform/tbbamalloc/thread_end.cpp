@@ -17,10 +17,7 @@ void enter_clean_up(void* value) {
 }
 
 void leave_clean_up(void* value) {
-    // The pointer goes first: an entry from a signal handler must not find a slot that is another's.
-    tbbk_own_slot = nullptr;
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    tbbk_slot_release(*static_cast<TBBK_SLOT*>(value));
+    tbbk_slot_leave(*static_cast<TBBK_SLOT*>(value));
 }
 
 } // namespace

@@ -18,8 +18,8 @@ namespace {
 constexpr std::size_t static_slots = 64;
 constexpr std::size_t chunk_slots = 1023;
 
-// In the place of a dead owner's tid while its slot is being collected. No thread has this number.
-constexpr std::uint32_t collector_mark = 0xFFFF'FFFF;
+// In the place of an owner's tid while its slot is being given back. No thread has this number.
+constexpr std::uint32_t nobodys_mark = 0xFFFF'FFFF;
 
 struct CHUNK {
     std::atomic<CHUNK*> next;
@@ -140,6 +140,16 @@ TBBK_SLOT& tbbk_slot_acquire() noexcept {
     return *slot;
 }
 
+void tbbk_slot_leave(TBBK_SLOT& slot) noexcept {
+    // A signal handler that allocates in the middle of this finds the slot, or another, but never one that is
+    // about to become another thread's.
+    tbbk_quiesce_drop(slot, slot.tid.exchange(nobodys_mark));
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    tbbk_own_slot = nullptr;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    tbbk_slot_release(slot);
+}
+
 void tbbk_slot_release(TBBK_SLOT& slot) noexcept {
     // Nobody else would ever lower that gate, and the whole process would wait at it.
     tbbk_quiesce_drop(slot, slot.tid.load(std::memory_order_relaxed));
@@ -154,7 +164,7 @@ bool tbbk_slot_collect_if_dead(TBBK_SLOT& slot) noexcept {
         return false;
     // By one collector only: behind its release the slot may be a living thread's.
     const std::uint32_t dead_tid = tid;
-    if (slot.tid.compare_exchange_strong(tid, collector_mark)) {
+    if (slot.tid.compare_exchange_strong(tid, nobodys_mark)) {
         tbbk_quiesce_drop(slot, dead_tid);
         tbbk_slot_release(slot);
     }
@@ -174,8 +184,10 @@ TBBK_THREAD_WORDS* tbbk_thread_words() noexcept {
 }
 
 TBBK_THREAD_WORDS* tbbk_next_thread_words(TBBK_THREAD_WORDS* previous) noexcept {
-    char* const place = reinterpret_cast<char*>(previous) - offsetof(TBBK_SLOT, words);
-    TBBK_SLOT* const slot = next_place(previous != nullptr ? reinterpret_cast<TBBK_SLOT*>(place) : nullptr);
+    TBBK_SLOT* slot = nullptr;
+    if (previous != nullptr)
+        slot = reinterpret_cast<TBBK_SLOT*>(reinterpret_cast<char*>(previous) - offsetof(TBBK_SLOT, words));
+    slot = next_place(slot);
     return slot != nullptr ? &slot->words : nullptr;
 }
 

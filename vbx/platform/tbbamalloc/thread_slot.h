@@ -38,6 +38,9 @@ inline TBBK_SLOT& tbbk_slot_own() noexcept {
     return slot != nullptr ? *slot : tbbk_slot_acquire();
 }
 
+// Gives the calling thread's slot back, behind the last key destructor that may allocate.
+void tbbk_slot_leave(TBBK_SLOT& own) noexcept;
+
 // Gives a slot back, and lowers what is still raised in it. Caller is its owner, or knows that the owner is
 // gone.
 void tbbk_slot_release(TBBK_SLOT& slot) noexcept;

@@ -1,5 +1,5 @@
-// The charging of blocks to profile bins and tags. It runs outside the gate and rests on the block map and
-// on the modes of the two tables.
+// The charging of blocks to profile bins and tags. It runs outside the gate of the tracker and rests on the
+// block map and on the gate of the two tables.
 #pragma once
 
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"

@@ -32,20 +32,18 @@ MEM_EVENT_TOTALS::TICK MEM_EVENT_TOTALS::take_tick(TBBK_THREAD_WORDS* words) {
     std::uint64_t tick = mem_sample_counter.load();
     for (;;) {
         const std::uint64_t behind = beyond_multiple(tick, period);
-        if (behind == 0 || period - behind < FAR_TICKS)
-            break;
-        if (words != nullptr)
+        // Nobody borrows here; who has seen an earlier tick finds that it has moved.
+        if (behind == 0 && m_are_ticks_lent.load())
+            return TICK::not_known;
+        const bool borrows = words != nullptr && behind != 0 && period - behind >= FAR_TICKS;
+        if (borrows)
             m_are_ticks_lent.store(true);
-        if (!mem_sample_counter.compare_exchange_weak(tick, tick + (words != nullptr ? LOT_OF_TICKS : 1)))
+        if (!mem_sample_counter.compare_exchange_weak(tick, tick + (borrows ? LOT_OF_TICKS : 1)))
             continue;
-        if (words != nullptr)
+        if (borrows)
             lent_ticks(*words).store(LOT_OF_TICKS - 1, relaxed);
-        return TICK::plain;
+        return behind == 0 ? TICK::sample : TICK::plain;
     }
-    // Nobody borrows from here on: who has seen an earlier tick finds that it has moved.
-    if (m_are_ticks_lent.load())
-        return TICK::not_known;
-    return is_sample(mem_sample_counter.fetch_add(1)) ? TICK::sample : TICK::plain;
 }
 
 void MEM_EVENT_TOTALS::move_total(TBBK_THREAD_WORDS* words, std::int64_t bytes) {
@@ -85,8 +83,6 @@ void MEM_EVENT_TOTALS::call_back() {
 }
 
 std::int64_t MEM_EVENT_TOTALS::total() {
-    if (!m_are_bytes_lent.load())
-        return mem_tracked_total_bytes.load();
     const MEM_GATE_CAT cat(gate);
     call_back();
     return mem_tracked_total_bytes.load();

@@ -5,14 +5,14 @@
 // period, the total when it may be a new peak. So while a figure is far from where it matters, threads borrow
 // of it in lots and use these up by themselves:
 //
-//     ticks 130 * 64, lent to A 12, to B 40               53 events may still come that can't be samples
+//     ticks 130 * 64, lent to A 12, to B 40               52 events may still come that can't be samples
 //     total 5'000'000, lent to A 65'000, to B 10'000      the true total is 4'925'000
 //
 //     shared word = true figure + what is lent
 //
 // What is lent is never negative. So the shared total is never below the true one: when it is no new peak,
-// the true one is none. Near the next sample or peak everything is called back and nothing lent, and each
-// event moves the shared words, exactly. A process with one thread always does.
+// the true one is none. Near the next sample or peak nothing is lent, and where it would be what is lent is
+// called back: each event moves the shared words then, exactly. A process with one thread always does.
 #pragma once
 
 #include "vbx/mem/base/cache_line.h"
@@ -44,7 +44,7 @@ class MEM_EVENT_TOTALS {
         return mem_tracked_total_bytes.load(std::memory_order_relaxed);
     }
 
-    // These call back what is lent first. They wait for events that pass, so not with a lock held.
+    // These call back what is lent first. They wait for events that pass, so not with a leaf held.
     std::int64_t total();
     std::uint64_t ticks();
     void set_total(std::int64_t total);

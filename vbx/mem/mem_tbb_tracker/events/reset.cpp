@@ -31,10 +31,11 @@ void forget_sites_and_modules() MEM_REQUIRES(*mem_tbb_gate) {
     mem_forget_known_frames();
 }
 
+// The total first: a free that comes in between must not find the old one against a search that begins.
 void begin_search_for_peak_anew() {
+    mem_event_totals.set_total(0);
     mem_threshold_peak_bytes.store(0, std::memory_order_relaxed);
     mem_next_peak_bytes.store(MEM_FIRST_PEAK_BYTES, std::memory_order_relaxed);
-    mem_event_totals.set_total(0);
 }
 
 } // namespace
@@ -50,8 +51,8 @@ void mem_reset_tracking_entries() try {
     const MEM_IN_TRACKER_SCOPE in_tracker;
     const MEM_GATE_CAT cat(*mem_tbb_gate);
     forget_sites_and_modules();
-    // Charges and samples run outside the gate; the table's exclusive mode and the timeline's section keep
-    // them apart from this. Blocks that are live keep their tag ids, and what their frees find missing they
+    // Charges and samples run outside the gate; the tables' own gate and the timeline's section keep them
+    // apart from this. Blocks that are live keep their tag ids, and what their frees find missing they
     // leave alone.
     mem_bin_tag_timeline->clear_tags();
     begin_search_for_peak_anew();

@@ -62,9 +62,12 @@ bool flushed_stretch_stands(std::int64_t flushed) {
 } // namespace
 
 bool mem_record_threshold_peak() noexcept {
+    const std::int64_t last_peak = mem_threshold_peak_bytes.load(relaxed);
     const std::int64_t total = mem_event_totals.total();
     if (!mem_is_new_peak(total)) {
-        mem_event_totals.stop_lending_near(total);
+        // It may just have been recorded by another thread.
+        if (mem_threshold_peak_bytes.load(relaxed) == last_peak)
+            mem_event_totals.stop_lending_near(total);
         return false;
     }
     const std::int64_t step = mem_fileline_peak_threshold.load(relaxed);

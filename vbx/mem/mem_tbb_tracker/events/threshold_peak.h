@@ -53,7 +53,7 @@ inline bool mem_is_new_peak(std::int64_t total) {
 }
 
 // Called by a free, outside the gate and before its block leaves the total. Records a new peak and gives true
-// when there is one; otherwise a few loads.
+// when there is one; otherwise a few loads, or a calling back of what threads have borrowed of the total.
 inline bool mem_tbb_check_threshold_peak() noexcept {
     return mem_is_new_peak(mem_event_totals.highest_possible_total()) && mem_record_threshold_peak();
 }
