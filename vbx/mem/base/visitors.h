@@ -24,8 +24,8 @@ class MEM_VISITORS {
     MEM_VISITORS(const MEM_VISITORS&) = delete;
     MEM_VISITORS& operator=(const MEM_VISITORS&) = delete;
 
-    // Counts the calling thread in and out. Visits nest. The second gives how often the thread is still
-    // inside; negative when it wasn't. words  the thread's, in both calls the same
+    // Counts the calling thread in and out, both with its words. Visits nest. The second gives how often the
+    // thread is still inside; negative when it wasn't.
     void count_in(TBBK_THREAD_WORDS* words) {
         if (words == nullptr) [[unlikely]] {
             m_others.fetch_add(1);

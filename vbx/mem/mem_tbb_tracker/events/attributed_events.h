@@ -11,7 +11,6 @@
 #include "vbx/mem/base/check.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
-#include "vbx/mem/mem_tbb_tracker/events/samples.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/platform/os/thread.h"
@@ -21,7 +20,6 @@
 // Handed on by value: one whose address is taken lies in memory.
 struct MEM_EVENT {
     std::uint32_t mask; // the event's copy
-    bool is_sample;     // whether a free samples the timelines; an allocation learns that behind all else
     void* block;
     std::uint64_t requested_size; // bytes asked for, not 0; unused in a free
     std::uint64_t size;           // bytes of the slot
@@ -117,7 +115,4 @@ void mem_undo_record(MEM_EVENT event, MEM_SITE& site) noexcept;
     } catch (...) {
         // A record that a reset has removed can't be made again; there is nothing to credit.
     }
-    // Behind the module record's update, so that the sample shows this event.
-    if (event.is_sample && (event.mask & MEM_GRANULARITY_PER_LIBRARY) != 0) [[unlikely]]
-        mem_sample_modules();
 }

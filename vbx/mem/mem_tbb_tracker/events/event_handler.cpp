@@ -41,29 +41,23 @@ void report_timeline_index() {
     return mem_event_totals.pass(words, (mask & MEM_FEATURES) != 0 ? bytes : 0);
 }
 
-// The samples behind those of the bins.
+// A sample of the modules shows the event; the block counts in one of the bins either way, since it is
+// charged before and credited behind.
+
+[[gnu::noinline]] void sample_modules(std::uint32_t mask) {
+    if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
+        mem_sample_modules();
+}
+
+[[gnu::noinline]] void sample_bins(std::uint32_t mask) {
+    if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
+        mem_sample_bins_and_tags();
+}
+
 [[gnu::noinline]] void end_sample(std::uint32_t mask) {
     mem_sample_labels_and_auxiliary(mask);
     if ((mask & MEM_FEATURES) != 0)
         report_timeline_index();
-}
-
-// The block counts in a sample of the bins either way: it is charged before and credited behind.
-
-void credit_bins(const MEM_EVENT& event, bool is_peak) {
-    if (is_peak)
-        mem_snapshot_bin_and_tag_peaks();
-    if (event.is_sample)
-        mem_sample_bins_and_tags();
-    mem_credit_bin_and_tag(event.words, event.block, event.size);
-}
-
-[[gnu::noinline]] void sample_behind_allocation(std::uint32_t mask) {
-    if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0)
-        mem_sample_modules();
-    if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
-        mem_sample_bins_and_tags();
-    end_sample(mask);
 }
 
 // All that an event does for the global statistics alone. No sample shows them.
@@ -78,7 +72,7 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
 // Out of line, as the other is: each has use for all registers.
 [[gnu::noinline]] void mem_tbb_on_allocation(std::uint32_t mask, void* block, std::uint64_t requested_size,
                                              std::uint64_t size) {
-    const MEM_EVENT event{mask, false, block, requested_size, size, tbbk_thread_words()};
+    const MEM_EVENT event{mask, block, requested_size, size, tbbk_thread_words()};
     if ((event.mask & MEM_ATTRIBUTED) != 0)
         mem_attribute_new_block(event);
     if ((event.mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
@@ -86,8 +80,11 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
     if ((event.mask & MEM_COUNTS_GLOBALLY) != 0)
         mem_global_stats().add_block(size);
     // Last: a peak that another thread's free finds in the total is to be found in the tables, too.
-    if (pass(event.mask, event.words, static_cast<std::int64_t>(size))) [[unlikely]]
-        sample_behind_allocation(event.mask);
+    if (pass(event.mask, event.words, static_cast<std::int64_t>(size))) [[unlikely]] {
+        sample_modules(event.mask);
+        sample_bins(event.mask);
+        end_sample(event.mask);
+    }
 }
 
 [[gnu::noinline]] void mem_tbb_on_free(std::uint32_t mask, void* block, std::uint64_t size) {
@@ -96,15 +93,20 @@ void credit_bins(const MEM_EVENT& event, bool is_peak) {
     const bool is_peak = (mask & MEM_FEATURES) != 0 && mem_tbb_check_threshold_peak();
     // At once: the tables may hold more than the total, not less.
     TBBK_THREAD_WORDS* const words = tbbk_thread_words();
-    const bool is_tick = pass(mask, words, -static_cast<std::int64_t>(size));
-    const MEM_EVENT event{mask, is_tick || is_peak, block, 0, size, words};
+    const bool is_sample = pass(mask, words, -static_cast<std::int64_t>(size)) || is_peak;
     if ((mask & MEM_ATTRIBUTED) != 0)
-        mem_credit_freed_block(event);
+        mem_credit_freed_block({mask, block, 0, size, words});
+    if (is_sample) [[unlikely]]
+        sample_modules(mask);
     if ((mask & MEM_COUNTS_GLOBALLY) != 0)
         mem_global_stats().remove_block(size);
+    if (is_peak && (mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0) [[unlikely]]
+        mem_snapshot_bin_and_tag_peaks();
+    if (is_sample) [[unlikely]]
+        sample_bins(mask);
     if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
-        credit_bins(event, is_peak);
-    if (event.is_sample) [[unlikely]]
+        mem_credit_bin_and_tag(words, block, size);
+    if (is_sample) [[unlikely]]
         end_sample(mask);
 }
 

@@ -3,7 +3,6 @@
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 
 namespace {
-
 constexpr auto relaxed = std::memory_order_relaxed;
 } // namespace
 
@@ -47,16 +46,13 @@ MEM_EVENT_TOTALS::TICK MEM_EVENT_TOTALS::take_tick(TBBK_THREAD_WORDS* words) {
 }
 
 void MEM_EVENT_TOTALS::move_total(TBBK_THREAD_WORDS* words, std::int64_t bytes) {
-    if (bytes == 0)
-        return;
     if (words == nullptr) {
         mem_tracked_total_bytes.fetch_add(bytes);
         return;
     }
     const std::int64_t lent = lent_bytes(*words).load(relaxed);
-    const std::int64_t left = lent - bytes;
-    if (lent != 0 && is_enough(left)) {
-        lent_bytes(*words).store(left, relaxed);
+    if (covers(lent, bytes)) {
+        lent_bytes(*words).store(lent - bytes, relaxed);
         return;
     }
     const std::int64_t total = mem_tracked_total_bytes.load() + bytes;

@@ -76,8 +76,9 @@ class MEM_EVENT_TOTALS {
     }
     static std::atomic<std::int64_t>& lent_ticks(TBBK_THREAD_WORDS& words) { return words.amounts[0]; }
     static std::atomic<std::int64_t>& lent_bytes(TBBK_THREAD_WORDS& words) { return words.amounts[1]; }
-    static bool is_enough(std::int64_t lent_bytes_left) {
-        return lent_bytes_left > 0 && lent_bytes_left <= 2 * LOT_OF_BYTES;
+    // Whether a thread that has so many can move the total within them.
+    static bool covers(std::int64_t lent, std::int64_t bytes) {
+        return bytes == 0 || (lent != 0 && lent - bytes > 0 && lent - bytes <= 2 * LOT_OF_BYTES);
     }
     // False, with nothing done, when what the thread has is not enough.
     [[gnu::always_inline]] bool pass_with_lent(TBBK_THREAD_WORDS& words, std::int64_t bytes) {
@@ -85,7 +86,7 @@ class MEM_EVENT_TOTALS {
         const MEM_GATE_MOUSE mover(gate, &words);
         const std::int64_t ticks = lent_ticks(words).load(relaxed);
         const std::int64_t lent = lent_bytes(words).load(relaxed);
-        if (ticks == 0 || (bytes != 0 && (lent == 0 || !is_enough(lent - bytes))))
+        if (ticks == 0 || !covers(lent, bytes))
             return false;
         lent_ticks(words).store(ticks - 1, relaxed);
         lent_bytes(words).store(lent - bytes, relaxed);
