@@ -24,13 +24,17 @@ thread_local FAKE_STACK current_stack;
 thread_local std::vector<FAKE_CAPTURE> captures;
 
 constinit std::atomic<tbbk_mem_tracker_callback> hook{nullptr};
+constinit std::atomic<tbbk_free_notice> notice{nullptr};
 constinit std::atomic<int> threads_inside{0};
 constinit thread_local int own_depth = 0;
 
 void fire(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size, bool is_allocation) {
     threads_inside += own_depth++ == 0;
-    if (const auto callback = hook.load())
+    if (const auto callback = hook.load()) {
+        if (const auto told_before = notice.load(); told_before != nullptr && !is_allocation)
+            told_before(reinterpret_cast<const void*>(block));
         callback(reinterpret_cast<void*>(block), requested_size, size, is_allocation);
+    }
     threads_inside -= --own_depth == 0;
 }
 } // namespace
@@ -54,6 +58,9 @@ bool tbbk_process_malloc_is_shim() noexcept {
 }
 void tbbk_guard_forks() noexcept {}
 void tbbk_set_free_check(tbbk_free_check) noexcept {}
+void tbbk_set_free_notice(tbbk_free_notice new_notice) noexcept {
+    notice = new_notice;
+}
 void* tbbk_obtain_quietly(std::size_t size) noexcept {
     return std::malloc(size);
 }

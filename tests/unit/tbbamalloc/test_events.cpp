@@ -67,6 +67,24 @@ TEST(Events, AllocationsOfTheCallbackNest) {
     EXPECT_EQ(tbbk_entry_depth(), 0U);
 }
 
+TEST(Events, OfFreesAreNoticedBefore) {
+    static std::vector<std::string> heard;
+    heard.clear();
+    heard.reserve(10);
+    const auto free_one = [] { std::free(std::malloc(100)); };
+    tbbk_set_free_notice([](const void*) { heard.emplace_back("notice"); });
+    free_one();
+    {
+        const RECORDED_EVENTS recorded(
+            [](const RECORDED_EVENTS::EVENT& event) { heard.emplace_back(event.is_allocation ? "+" : "-"); });
+        free_one();
+        void* const moved = std::realloc(std::malloc(100), 5000);
+        tbbk_set_free_notice(nullptr);
+        std::free(moved);
+    }
+    EXPECT_EQ(heard, (std::vector<std::string>{"+", "notice", "-", "+", "+", "-", "-"}));
+}
+
 // Sizes on both sides of every change of method.
 TEST(Events, ScribblingCallbackSpoilsNothing) {
     const auto expect_filled = [](const unsigned char* block, std::size_t size, unsigned char with) {

@@ -3,6 +3,7 @@
 #include "tests/unit/tracker/tracker_fixture.h"
 #include "vbx/mem/mem_tbb_tracker/records/block_map.h"
 
+#include <atomic>
 #include <map>
 #include <new>
 #include <random>
@@ -95,4 +96,21 @@ TEST(BLOCK_MAP_TEST, ThreadsShareSlabs) {
         for (std::uint32_t round = 0; round < 20; ++round)
             churn(map, 0x10000 + (round << 20) + 16 * thread, 16 * THREADS, 300, round);
     });
+}
+
+// It takes no lock, so nothing that it looks at may go away: neither in a slab that becomes finer, nor at a
+// clear.
+TEST(BLOCK_MAP_TEST, FetchesRecordsAtAnyTime) {
+    MAP map;
+    std::atomic<bool> is_done{false};
+    run_on_threads(2, [&map, &is_done](std::uint64_t thread) {
+        for (std::uint64_t block = 0; thread == 0 && !is_done; ++block)
+            map.prefetch(at(0x10000 + block % 100'000 * 16));
+        for (std::uint32_t round = 0; thread == 1 && round < 20; ++round) {
+            churn(map, 0x10000, 16, 1000, round);
+            map.clear();
+        }
+        is_done = is_done || thread == 1;
+    });
+    EXPECT_EQ(value_of(map, 0x10000), 0U);
 }

@@ -8,6 +8,7 @@
 
 constinit std::atomic<tbbk_mem_tracker_callback> tbbk_hook = nullptr;
 constinit std::atomic<tbbk_free_check> tbbk_check_of_frees = nullptr;
+constinit std::atomic<tbbk_free_notice> tbbk_notice_of_frees = nullptr;
 __thread const void* tbbk_frame = nullptr;
 
 namespace {
@@ -59,6 +60,10 @@ void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept 
 
 void tbbk_set_free_check(tbbk_free_check check) noexcept {
     tbbk_check_of_frees.store(check, std::memory_order_release);
+}
+
+void tbbk_set_free_notice(tbbk_free_notice notice) noexcept {
+    tbbk_notice_of_frees.store(notice, std::memory_order_release);
 }
 
 const void* tbbk_entry_frame() noexcept {

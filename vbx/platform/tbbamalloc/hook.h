@@ -8,6 +8,7 @@
 extern std::atomic<tbbk_mem_tracker_callback> tbbk_hook __attribute__((visibility("hidden")));
 
 extern std::atomic<tbbk_free_check> tbbk_check_of_frees __attribute__((visibility("hidden")));
+extern std::atomic<tbbk_free_notice> tbbk_notice_of_frees __attribute__((visibility("hidden")));
 
 // See tbbk_entry_frame.
 extern __thread const void* tbbk_frame __attribute__((tls_model("initial-exec"), visibility("hidden")));
@@ -42,6 +43,12 @@ TBBK_REPORT tbbk_report_aligned_allocation;
 // Leaves errno to the caller.
 void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                       std::size_t usable) noexcept;
+
+// Inside a TBBK_ENTRY, so that who removes the notice can wait for its end.
+inline void tbbk_give_notice_of_free(const void* block) noexcept {
+    if (const tbbk_free_notice notice = tbbk_notice_of_frees.load(std::memory_order_acquire))
+        notice(block);
+}
 
 void tbbk_run_free_check(tbbk_free_check check, const void* frame, const void* block) noexcept;
 

@@ -20,6 +20,7 @@ void give_back_own(void* block) noexcept {
 // then whether the block is its own.
 [[gnu::noinline]] void give_back_with_event(tbbk_mem_tracker_callback hook, const void* frame,
                                             void* block) noexcept {
+    tbbk_give_notice_of_free(block);
     tbbk_show_to_free_check(frame, block);
     const std::size_t usable = tbbk_own_size(block);
     if (usable == 0)

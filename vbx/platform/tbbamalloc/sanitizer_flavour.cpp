@@ -38,6 +38,8 @@ void on_free(const volatile void* block) {
         return;
     TBBK_ENTRY entry;
     const tbbk_mem_tracker_callback hook = tbbk_hook_now();
+    if (hook != nullptr)
+        tbbk_give_notice_of_free(plain(block));
     std::size_t allocated = 0;
     if (tbbk_size_table_take(plain(block), allocated) == TBBK_LOOKUP::found && hook != nullptr)
         tbbk_report_event(hook, TBBK_FRAME, {plain(block), 0, allocated, false});

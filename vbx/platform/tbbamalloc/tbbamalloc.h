@@ -28,6 +28,12 @@ using tbbk_new_handler = int (*)(std::size_t size);
 // back before may not even be mapped any more. Inside an allocator call, like the hook.
 using tbbk_free_check = void (*)(const void* block);
 
+// Called with a block that the program gives back, before anything of it is read: while the heap looks for
+// its size, whoever keeps a record of the block can have it fetched. What it is called with may be no live
+// block, or none of this heap. It may do nothing but read memory that is there for good: the call is not kept
+// apart from the thread's own code as the hook's is (errno, the entry frame).
+using tbbk_free_notice = void (*)(const void* block);
+
 // Words of one thread for who owns the hook; the shim keeps them and never looks at them. All 0 at first.
 // When the thread ends they stay as they are, and a later thread takes them over with the place.
 struct TBBK_THREAD_WORDS {
@@ -45,6 +51,10 @@ void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept;
 // Installs the one check of frees and reallocations, or removes it with null. It is only called while a hook
 // is installed.
 void tbbk_set_free_check(tbbk_free_check check) noexcept;
+
+// Installs the one notice of frees, or removes it with null. It too is only called while a hook is installed,
+// and not for reallocations.
+void tbbk_set_free_notice(tbbk_free_notice notice) noexcept;
 
 // Memory that no figure shows: without an event and without the new handler, so null when there is none. For
 // what the library needs outside of events, a few bytes a thread. Given back by the second of the two, which

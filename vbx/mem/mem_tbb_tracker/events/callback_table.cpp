@@ -128,6 +128,8 @@ void change_mask(std::uint32_t old_mask, std::uint32_t new_mask) MEM_REQUIRES(me
             mem_table_add(mem_tbb_event_handler);
         else if (old_mask != 0 && new_mask == 0)
             mem_table_remove(mem_tbb_event_handler);
+        const bool keeps_blocks = (new_mask & MEM_KEEPS_BLOCKS) != 0;
+        tbbk_set_free_notice(keeps_blocks ? mem_tbb_on_free_notice : nullptr);
     } catch (...) {
         // No memory for a new state of the table: the mask goes with the table as it is.
         mem_tbb_granularity.store(old_mask, std::memory_order_relaxed);

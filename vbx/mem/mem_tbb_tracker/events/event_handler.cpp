@@ -7,6 +7,7 @@
 #include "vbx/mem/mem_tbb_tracker/events/event_totals.h"
 #include "vbx/mem/mem_tbb_tracker/events/samples.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
+#include "vbx/mem/mem_tbb_tracker/records/block_shards.h"
 #include "vbx/mem/mem_tbb_tracker/state/counters.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/settings.h"
@@ -130,4 +131,14 @@ void mem_tbb_event_handler(void* block, std::uint64_t requested_size, std::uint6
                               allocated_size);
     else
         mem_tbb_on_free(mask, block, allocated_size);
+}
+
+void mem_tbb_on_free_notice(const void* block) noexcept {
+    if (!mem_tracker_objects_exist.load(std::memory_order_acquire)) [[unlikely]]
+        return;
+    const std::uint32_t mask = mem_current_mask();
+    if ((mask & MEM_ATTRIBUTED) != 0)
+        mem_tbb_address_map->prefetch(block);
+    if ((mask & MEM_GRANULARITY_PER_BIN_DETAILED) != 0)
+        mem_tbb_block_shards->prefetch(block);
 }

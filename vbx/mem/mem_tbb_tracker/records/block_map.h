@@ -67,8 +67,23 @@ class MEM_BLOCK_MAP {
         return use(block, [&visit](const RECORD& place) { visit(place); });
     }
 
-    // Forgets all blocks and gives the memory back. While nobody else uses the map.
-    void clear() { m_root.clear(); }
+    // Has the processor fetch what the next call for this block will look at: its record, once the slab has
+    // as many. Changes nothing, waits for nothing and may be called at any time.
+    [[gnu::always_inline]] void prefetch(const void* block) const {
+        if (const SLAB* const slab = find_slab(block))
+            slab->prefetch(mark_of(block));
+    }
+
+    // Forgets all blocks and gives the memory of the records back; the directories, 16 KB for each 32 MB
+    // of heap, stay. While nobody else uses the map, but for prefetch().
+    void clear() {
+        m_root.for_each([](REGIONS& regions) {
+            regions.for_each([](SLABS& slabs) {
+                for (SLAB& slab : slabs)
+                    slab.clear();
+            });
+        });
+    }
 
   private:
     static constexpr unsigned SLAB_BITS = 14;
@@ -83,13 +98,15 @@ class MEM_BLOCK_MAP {
         SLAB() = default;
         SLAB(const SLAB&) = delete;
         SLAB& operator=(const SLAB&) = delete;
-        ~SLAB() { delete[] records(); }
+        ~SLAB() { delete[] records(word()); }
 
         // Null while the slab has no records at all.
-        RECORD* place_of(std::uint32_t mark) const {
-            RECORD* const first = records();
-            return first != nullptr ? first + ((mark - 1) >> shift()) : nullptr;
-        }
+        RECORD* place_of(std::uint32_t mark) const { return place_in(word(), mark); }
+
+        // Without the lock: the records may be gone by now, which a prefetch doesn't mind.
+        void prefetch(std::uint32_t mark) const { __builtin_prefetch(place_in(word(), mark), 1); }
+
+        void clear() { delete[] records(m_records_and_shift.exchange(0, std::memory_order_relaxed)); }
 
         // The place of the block, with no other block in it. Throws std::bad_alloc.
         RECORD& place_for(std::uint32_t mark) {
@@ -107,8 +124,13 @@ class MEM_BLOCK_MAP {
                       "with them the word still points into the records, for whoever "
                       "looks for leaks");
 
-        RECORD* records() const { return reinterpret_cast<RECORD*>(m_records_and_shift & ~SHIFT_BITS); }
-        unsigned shift() const { return static_cast<unsigned>(m_records_and_shift & SHIFT_BITS); }
+        std::uintptr_t word() const { return m_records_and_shift.load(std::memory_order_relaxed); }
+        static RECORD* records(std::uintptr_t word) { return reinterpret_cast<RECORD*>(word & ~SHIFT_BITS); }
+        static unsigned shift(std::uintptr_t word) { return static_cast<unsigned>(word & SHIFT_BITS); }
+        static RECORD* place_in(std::uintptr_t word, std::uint32_t mark) {
+            RECORD* const first = records(word);
+            return first != nullptr ? first + ((mark - 1) >> shift(word)) : nullptr;
+        }
 
         // Records of so many bytes as two to this power part the two blocks.
         static unsigned finest_shared_bit(std::uint32_t one, std::uint32_t other) {
@@ -116,17 +138,18 @@ class MEM_BLOCK_MAP {
         }
 
         [[gnu::noinline]] void refine(unsigned finer) {
-            RECORD* const old = records();
-            const std::size_t old_count = old != nullptr ? std::size_t{1} << (SLAB_BITS - shift()) : 0;
+            RECORD* const old = records(word());
+            const std::size_t old_count = old != nullptr ? std::size_t{1} << (SLAB_BITS - shift(word())) : 0;
             RECORD* const fresh = new RECORD[std::size_t{1} << (SLAB_BITS - finer)];
             for (std::size_t at = 0; at < old_count; ++at)
                 if (old[at].mark != NO_BLOCK)
                     fresh[(old[at].mark - 1) >> finer] = old[at];
-            m_records_and_shift = reinterpret_cast<std::uintptr_t>(fresh) | finer;
+            m_records_and_shift.store(reinterpret_cast<std::uintptr_t>(fresh) | finer,
+                                      std::memory_order_relaxed);
             delete[] old;
         }
 
-        std::uintptr_t m_records_and_shift = 0;
+        std::atomic<std::uintptr_t> m_records_and_shift{0};
     };
 
     // NODE  what the entries lead to, made when first asked for
@@ -136,7 +159,10 @@ class MEM_BLOCK_MAP {
         DIRECTORY() = default;
         DIRECTORY(const DIRECTORY&) = delete;
         DIRECTORY& operator=(const DIRECTORY&) = delete;
-        ~DIRECTORY() { clear(); }
+        ~DIRECTORY() {
+            for (std::atomic<NODE*>& node : m_nodes)
+                delete node.load(std::memory_order_relaxed);
+        }
 
         NODE* find(std::uintptr_t index) const { return entry(index).load(std::memory_order_acquire); }
 
@@ -146,9 +172,12 @@ class MEM_BLOCK_MAP {
             return node != nullptr ? *node : make(index);
         }
 
-        void clear() {
-            for (std::atomic<NODE*>& node : m_nodes)
-                delete node.exchange(nullptr, std::memory_order_relaxed);
+        // Calls visit(NODE&) for each.
+        template <class VISIT>
+        void for_each(VISIT visit) {
+            for (std::atomic<NODE*>& entry : m_nodes)
+                if (NODE* const node = entry.load(std::memory_order_relaxed))
+                    visit(*node);
         }
 
       private:

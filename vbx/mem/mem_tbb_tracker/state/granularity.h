@@ -17,6 +17,8 @@ inline constinit MEM_SPIN_LOCK mem_granularity_lock{MEM_LOCK_RANK::granularity};
 // The features that need a stack, a site and an entry in the live-block map.
 constexpr std::uint32_t MEM_ATTRIBUTED =
     MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_FILELINE | MEM_GRANULARITY_CHECK_LEAKS;
+// The features that keep a record of each live block.
+constexpr std::uint32_t MEM_KEEPS_BLOCKS = MEM_ATTRIBUTED | MEM_GRANULARITY_PER_BIN_DETAILED;
 // The features that the total of tracked bytes and the threshold peak run for.
 constexpr std::uint32_t MEM_FEATURES =
     MEM_GRANULARITY_PER_BIN_DETAILED | MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_FILELINE;
