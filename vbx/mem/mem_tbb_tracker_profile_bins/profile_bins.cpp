@@ -21,7 +21,7 @@ constinit CLAIM claim;
 
 } // namespace
 
-MEM_PROFILE_BINS& MEM_PROFILE_BINS::get_instance() {
+MEM_PROFILE_BINS& MEM_PROFILE_BINS::make_instance() {
     OS_PATIENCE patience;
     for (;;) {
         if (MEM_PROFILE_BINS* const instance = s_instance.load(std::memory_order_acquire)) [[likely]]

@@ -33,7 +33,10 @@ class MEM_PROFILE_BINS {
   public:
     // Made at the first call, which the tracker's start makes, and never freed: bins, tags and their ids
     // outlive resets and the shutdown. Any thread; lock-free once it is there. Throws std::bad_alloc.
-    static MEM_PROFILE_BINS& get_instance();
+    static MEM_PROFILE_BINS& get_instance() {
+        MEM_PROFILE_BINS* const instance = s_instance.load(std::memory_order_acquire);
+        return instance != nullptr ? *instance : make_instance();
+    }
 
     // Two tables with id spaces of their own.
     MEM_PB_TABLE& m_tags() { return m_tag_table; }
@@ -45,6 +48,7 @@ class MEM_PROFILE_BINS {
 
   private:
     MEM_PROFILE_BINS() = default;
+    static MEM_PROFILE_BINS& make_instance();
 
     MEM_PB_TABLE m_tag_table;
     MEM_PB_TABLE m_bin_table;

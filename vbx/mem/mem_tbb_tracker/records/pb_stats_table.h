@@ -97,13 +97,16 @@ class MEM_PB_STATS_TABLE {
         stats = &at(id);
     }
     const auto bytes = static_cast<long long>(size);
-    stats->max_bytes.raise_to(mem_add(stats->current_bytes, bytes));
-    mem_add(stats->cumulative_bytes, bytes);
+    mem_move_counters([stats, bytes](auto steps) {
+        steps.raise(stats->max_bytes, steps.add(stats->current_bytes, bytes));
+        steps.add(stats->cumulative_bytes, bytes);
+    });
 }
 
 [[gnu::always_inline]] inline void MEM_PB_STATS_TABLE::subtract(std::uint32_t id, std::uint64_t size) {
     if (MEM_PB_STATS* const stats = find(id))
-        mem_add(stats->current_bytes, -static_cast<long long>(size));
+        mem_move_counters(
+            [stats, size](auto steps) { steps.add(stats->current_bytes, -static_cast<long long>(size)); });
 }
 
 class MEM_SCOPED_CAPABILITY MEM_PB_STATS_TABLE::STILL {

@@ -48,15 +48,19 @@ inline KTL_RELAXED_ATOMIC<unsigned long long>& mem_timeline_index() {
 // the block, if another thread has freed something in between, and the peak would be short of a level that
 // was really reached.
 [[gnu::always_inline]] inline void MEM_STATS::add_block(std::uint64_t size) {
-    const long long bytes = mem_add(current.bytes, static_cast<long long>(size));
-    const long long blocks = mem_add(current.blocks, 1);
-    peak.bytes.raise_to(bytes);
-    peak.blocks.raise_to(blocks);
-    local_peak.bytes.raise_to(bytes);
-    local_peak.blocks.raise_to(blocks);
+    mem_move_counters([this, size](auto steps) {
+        const long long bytes = steps.add(current.bytes, static_cast<long long>(size));
+        const long long blocks = steps.add(current.blocks, 1);
+        steps.raise(peak.bytes, bytes);
+        steps.raise(peak.blocks, blocks);
+        steps.raise(local_peak.bytes, bytes);
+        steps.raise(local_peak.blocks, blocks);
+    });
 }
 
 [[gnu::always_inline]] inline void MEM_STATS::remove_block(std::uint64_t size) {
-    mem_add(current.bytes, -static_cast<long long>(size));
-    mem_add(current.blocks, -1);
+    mem_move_counters([this, size](auto steps) {
+        steps.add(current.bytes, -static_cast<long long>(size));
+        steps.add(current.blocks, -1);
+    });
 }
