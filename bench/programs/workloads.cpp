@@ -1,10 +1,10 @@
 // Programs whose work is allocation, for compare_programs.py. They know nothing of the library: it is
 // preloaded.
 //
-//     workloads churn   PAIRS             one thread, a few thousand live blocks
-//     workloads threads PAIRS THREADS     half of the blocks are freed by the next thread; PAIRS of all
-//     threads workloads live    PAIRS BLOCKS      churn while so many blocks are held workloads phases  PAIRS
-//     a heap that grows and shrinks, higher every second time
+//     churn   PAIRS            one thread, a few thousand live blocks
+//     threads PAIRS THREADS    half of the blocks are freed by the next thread; PAIRS of all threads together
+//     live    PAIRS BLOCKS     churn while so many blocks are held
+//     phases  PAIRS            a heap that grows and shrinks, higher every second time
 //
 // A task is one way down through 12 to 20 frames to 8 of 512 allocation sites, so the same some thousand
 // stacks come again and again, as they do in a program; a stack that is random at each frame would never come

@@ -36,8 +36,8 @@ inline std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
     return tbbk_find_slot_size(block, usable);
 }
 
-// The size of the slot of a new block that the heap was asked for without an alignment. Such slots hang on
-// the request alone: each is asked for once. requested  bytes
+// The size of the slot of a new block that the heap was asked for without an alignment, for so many requested
+// bytes. Such slots hang on the request alone: each is asked for once.
 std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept;
 
 // To be told before the heap is asked for a block at this alignment. Until the first one above
