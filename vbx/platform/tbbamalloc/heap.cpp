@@ -38,17 +38,13 @@ void give_back_to_libc(void* block) {
         __libc_free(block);
 }
 
-constinit bool is_abandoned = false;
-
 } // namespace
+
+constinit bool tbbk_heap_was_abandoned = false;
 
 constinit TBBK_HEAP tbbk_heap = {scalable_malloc, scalable_aligned_malloc, resize_either, give_back_either};
 
 void tbbk_heap_abandon() noexcept {
     tbbk_heap = {__libc_malloc, libc_obtain_aligned, resize_into_libc, give_back_to_libc};
-    is_abandoned = true;
-}
-
-bool tbbk_heap_is_abandoned() noexcept {
-    return is_abandoned;
+    tbbk_heap_was_abandoned = true;
 }

@@ -19,4 +19,8 @@ extern TBBK_HEAP tbbk_heap __attribute__((visibility("hidden")));
 // stay readable and are never given back. No events are reported any more.
 void tbbk_heap_abandon() noexcept;
 
-bool tbbk_heap_is_abandoned() noexcept;
+extern bool tbbk_heap_was_abandoned __attribute__((visibility("hidden")));
+
+inline bool tbbk_heap_is_abandoned() noexcept {
+    return tbbk_heap_was_abandoned;
+}

@@ -11,20 +11,9 @@ constinit std::atomic<tbbk_free_check> tbbk_check_of_frees = nullptr;
 constinit std::atomic<tbbk_free_notice> tbbk_notice_of_frees = nullptr;
 __thread const void* tbbk_frame = nullptr;
 
-namespace {
-
-void call_hook(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept {
-    const void* const outer_frame = tbbk_frame;
-    tbbk_frame = frame;
-    hook(event.block, event.requested, event.allocated, event.is_allocation);
-    tbbk_frame = outer_frame;
-}
-
-} // namespace
-
 void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept {
     const int saved_errno = errno;
-    call_hook(hook, frame, event);
+    tbbk_call_hook(hook, frame, event);
     errno = saved_errno;
 }
 
@@ -36,11 +25,6 @@ void tbbk_report_allocation(tbbk_mem_tracker_callback hook, const void* frame, v
 void tbbk_report_aligned_allocation(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                                     std::size_t requested) noexcept {
     tbbk_report_event(hook, frame, {block, requested, tbbk_slot_size(block, scalable_msize(block)), true});
-}
-
-void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
-                      std::size_t usable) noexcept {
-    call_hook(hook, frame, {block, 0, tbbk_slot_size(block, usable), false});
 }
 
 void tbbk_run_free_check(tbbk_free_check check, const void* frame, const void* block) noexcept {

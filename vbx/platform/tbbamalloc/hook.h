@@ -1,6 +1,7 @@
 // The hook and the two events that it is told.
 #pragma once
 
+#include "vbx/platform/tbbamalloc/slot_size.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
 #include <atomic>
@@ -29,20 +30,30 @@ struct TBBK_EVENT {
     bool is_allocation;
 };
 
+inline void tbbk_call_hook(tbbk_mem_tracker_callback hook, const void* frame,
+                           const TBBK_EVENT& event) noexcept {
+    const void* const outer_frame = tbbk_frame;
+    tbbk_frame = frame;
+    hook(event.block, event.requested, event.allocated, event.is_allocation);
+    tbbk_frame = outer_frame;
+}
+
 // Calls the hook for an event with `frame` as the entry frame. Keeps errno, which belongs to the caller of
 // malloc or free.
 void tbbk_report_event(tbbk_mem_tracker_callback hook, const void* frame, const TBBK_EVENT& event) noexcept;
 
-// A block of tbbmalloc's that was just obtained, at its heap's choice or at an alignment, and one that is
-// about to go back. Sizes in bytes; the event tells the size of the slot. Out of line, so that a call without
-// a hook keeps few registers.
+// A block of tbbmalloc's that was just obtained, at its heap's choice or at an alignment. Sizes in bytes; the
+// event tells the size of the slot. Out of line, so that a call without a hook keeps few registers.
 using TBBK_REPORT = void(tbbk_mem_tracker_callback hook, const void* frame, void* block,
                          std::size_t requested) noexcept;
 TBBK_REPORT tbbk_report_allocation;
 TBBK_REPORT tbbk_report_aligned_allocation;
-// Leaves errno to the caller.
-void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame, void* block,
-                      std::size_t usable) noexcept;
+
+// One that is about to go back, for callers that are out of line themselves. Leaves errno to them.
+[[gnu::always_inline]] inline void tbbk_report_free(tbbk_mem_tracker_callback hook, const void* frame,
+                                                    void* block, std::size_t usable) noexcept {
+    tbbk_call_hook(hook, frame, {block, 0, tbbk_slot_size(block, usable), false});
+}
 
 // Inside a TBBK_ENTRY, so that who removes the notice can wait for its end.
 inline void tbbk_give_notice_of_free(const void* block) noexcept {

@@ -12,10 +12,6 @@ constexpr std::size_t slab = 16384;
 // that may begin anywhere in its own.
 constexpr std::size_t suspicious_alignment = 128;
 
-// By requests in steps of 8 bytes, as all slots are; 0: not asked yet.
-constexpr std::size_t step = 8;
-constinit std::atomic<std::uint16_t> known_slots[tbbk_largest_slot / step + 1] = {};
-
 std::size_t no_slot(void*) noexcept {
     return 0;
 }
@@ -28,6 +24,7 @@ bool lies_in_slot(std::uintptr_t address, std::size_t usable, std::size_t slot) 
 } // namespace
 
 constinit std::atomic<bool> tbbk_blocks_lie_anywhere = false;
+constinit std::atomic<std::uint16_t> tbbk_known_slots[tbbk_largest_slot / tbbk_slot_step + 1] = {};
 
 std::size_t tbbk_find_slot_size(void* block, std::size_t usable) noexcept {
     if (usable > tbbk_largest_slot)
@@ -45,15 +42,10 @@ std::size_t tbbk_find_slot_size(void* block, std::size_t usable) noexcept {
     return usable < tbbk_largest_plain_slot ? usable : tbbk_largest_plain_slot;
 }
 
-std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept {
-    if (requested > tbbk_largest_slot)
-        return scalable_msize(block);
-    std::atomic<std::uint16_t>& known = known_slots[(requested + step - 1) / step];
-    std::size_t slot = known.load(std::memory_order_relaxed);
-    if (slot == 0) {
-        slot = tbbk_slot_size(block, scalable_msize(block));
-        known.store(static_cast<std::uint16_t>(slot), std::memory_order_relaxed);
-    }
+std::size_t tbbk_ask_slot_of_request(void* block, std::size_t requested) noexcept {
+    const std::size_t slot = tbbk_slot_size(block, scalable_msize(block));
+    if (requested <= tbbk_largest_slot)
+        tbbk_known_slot(requested).store(static_cast<std::uint16_t>(slot), std::memory_order_relaxed);
     return slot;
 }
 

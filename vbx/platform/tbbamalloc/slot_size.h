@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 // The largest slot of a slab. Larger blocks have pages of their own, where no arithmetic on slots applies.
 constexpr std::size_t tbbk_largest_slot = 8128;
@@ -36,9 +37,25 @@ inline std::size_t tbbk_slot_size(void* block, std::size_t usable) noexcept {
     return tbbk_find_slot_size(block, usable);
 }
 
-// The size of the slot of a new block that the heap was asked for without an alignment, for so many requested
-// bytes. Such slots hang on the request alone: each is asked for once.
-std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept;
+// The slots of new blocks that the heap was asked for without an alignment hang on the requested bytes alone:
+// each is asked for once. In steps of 8 bytes, as all slots are; 0: not asked yet.
+constexpr std::size_t tbbk_slot_step = 8;
+extern std::atomic<std::uint16_t> tbbk_known_slots[tbbk_largest_slot / tbbk_slot_step + 1]
+    __attribute__((visibility("hidden")));
+
+inline std::atomic<std::uint16_t>& tbbk_known_slot(std::size_t requested) noexcept {
+    return tbbk_known_slots[(requested + tbbk_slot_step - 1) / tbbk_slot_step];
+}
+
+std::size_t tbbk_ask_slot_of_request(void* block, std::size_t requested) noexcept;
+
+// The size of the slot of such a block.
+inline std::size_t tbbk_slot_of_request(void* block, std::size_t requested) noexcept {
+    if (requested <= tbbk_largest_slot) [[likely]]
+        if (const std::size_t slot = tbbk_known_slot(requested).load(std::memory_order_relaxed)) [[likely]]
+            return slot;
+    return tbbk_ask_slot_of_request(block, requested);
+}
 
 // To be told before the heap is asked for a block at this alignment. Until the first one above
 // tbbk_natural_alignment every block begins its slot, and the heap needn't be asked where. (A program that
