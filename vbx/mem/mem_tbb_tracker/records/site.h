@@ -7,6 +7,7 @@
 #include <vbx/mem/trackers.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 
 // The lock guards the counters, and comes with the cache line that a free needs of them. What a record says
@@ -43,5 +44,9 @@ void mem_undo_charge(MEMORY_TRACKER_BASE& tracker, std::uint64_t size, std::uint
 void mem_copy_site(MEM_ADDRESS_TRACKER& to, MEM_ADDRESS_TRACKER& from);
 
 // module_tracker is one machine word, null or a valid record.
-MEMORY_TRACKER_BASE* mem_load_module_tracker(MEM_ADDRESS_TRACKER& site);
-void mem_store_module_tracker(MEM_ADDRESS_TRACKER& site, MEMORY_TRACKER_BASE* module_record);
+inline MEMORY_TRACKER_BASE* mem_load_module_tracker(MEM_ADDRESS_TRACKER& site) {
+    return std::atomic_ref(site.module_tracker).load(std::memory_order_acquire);
+}
+inline void mem_store_module_tracker(MEM_ADDRESS_TRACKER& site, MEMORY_TRACKER_BASE* module_record) {
+    std::atomic_ref(site.module_tracker).store(module_record, std::memory_order_release);
+}

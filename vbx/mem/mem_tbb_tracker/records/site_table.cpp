@@ -61,11 +61,3 @@ void mem_copy_site(MEM_ADDRESS_TRACKER& to, MEM_ADDRESS_TRACKER& from) {
     to.module_tracker = mem_load_module_tracker(from);
     to.filtered = from.filtered;
 }
-
-MEMORY_TRACKER_BASE* mem_load_module_tracker(MEM_ADDRESS_TRACKER& site) {
-    return std::atomic_ref(site.module_tracker).load(std::memory_order_acquire);
-}
-
-void mem_store_module_tracker(MEM_ADDRESS_TRACKER& site, MEMORY_TRACKER_BASE* module_record) {
-    std::atomic_ref(site.module_tracker).store(module_record, std::memory_order_release);
-}
