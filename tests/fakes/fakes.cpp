@@ -50,6 +50,10 @@ bool fake_hook_is_installed() {
     return hook != nullptr;
 }
 
+bool fake_free_notice_is_installed() {
+    return notice != nullptr;
+}
+
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
     hook = callback;
 }

@@ -15,6 +15,7 @@ using FAKE_STACK = std::vector<std::uint64_t>; // innermost frame first
 void fake_allocate(std::uint64_t block, std::uint64_t requested_size, std::uint64_t size, FAKE_STACK stack);
 void fake_free(std::uint64_t block, std::uint64_t size);
 bool fake_hook_is_installed();
+bool fake_free_notice_is_installed();
 // From now on there was no memory for the words of the calling thread.
 void fake_live_without_words();
 // How often all threads were fenced.

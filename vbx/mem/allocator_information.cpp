@@ -2,6 +2,7 @@
 
 #include "vbx/mem/base/library_lock.h"
 #include "vbx/mem/host/messages.h"
+#include "vbx/mem/host/preload_seam.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 
 #include <vbx/mem/host.h>
@@ -26,7 +27,9 @@ struct ALLOCATOR_INFORMATION {
     ~ALLOCATOR_INFORMATION() {
         if (!debug_messages_are_on)
             return;
-        if (mem_tracker_objects_exist.load(std::memory_order_relaxed))
+        const bool reports_will_come = mem_tracker_objects_exist.load(std::memory_order_relaxed);
+        // Elsewhere the tracker's objects are still there because an initialiser is never destroyed.
+        if (reports_will_come && mem_preload_print != nullptr)
             lines_are_late = true;
         else
             print_lines();

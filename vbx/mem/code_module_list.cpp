@@ -4,6 +4,7 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/host/preload_seam.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/os/write.h"
 
@@ -23,7 +24,7 @@ using REGISTRY = std::set<std::pair<std::string, std::string>>;
 constinit REGISTRY* registry = nullptr;
 } // namespace
 
-void mem_register_dll_for_pgo(const char* module, const char* pgo_workload) {
+void mem_register_dll_for_pgo(const char* module, const char* pgo_workload) try {
     if (module == nullptr || pgo_workload == nullptr)
         return;
     // What the registry holds would stand in every leak report of its host.
@@ -31,6 +32,8 @@ void mem_register_dll_for_pgo(const char* module, const char* pgo_workload) {
     if (registry == nullptr)
         registry = new REGISTRY;
     registry->emplace(module, pgo_workload);
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 // The lines go to the stream that std::cout writes through, not to std::cout itself: a host may have put a

@@ -21,7 +21,9 @@
 #include "vbx/mem/base/lock_rank.h"
 #include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/out_of_memory/out_of_memory.h"
 #include "vbx/mem/tracker.h"
+#include "vbx/platform/os/address_space.h"
 #include "vbx/platform/os/thread.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
@@ -37,6 +39,8 @@ void leave_tracking_to_the_parent() {
     mem_reset_long_operations_after_fork();
     mem_abandon_tracker_after_fork();
     mem_silence_debug_lines_after_fork();
+    mem_leave_last_steps_to_the_parent();
+    os_forget_address_space_file_after_fork();
 }
 
 } // namespace

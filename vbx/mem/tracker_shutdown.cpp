@@ -90,19 +90,27 @@ void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
     mem_clear_report_flags();
 }
 
-// True when no event can be using the tracker's objects any more.
-bool shut_down() {
+// exit() was called on a thread that is inside an event or a call of a host, in a callback or a signal
+// handler for instance. It may hold the gate and any lock, so whatever follows could wait for itself.
+bool thread_is_inside() {
+    return mem_thread_state.in_tracker_byte != 0 ||
+           (mem_thread_state.block_byte & MEM_BLOCKED_BY_OWN_WORK) != 0;
+}
+
+bool reports_are_due() {
+    return mem_current_mask() != 0;
+}
+
+// No event comes from here on. Waits for nothing that this thread may hold.
+void stop_events() {
     mem_attempt_report("the end of the allocation log is",
                        [] { mem_close_allocation_log(events_in_flight_have_ended); });
     clear_tracking_flags();
-    // Another thread that changes the callbacks puts a handler on the hook again. Events of this thread must
-    // find it closed: they would wait at the gate for this thread itself.
-    const MEM_BLOCK_SCOPE own_heap_use;
     tbbk_set_mem_tracker_callback(nullptr);
-    // exit() was called from inside an event of this thread. It may hold the gate and any lock, so whatever
-    // follows could wait for itself.
-    if (mem_thread_state.in_tracker_byte != 0)
-        return false;
+}
+
+// True when no event can be using the tracker's objects any more.
+bool write_reports_and_wait_for_events() {
     const OS_NO_WRITE_SIGNALS no_signals;
     const bool ended = events_in_flight_have_ended();
     if (!mem_tbb_gate->enter_as_cat_within(EVENTS_TIMEOUT_MS)) {
@@ -112,6 +120,25 @@ bool shut_down() {
     write_reports();
     mem_tbb_gate->leave_as_cat();
     return ended;
+}
+
+// Another thread's report may go into a stream that blocks.
+bool is_blocked_by(const MEM_LONG_OPERATION& operation) {
+    if (operation.may_begin())
+        return false;
+    if (reports_are_due())
+        mem_warn("no reports: an operation on another thread does not end");
+    return true;
+}
+
+// Likewise.
+bool shut_down(bool is_inside, const MEM_LONG_OPERATION& operation) {
+    const bool can_go_on = !is_inside && !is_blocked_by(operation);
+    // Another thread that changes the callbacks puts a handler on the hook again. Events of this thread must
+    // find it closed: they would wait at the gate for this thread itself.
+    const MEM_BLOCK_SCOPE own_heap_use;
+    stop_events();
+    return can_go_on && write_reports_and_wait_for_events();
 }
 
 bool tracker_is_there() {
@@ -142,20 +169,24 @@ void destroy_objects() {
 } // namespace
 
 // Writing files is where a pending cancellation strikes; a thread that ends its process must get to the end.
+// And a thread that is inside must not even wait for its turn: who has it may wait for this thread.
 
 void mem_shutdown_tbb_tracking() {
     const OS_NO_CANCELLATION no_cancellation;
-    const MEM_LONG_OPERATION operation;
-    if (tracker_is_there())
-        shut_down();
+    if (!tracker_is_there())
+        return;
+    const bool is_inside = thread_is_inside();
+    const MEM_LONG_OPERATION operation(is_inside ? 0 : EVENTS_TIMEOUT_MS);
+    shut_down(is_inside, operation);
 }
 
 void mem_tbb_tracker_teardown() {
     const OS_NO_CANCELLATION no_cancellation;
-    const MEM_LONG_OPERATION operation;
     if (!tracker_is_there())
         return;
-    if (!shut_down()) {
+    const bool is_inside = thread_is_inside();
+    const MEM_LONG_OPERATION operation(is_inside ? 0 : EVENTS_TIMEOUT_MS);
+    if (!shut_down(is_inside, operation)) {
         // Somebody may be inside the objects for good. Leaking them at process end costs nothing.
         mem_end_tracker_use();
         return;

@@ -11,6 +11,7 @@
 // pgo_workload  name of the workload; copied
 //
 // Neither may be null: such a pair is dropped. One thread at a time: a host that registers from several has
-// to see to it. Takes time in proportion to the logarithm of the number of pairs. Throws std::bad_alloc, with
-// nothing added. The memory of the registry is not tracked.
+// to see to it. Takes time in proportion to the logarithm of the number of pairs. Without memory nothing is
+// added: the process ends where out-of-memory handling is asked for, else std::bad_alloc is thrown. The
+// memory of the registry is not tracked.
 VBX_MEM_API void mem_register_dll_for_pgo(const char* module, const char* pgo_workload);

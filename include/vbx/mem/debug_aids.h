@@ -2,8 +2,8 @@
 // nothing until it is switched on. The configuration keys of the same names switch them on at load;
 // docs/debug-aids.md tells of them, and of the double-free check and the breakpoint, which have keys alone.
 //
-// All functions may be called from any thread; those that switch an aid on throw std::bad_alloc when there is
-// no memory for its place among the callbacks. The child of a fork has no aids.
+// All functions may be called from any thread, and throw std::bad_alloc when there is no memory for a change
+// of the callbacks. The child of a fork starts without aids.
 #pragma once
 
 #include <vbx/mem/export.h>

@@ -1,10 +1,10 @@
-// The switches of tracking are read when the library comes up, before any host can fill a slot and before a
-// configuration library that the host is linked with has been constructed: at that moment the environment
-// answers. (A library that is loaded into a running process with a configuration library does ask it.)
-//
 // The services that a host lends the library (configuration, paths, messages), and the library's queries that
 // go through them. The library works without any: configuration then comes from the configuration library, if
 // that is in the process, or from the environment; paths are empty; messages go to standard output.
+//
+// The switches of tracking are read when the library comes up, before any host can fill a slot and before a
+// configuration library that the host is linked with has been constructed: at that moment the environment
+// answers. (A library that is loaded into a running process with a configuration library does ask it.)
 //
 // A host fills the slots at its own start-up, from one thread. Each setter stores its pointer; null takes the
 // slot back to the default. Any thread may ask; a query throws what the host's callback throws, and

@@ -46,7 +46,8 @@ struct MEM_ADDRESS_TRACKER : MEMORY_TRACKER_BASE {
 // Where a block was allocated.
 // address  start of a live block; null asks for the catch-all record
 // result   gets a copy of the block's site record, one consistent state; untouched when the result is false
-// Returns false for an address that is not the start of a live tracked block. Needs a started tracker.
+// Returns false for an address that is not the start of a live tracked block. Needs a started tracker. Throws
+// std::bad_alloc when the catch-all record, which a reset removes, can't be made again
 VBX_MEM_API bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result);
 
 // The figures of a module.

@@ -3,8 +3,10 @@
 
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream> // an exit locks standard output to flush it
@@ -57,6 +59,27 @@ void exhaust_in_handler() {
     exhaust();
 }
 
+// Another thread forks while this one takes the last steps, which the child has to do without.
+std::atomic<bool> is_handling{false}, is_child_done{false};
+void wait_for_child() {
+    say("handler\n");
+    is_handling = true;
+    while (!is_child_done)
+        usleep(1000);
+}
+void fork_while_handling() {
+    while (!is_handling)
+        usleep(1000);
+    const pid_t child = fork();
+    if (child == 0)
+        mem_out_of_memory();
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (status != 1 << 8)
+        std::_Exit(8);
+    is_child_done = true;
+}
+
 struct EXHAUSTED_AT_END {
     bool is_wanted = false;
     ~EXHAUSTED_AT_END() {
@@ -82,6 +105,7 @@ int main(int, char** arguments) {
         mem_set_out_of_memory_handler(handler == "reserve"    ? use_reserve
                                       : handler == "returns"  ? return_from_handler
                                       : handler == "exhausts" ? exhaust_in_handler
+                                      : handler == "waits"    ? wait_for_child
                                                               : nullptr);
     if (way == "label")
         label.assign(block_size, 'x');
@@ -96,6 +120,8 @@ int main(int, char** arguments) {
             if (way == "locked")
                 flockfile(stdout);
             all_are_there.arrive_and_wait();
+            if (way == "fork")
+                fork_while_handling();
             if (way == "locked") // the first thread runs out in front of it
                 std::this_thread::sleep_for(std::chrono::milliseconds(200));
             exhaust();

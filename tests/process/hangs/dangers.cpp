@@ -12,7 +12,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <map>
+#include <ostream>
+#include <streambuf>
 #include <string>
 
 namespace {
@@ -156,6 +159,42 @@ int exit_inside_query(char**) {
         mem_get_address_tracker(block, site);
 }
 
+// A host's stream, which does something of its own instead of writing.
+class ODD_STREAM : std::streambuf, public std::ostream {
+  public:
+    explicit ODD_STREAM(void (*deed)()) : std::ostream(static_cast<std::streambuf*>(this)), m_deed(deed) {}
+
+  private:
+    int overflow(int) override {
+        m_deed();
+        return std::streambuf::traits_type::eof();
+    }
+    void (*m_deed)();
+};
+
+// The report holds the locks of the sites.
+int exit_inside_report(char**) {
+    ODD_STREAM stream([] { std::exit(9); });
+    mem_dump_tbb_fileline_tracking(stream);
+    return 8;
+}
+
+// Another thread never gets to the end of its report.
+int end_with_stuck_report(char**) {
+    static std::atomic<bool> is_stuck{false};
+    std::thread([] {
+        ODD_STREAM stream([] {
+            is_stuck = true;
+            for (;;)
+                pause();
+        });
+        mem_dump_tbb_fileline_tracking(stream);
+    }).detach();
+    while (!is_stuck)
+        usleep(1000);
+    return 9;
+}
+
 } // namespace
 
 int main(int, char** arguments) {
@@ -166,6 +205,8 @@ int main(int, char** arguments) {
         {"end_with_threads", end_with_threads},
         {"exit_inside_event", exit_inside_event},
         {"exit_inside_query", exit_inside_query},
+        {"exit_inside_report", exit_inside_report},
+        {"end_with_stuck_report", end_with_stuck_report},
     };
     return dangers.at(arguments[1])(arguments + 2);
 }

@@ -2,6 +2,7 @@
 #include <vbx/mem.h>
 
 #include <dlfcn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,6 +57,21 @@ static void lock_output() {
         pause();
     }).detach();
     is_locked.wait(false);
+}
+
+static void start_without_descriptors() {
+    constexpr std::size_t GIGABYTE = 1 << 30;
+    std::thread([] {}).join();
+    rlimit descriptors{};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const rlimit none{0, descriptors.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    void* const mapped =
+        mmap(nullptr, GIGABYTE, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    std::thread([] {}).join();
+    munmap(mapped, GIGABYTE);
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+    std::puts(mem_info_get_process_peak_virtual_used() > GIGABYTE ? "seen" : "not seen");
 }
 
 // ---- what the debug aids look at
@@ -115,6 +131,10 @@ int main(int count, char** arguments) {
         ask_configuration(arguments[2]);
     } else if (action == "lock_output") {
         lock_output();
+    } else if (action == "start_without_descriptors") {
+        start_without_descriptors();
+    } else if (action == "leak_initialiser") {
+        [[maybe_unused]] static const auto* const leaked = new MEM_INITIALIZER("leaked");
     } else if (action == "register_code_modules") {
         register_code_modules();
     } else if (action == "free_twice") {

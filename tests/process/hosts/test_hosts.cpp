@@ -64,6 +64,9 @@ TEST(BadInput, FilesAndStreamsThatCannotBeWrittenArePassedOver) {
     ASSERT_EQ(mkfifo((piped / REPORT).c_str(), 0600), 0);
     run_host(piped, PER_FILELINE, {"none"});
     EXPECT_NE(test_read_file(piped / "mem_tbb_subsystem.tvx.log"), "");
+    const TEST_DIRECTORY leaking;
+    ASSERT_EQ(mkfifo((leaking / "mem_tbb_fast_leak_warning.log").c_str(), 0600), 0);
+    run_host(leaking, {{"TARVANE_MEM_CHECK_LEAKS_FAST", "1"}}, {"none"});
     run_host(TEST_DIRECTORY(), {{"debug_msg", "on"}, {"MEM_PRINT_LIB_LOAD", "1"}}, {"lock_output"});
     const TEST_DIRECTORY directory; // no file can have such a name
     const TEST_ENVIRONMENT long_name = {{"HOST_LONG_NAME", "1"}, {"MEM_PRINT_LIB_LOAD", "1"}};
@@ -99,6 +102,21 @@ TEST(Output, LoadLinesGoToStandardOutputAndPreloadedOnesToStandardError) {
         const std::regex file("mem_tbb_fileline\\.(tvx|%a_true-\\d+)\\.log");
         EXPECT_TRUE(std::regex_match(reports[0], file)) << reports[0];
     }
+}
+
+// One that is never destroyed keeps the reports away, and nothing else.
+TEST(Output, AllocatorLinesComeWithoutTheLastInitialiserToo) {
+    const TEST_DIRECTORY directory;
+    const TEST_OUTCOME outcome =
+        run_host(directory, PER_FILELINE + TEST_ENVIRONMENT{{"debug_msg", "on"}}, {"leak_initialiser"});
+    EXPECT_NE(outcome.standard_output.find("Debug: MEM: Allocator used by"), std::string::npos);
+    EXPECT_EQ(directory.files("mem_tbb_").size(), 0U);
+}
+
+// Each start of a thread sees how large the address space is: with a descriptor that is kept, so that it
+// takes none which another thread may be waiting for.
+TEST(Threads, StartWithoutAFreeDescriptor) {
+    EXPECT_EQ(run_host(TEST_DIRECTORY(), {}, {"start_without_descriptors"}).standard_output, "seen\n");
 }
 
 TEST(Output, CodeModulesAreListedByTheProcessThatRegisteredThem) {

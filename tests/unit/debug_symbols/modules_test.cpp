@@ -1,6 +1,8 @@
 // The module list, and the truth about files that are not what was loaded.
 #include "helpers.h"
 
+#include <sys/resource.h>
+
 #include <filesystem>
 
 namespace {
@@ -77,6 +79,21 @@ TEST_F(MODULES, find_their_separate_debug_files) {
         EXPECT_EQ(answer.status, place.empty() ? SYM_STATUS::no_information : SYM_STATUS::found) << command;
         EXPECT_TRUE(answer.place.ends_with(place)) << command << answer.place;
     }
+}
+
+TEST_F(MODULES, are_read_once_the_process_has_a_descriptor_again) {
+    const void* const code = load(SUBJECTS "plugin_first.so");
+    rlimit descriptors{};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const rlimit none{0, descriptors.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const ANSWER without = ask(code);
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+    EXPECT_EQ(without.status, SYM_STATUS::no_information);
+    const ANSWER answer = ask(code);
+    EXPECT_TRUE(answer.place.ends_with("/plugin.cpp:6")) << answer.place;
+    EXPECT_EQ(without.function + answer.function, "plugin_first");
+    dlclose(library);
 }
 
 TEST_F(MODULES, say_nothing_when_the_file_is_not_what_was_loaded) {

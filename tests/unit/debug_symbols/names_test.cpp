@@ -43,6 +43,15 @@ TEST(UNDECORATE, drops_the_return_type_and_leaves_undecorated_names_alone) {
 TEST(UNDECORATE, survives_hostile_names) {
     EXPECT_EQ(undecorate("_Z3fooi", 5), "foo(");
     EXPECT_EQ(undecorate("_Z3fooi", 1) + undecorate("_Z3fooi", 0), "");
+    // As long as they are taken, and as deep as one can be.
+    EXPECT_TRUE(
+        undecorate("_ZNSt6vectorI4000" + std::string(4000, 'x') + "EC1Ev").starts_with("std::vector<xxx"));
+    for (const std::string unit : {"P", "1AI", "Dp", "A1_", "M1A", "PFv"}) {
+        std::string nested = "_Z1f";
+        while (nested.size() + unit.size() < 4090)
+            nested += unit;
+        EXPECT_LE(undecorate(nested + "i").size(), SYM_MAX_NAME);
+    }
     // Nesting too deep for the stack is left as it stands.
     const std::string deep = "_Z1f" + std::string(9996, 'P') + "i";
     EXPECT_EQ(undecorate(deep), deep.substr(0, SYM_MAX_NAME));
@@ -73,6 +82,8 @@ TEST(SHORT_NAMES, follow_the_rule) {
         {"/opt/me/setup.exe", "setup"},
         {"/opt/me/libtool", "libtool"},
         {"/opt/me/lib.so", "lib"},
+        {"/opt/me/my.solver.v2", "my.solver.v2"},
+        {"/opt/me/libmy.solver.so.3", "my.solver"},
     };
     for (const auto& [path, short_name] : cases)
         EXPECT_EQ(sym_short_module_name(path), short_name) << path;

@@ -109,7 +109,6 @@ TEST_F(ATTRIBUTION_TEST, LooksAtEveryFrameAgainBehindAReset) {
     for (const std::string name : {"parse", "parse_again"}) {
         fake_define_symbol(PARSE, {name, "/src/parse.cpp", 10, "parser"});
         MEM_ADDRESS_TRACKER site;
-        EXPECT_TRUE(mem_get_address_tracker(nullptr, site)); // without a catch-all no frame is asked
         fake_captures().clear();
         for (int count = 0; count < 4; ++count)
             allocate(block += 16, 16, filtered_frames(3, {PARSE}));
@@ -163,6 +162,18 @@ TEST_F(ATTRIBUTION_TEST, HoldsNobodyUpWhileItDescribes) {
 // ---- what an event moves
 
 class EVENT_TEST : public TRACKER_TEST {};
+
+// Who keeps no record of blocks has none fetched.
+TEST_F(EVENT_TEST, FreesAreNoticedWithTheFeaturesThatKeepBlocks) {
+    start(MEM_GRANULARITY_NONE);
+    for (unsigned mask = 1; mask <= 127; ++mask) {
+        const auto bits = static_cast<MEM_TRACKING_GRANULARITY>(mask);
+        mem_enable_tracking(bits);
+        EXPECT_EQ(fake_free_notice_is_installed(), (mask & (2 | 4 | 8 | 16)) != 0) << mask;
+        mem_disable_tracking(bits);
+        EXPECT_FALSE(fake_free_notice_is_installed()) << mask;
+    }
+}
 
 // Its free was never seen. The sites keep the second allocation.
 TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {

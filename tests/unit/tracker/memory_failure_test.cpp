@@ -188,6 +188,19 @@ TEST_F(MEMORY_FAILURE_TEST, AFlushFailsWithNothingKeptAndNothingLocked) {
     EXPECT_GE(failures, 2);
 }
 
+// A reset has taken the catch-all record away.
+TEST_F(MEMORY_FAILURE_TEST, AQueryThatCannotMakeItsRecordThrows) {
+    start(MEM_GRANULARITY_PER_FILELINE);
+    mem_reset_tracking_entries();
+    MEM_ADDRESS_TRACKER record;
+    failing = ALLOCATIONS::all;
+    allocations_left = 0;
+    EXPECT_THROW(mem_get_address_tracker(nullptr, record), std::bad_alloc);
+    allocations_left = -1;
+    EXPECT_TRUE(mem_get_address_tracker(nullptr, record));
+    EXPECT_EQ(mem_thread_state.block_byte, 0);
+}
+
 // A sample is taken in all series or in none, so the rows stay in line.
 TEST_F(MEMORY_FAILURE_TEST, SamplesAreTakenWholeOrNotAtAll) {
     start(MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_BIN_DETAILED, "1");

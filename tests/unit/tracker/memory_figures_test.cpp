@@ -36,6 +36,10 @@ int read_scripted(FIGURES& memory) {
 }
 constexpr MEM_MEMORY_SOURCE SCRIPTED{[] { return ++opens, open_failure; },
                                      read_scripted<OS_PROCESS_MEMORY, process>,
+                                     [](std::uint64_t& bytes) {
+                                         bytes = read_failure == 0 ? process.virtual_size : bytes;
+                                         return read_failure;
+                                     },
                                      read_scripted<OS_SYSTEM_MEMORY, machine>};
 
 // Level 0 to n: what the system would say of a process and machine that grow.

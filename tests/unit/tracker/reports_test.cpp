@@ -24,7 +24,7 @@ constexpr MEM_MEMORY_SOURCE SCRIPTED{[] { return 0; },
                                          memory = {0xFFFFFFFF, 2000, 2000, 3000, 3000, 0};
                                          return queries++ == 0 ? 0 : EIO;
                                      },
-                                     nullptr};
+                                     nullptr, nullptr};
 
 using FILES = std::map<std::string, std::string>;
 

@@ -3,6 +3,7 @@
 // ends.
 
 #include "tests/unit/tracker/tracker_fixture.h"
+#include "vbx/mem/base/library_lock.h"
 #include "vbx/mem/base/spin_lock.h"
 #include "vbx/mem/base/tracker_gate.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
@@ -79,6 +80,19 @@ TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
     run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); });
     EXPECT_FALSE(gate.enter_as_cat_within(0));
     run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); }); // no cat approaches now
+}
+
+// Threads that end while the last initialiser goes wait for it, and somebody may wait for them.
+TEST(LIBRARY_LOCK_TEST, LetsAllThatWaitThroughWhenItGoes) {
+    MEM_LIBRARY_LOCK& lock = mem_library_lock;
+    lock.create();
+    lock.enter();
+    auto waiting = run_on_threads(3, [](std::uint64_t) { const MEM_LIBRARY_GUARD guard; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    lock.destroy();
+    lock.leave();
+    waiting.clear();
+    EXPECT_FALSE(lock.exists());
 }
 
 TEST(PB_STATS_TABLE_TEST, StandsStillForAnExclusiveUser) {

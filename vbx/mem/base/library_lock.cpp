@@ -24,8 +24,12 @@ bool MEM_LIBRARY_LOCK::exists() const {
 }
 
 void MEM_LIBRARY_LOCK::enter() MEM_NO_THREAD_SAFETY_ANALYSIS {
-    if (exists())
+    if (exists()) {
         section.enter();
+        // Who has waited while it was done away with hands it on to the next that waits.
+        if (!exists())
+            section.leave();
+    }
     depth.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -41,10 +45,13 @@ void MEM_LIBRARY_LOCK::destroy() MEM_NO_THREAD_SAFETY_ANALYSIS {
     if (is_being_destroyed)
         return;
     is_being_destroyed = true;
-    leave();
-    // The section itself is a constant-initialised object that is never freed: a thread that still waits for
-    // it gets it and goes on.
-    section_exists.store(false, std::memory_order_release);
+    // First of all: who gets the section from here on sees that it is gone. The object itself is never freed.
+    const bool existed = section_exists.exchange(false);
+    if (depth.load(std::memory_order_relaxed) != 0) {
+        depth.fetch_sub(1, std::memory_order_relaxed);
+        if (existed)
+            section.leave();
+    }
     is_being_destroyed = false;
 }
 

@@ -4,7 +4,7 @@
 
 namespace {
 
-// Recursive: the shutdown calls reports. One operation at a time costs nobody anything.
+// Recursive: the shutdown calls reports.
 constinit OS_CRITICAL_SECTION section;
 
 constexpr unsigned LONGEST_WAIT_MS = 5000;
@@ -14,11 +14,13 @@ constinit __thread bool is_held_for_fork = false;
 
 } // namespace
 
-MEM_LONG_OPERATION::MEM_LONG_OPERATION() {
+MEM_LONG_OPERATION::MEM_LONG_OPERATION() : m_may_begin(true) {
     section.enter();
 }
+MEM_LONG_OPERATION::MEM_LONG_OPERATION(unsigned timeout_ms) : m_may_begin(section.enter_within(timeout_ms)) {}
 MEM_LONG_OPERATION::~MEM_LONG_OPERATION() {
-    section.leave();
+    if (m_may_begin)
+        section.leave();
 }
 
 void mem_hold_long_operations() {

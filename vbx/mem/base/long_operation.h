@@ -1,4 +1,5 @@
-// Operations of hosts that hold a lock for long and allocate meanwhile: reports, flushes, the shutdown.
+// Operations of hosts that hold a lock for long and allocate meanwhile: reports, flushes, the shutdown, the
+// making of a record.
 //
 // A fork keeps other threads out of the allocator. A thread that then waits there with the site lock held
 // would hold up the events that are still inside, and the fork would wait for those. So a fork first waits,
@@ -8,9 +9,17 @@
 class MEM_LONG_OPERATION {
   public:
     MEM_LONG_OPERATION();
+    // For who can't wait for ever: another one may be stuck, in the stream of a host for instance.
+    explicit MEM_LONG_OPERATION(unsigned timeout_ms);
     ~MEM_LONG_OPERATION();
     MEM_LONG_OPERATION(const MEM_LONG_OPERATION&) = delete;
     MEM_LONG_OPERATION& operator=(const MEM_LONG_OPERATION&) = delete;
+
+    // False when the time ran out.
+    bool may_begin() const { return m_may_begin; }
+
+  private:
+    bool m_may_begin;
 };
 
 // Around a fork. The wait is bounded: a fork that comes out of a report itself, or meets one that is stuck,

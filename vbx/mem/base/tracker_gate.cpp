@@ -24,6 +24,7 @@ void MEM_TRACKER_GATE::wait_as_cat() {
     end_announcement();
 }
 
+// (That no mouse is inside can't be checked: one that gives way counts itself for a moment.)
 void MEM_TRACKER_GATE::end_cat() {
     cats.fetch_sub(1);
     MEM_CHECK(cats == 0);

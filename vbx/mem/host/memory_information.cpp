@@ -69,9 +69,9 @@ OS_PROCESS_MEMORY query_or_say_why_not() {
 
 // Of address space and machine: no opening, no message, 0 when the system doesn't answer.
 std::uint64_t virtual_size() {
-    OS_PROCESS_MEMORY memory;
-    mem_memory_source.load(std::memory_order_relaxed)->read_process(memory);
-    return memory.virtual_size;
+    std::uint64_t bytes = 0;
+    mem_memory_source.load(std::memory_order_relaxed)->read_address_space(bytes);
+    return bytes;
 }
 
 OS_SYSTEM_MEMORY system_memory() {
@@ -136,8 +136,12 @@ std::uint64_t mem_info_get_process_current_virtual_used() {
     return current;
 }
 
+std::uint64_t mem_raise_peak_address_space() {
+    return raise_to(peaks.process_virtual, virtual_size());
+}
+
 std::uint64_t mem_info_get_process_peak_virtual_used() {
-    const std::uint64_t peak = raise_to(peaks.process_virtual, virtual_size());
+    const std::uint64_t peak = mem_raise_peak_address_space();
     // Asked at every call: hosts turn it on while they run.
     if (!mem_cfg_is_on("mem_report_peak_virtual_memory_from_os", false))
         return peak;

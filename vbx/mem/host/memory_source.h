@@ -5,6 +5,7 @@
 //        \---- can't be opened --> failed, for good
 #pragma once
 
+#include "vbx/platform/os/address_space.h"
 #include "vbx/platform/os/process_memory.h"
 #include "vbx/platform/os/system_memory.h"
 
@@ -15,11 +16,12 @@
 struct MEM_MEMORY_SOURCE {
     int (*open)();
     int (*read_process)(OS_PROCESS_MEMORY& memory);
+    int (*read_address_space)(std::uint64_t& bytes);
     int (*read_system)(OS_SYSTEM_MEMORY& memory);
 };
 
 inline constexpr MEM_MEMORY_SOURCE MEM_KERNEL_MEMORY_SOURCE{os_find_process_memory, os_read_process_memory,
-                                                            os_read_system_memory};
+                                                            os_read_address_space, os_read_system_memory};
 
 // Another source, put here before the first query, answers in place of the kernel.
 inline constinit std::atomic<const MEM_MEMORY_SOURCE*> mem_memory_source{&MEM_KERNEL_MEMORY_SOURCE};
@@ -30,3 +32,7 @@ inline constinit std::atomic<const MEM_MEMORY_SOURCE*> mem_memory_source{&MEM_KE
 // Returns 0, or the errno of the read or of the opening. Any thread, lock-free, no heap use; usable inside an
 // event.
 int mem_query_process_memory(OS_PROCESS_MEMORY& memory);
+
+// Raises the stored peak of the address space to its present size and gives it, whatever the configuration
+// says, without a message.
+std::uint64_t mem_raise_peak_address_space();

@@ -2,6 +2,7 @@
 
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/host/host_slots.h"
+#include "vbx/mem/host/memory_source.h"
 #include "vbx/mem/host/messages.h"
 #include "vbx/mem/host/preload_seam.h"
 #include "vbx/mem/out_of_memory/reserves.h"
@@ -40,14 +41,24 @@ void flush_if_free(std::FILE* stream) {
     funlockfile(stream);
 }
 
+// The query may print a message. Where the host takes none, another thread may hold standard output for good,
+// or until this one has done its last steps: then it is done without the configuration's say.
+std::uint64_t peak_bytes() {
+    if (mem_load_slot(mem_host_slots.debug_message) != nullptr)
+        return mem_info_get_process_peak_virtual_used();
+    const MEM_STDOUT_AT_END standard_output;
+    return standard_output.can_be_used() ? mem_info_get_process_peak_virtual_used()
+                                         : mem_raise_peak_address_space();
+}
+
 // A host's configuration callback is asked on the way and may need memory that is no longer there.
 int peak_megabytes() {
     constexpr std::uint64_t MEGABYTE = 1'000'000;
     try {
         const MEM_BLOCK_SCOPE own_work;
-        return static_cast<int>(mem_info_get_process_peak_virtual_used() / MEGABYTE);
+        return static_cast<int>(peak_bytes() / MEGABYTE);
     } catch (...) {
-        return static_cast<int>(mem_info_get_process_current_virtual_used() / MEGABYTE);
+        return static_cast<int>(mem_raise_peak_address_space() / MEGABYTE);
     }
 }
 
@@ -142,6 +153,15 @@ void mem_out_of_memory() {
             std::exit(EXIT_FAILURE);
     }
     exit_or_wait(self);
+}
+
+void mem_leave_last_steps_to_the_parent() {
+    const void* const self = &mem_thread_state;
+    const void* const first = first_thread.load(std::memory_order_relaxed);
+    if (first != nullptr && first != self)
+        last_steps_are_done.store(true, std::memory_order_relaxed);
+    if (exiting_thread.load(std::memory_order_relaxed) != self)
+        exiting_thread.store(nullptr, std::memory_order_relaxed);
 }
 
 void mem_set_out_of_memory_handler(MEM_OUT_OF_MEMORY_HANDLER handler) {

@@ -10,6 +10,10 @@
 // Whether mem_out_of_memory has begun to end the process. Never back to false.
 bool mem_memory_is_exhausted();
 
+// In a forked child: a thread that it doesn't have takes no last steps and never calls exit(). That memory is
+// exhausted stays true.
+void mem_leave_last_steps_to_the_parent();
+
 // Makes the reserves of the calling thread, unless the process is at its end. Without memory for them a
 // linked process ends here; a preloaded one lives on without.
 void mem_provide_reserves() MEM_EXCLUDES(mem_library_lock);

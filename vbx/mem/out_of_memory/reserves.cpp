@@ -10,8 +10,9 @@ namespace {
 constinit void* process_reserve MEM_GUARDED_BY(mem_library_lock) = nullptr;
 
 bool allocate(void*& reserve) {
-    if (reserve == nullptr)
-        reserve = tbbk_obtain_quietly(MEM_RESERVE_BYTES);
+    if (reserve != nullptr)
+        return true;
+    reserve = tbbk_obtain_quietly(MEM_RESERVE_BYTES);
     if (reserve != nullptr)
         std::memset(reserve, 0, MEM_RESERVE_BYTES);
     return reserve != nullptr;

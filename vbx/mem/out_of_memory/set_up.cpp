@@ -3,6 +3,7 @@
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/out_of_memory/host_call.h"
 #include "vbx/mem/out_of_memory/report_room.h"
+#include "vbx/platform/os/address_space.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 #include "vbx/platform/vbx_thr/vbx_thr.h"
 
@@ -50,6 +51,7 @@ void mem_install_out_of_memory_end() {
 // (Standard error has no buffer here that a first print would have to make, and a print would fix whether the
 // stream is wide: the host's choice.)
 void mem_warm_up_last_steps() {
+    os_keep_address_space_file();
     mem_info_get_process_peak_virtual_used();
 }
 

@@ -9,8 +9,11 @@
 namespace {
 
 // The demangler keeps its working set on the stack, about 64 bytes a character, and recurses with the depth
-// of the name. What the deepest name of this length takes has to fit the scratch stack.
-constexpr std::size_t longest_decorated_name = 1024;
+// of the name. What the deepest name of this length takes has to fit the scratch stack: 0.7 of its 1 MB.
+constexpr std::size_t longest_decorated_name = 4096;
+
+// The demangler's own limit goes by the length, and is 1024 characters: templates of templates have more.
+constexpr int options = DMGL_PARAMS | DMGL_ANSI | DMGL_RET_DROP | DMGL_NO_RECURSE_LIMIT;
 
 struct DEMANGLE_SINK {
     char* out;
@@ -35,7 +38,7 @@ bool print_demangled(const char* name, DEMANGLE_SINK& sink) {
     if (setjmp(sink.full) != 0) {
         return true;
     }
-    return cplus_demangle_v3_callback(name, DMGL_PARAMS | DMGL_ANSI | DMGL_RET_DROP, take_text, &sink) != 0;
+    return cplus_demangle_v3_callback(name, options, take_text, &sink) != 0;
 }
 
 void copy_cut(const char* name, std::size_t size, char* out, std::size_t length) {

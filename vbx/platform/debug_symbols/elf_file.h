@@ -41,6 +41,10 @@ class SYM_ELF_FILE {
     bool open(const char* path);
     void close();
 
+    // Behind an open or a read that failed: whether the cause may pass. The process was out of descriptors or
+    // memory, or the host has closed ours.
+    bool may_succeed_later() const { return m_was_refused || (m_descriptor >= 0 && !is_intact()); }
+
     // Reads exactly `size` bytes at `offset`; false at the end of the file and on errors.
     bool read(std::uint64_t offset, void* out, std::size_t size) const;
 
@@ -69,6 +73,7 @@ class SYM_ELF_FILE {
     bool has_contents(const Elf64_Shdr& section) const;
 
     int m_descriptor = -1;
+    bool m_was_refused = false;
     std::uint64_t m_size = 0;
     dev_t m_device = 0;
     ino_t m_inode = 0;

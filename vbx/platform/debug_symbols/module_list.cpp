@@ -13,6 +13,10 @@ bool SYM_MODULE_ENTRY::open_file(SYM_ELF_FILE& file) const {
     return !m_path.empty() && file.open(m_path.c_str()) && sym_is_file_of_image(file, m_loaded.identity);
 }
 
+SYM_MODULE_ENTRY::STATE SYM_MODULE_ENTRY::state_behind(const SYM_ELF_FILE& file) {
+    return file.may_succeed_later() ? STATE::unread : STATE::read;
+}
+
 const SYM_FUNCTION_INDEX* SYM_MODULE_ENTRY::functions() {
     if (m_functions_state == STATE::unread) {
         SYM_ELF_FILE file;
@@ -29,7 +33,7 @@ const SYM_FUNCTION_INDEX* SYM_MODULE_ENTRY::functions() {
                 m_functions = std::move(index);
             }
         }
-        m_functions_state = STATE::read;
+        m_functions_state = state_behind(file);
     }
     return m_functions.get();
 }
@@ -46,7 +50,7 @@ SYM_LINE_INDEX* SYM_MODULE_ENTRY::lines() {
                 m_lines = std::move(index);
             }
         }
-        m_lines_state = STATE::read;
+        m_lines_state = state_behind(file);
     }
     return m_lines.get();
 }

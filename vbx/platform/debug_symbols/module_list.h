@@ -18,7 +18,8 @@ class SYM_MODULE_ENTRY {
     const std::string& short_name() const { return m_short_name; }
 
     // The indexes, read from the symbol files at the first call; null when there is no information. The
-    // module has to be loaded at that time. May throw std::bad_alloc; the next call then tries again.
+    // module has to be loaded at that time. May throw std::bad_alloc; the next call then tries again, as it
+    // does when the process had no descriptor for the file.
     const SYM_FUNCTION_INDEX* functions();
     SYM_LINE_INDEX* lines();
 
@@ -26,6 +27,7 @@ class SYM_MODULE_ENTRY {
     enum class STATE { unread, read };
 
     bool open_file(SYM_ELF_FILE& file) const;
+    static STATE state_behind(const SYM_ELF_FILE& file);
 
     SYM_LOADED_MODULE m_loaded;
     std::string m_path;

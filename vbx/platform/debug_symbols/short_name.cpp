@@ -10,11 +10,19 @@ constexpr std::array<std::string_view, 18> runtime_names = {
     "c++abi", "unwind",          "asan", "tsan",    "ubsan", "lsan", "hwasan", "msan",  "linux-vdso",
 };
 
+// Of the extension of a shared library: "libfoo.so", "libfoo.so.1", and not "my.solver".
+std::size_t find_so(std::string_view name) {
+    std::size_t at = name.find(".so");
+    while (at != std::string_view::npos && at + 3 != name.size() && name[at + 3] != '.')
+        at = name.find(".so", at + 1);
+    return at;
+}
+
 } // namespace
 
 std::string sym_short_module_name(std::string_view path) {
     std::string_view name = path.substr(path.rfind('/') + 1);
-    const std::size_t shared = name.find(".so");
+    const std::size_t shared = find_so(name);
     if (shared != std::string_view::npos && shared > 0) {
         name = name.substr(0, shared);
         if (name.starts_with("lib") && name.size() > 3) {

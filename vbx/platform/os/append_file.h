@@ -1,10 +1,9 @@
 // A file to which threads append whole lines from inside anything that their program does.
 //
 //     closed --open--> open --stop--> stopped --close--> closed
-//
-// The program owns the table of descriptors. It may close all of them, and its next file then has our number:
-// before each write the file behind the number is looked at, and what is not ours is left alone.
 #pragma once
+
+#include "vbx/platform/os/kept_descriptor.h"
 
 #include <atomic>
 #include <cstddef>
@@ -19,24 +18,19 @@ class OS_APPEND_FILE {
     // is. Programs that are executed don't inherit it.
     // Returns 0 or an errno. Any thread.
     int open(const char* path);
-    bool is_open() const { return m_descriptor.load(std::memory_order_acquire) >= 0; }
+    bool is_open() const { return m_file.is_kept(); }
 
     // One write, without stdio or heap; errors are dropped, errno is kept, no signal is raised, and it is no
-    // cancellation point. Does nothing unless the file is open. Any thread.
+    // cancellation point. Does nothing unless the file is open, and when the program has closed it. Any
+    // thread.
     void append(const char* text, std::size_t length);
 
     // From here on appends do nothing; one that is under way may still write.
-    void stop();
+    void stop() { m_file.stop(); }
     // Closes a stopped file, once no append is under way any more.
-    void close();
+    void close() { m_file.close_stopped(); }
 
   private:
-    static constexpr int NONE = -1;
-    bool is_still_ours(int descriptor) const;
-
-    std::atomic<int> m_descriptor{NONE};
-    int m_stopped_descriptor = NONE;
+    OS_KEPT_DESCRIPTOR m_file;
     std::atomic<bool> m_was_opened{false};
-    std::atomic<unsigned long> m_device{0};
-    std::atomic<unsigned long> m_inode{0};
 };

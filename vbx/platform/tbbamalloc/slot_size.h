@@ -47,6 +47,7 @@ inline std::atomic<std::uint16_t>& tbbk_known_slot(std::size_t requested) noexce
     return tbbk_known_slots[(requested + tbbk_slot_step - 1) / tbbk_slot_step];
 }
 
+// Asks the heap, and remembers.
 std::size_t tbbk_ask_slot_of_request(void* block, std::size_t requested) noexcept;
 
 // The size of the slot of such a block.

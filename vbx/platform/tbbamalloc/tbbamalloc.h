@@ -30,8 +30,8 @@ using tbbk_free_check = void (*)(const void* block);
 
 // Called with a block that the program gives back, before anything of it is read: while the heap looks for
 // its size, whoever keeps a record of the block can have it fetched. What it is called with may be no live
-// block, or none of this heap. It may do nothing but read memory that is there for good: the call is not kept
-// apart from the thread's own code as the hook's is (errno, the entry frame).
+// block, or none of this heap. It may do nothing but read memory that stays while threads are inside of
+// allocator calls: it is not kept apart from the thread's own code as the hook is (errno, the entry frame).
 using tbbk_free_notice = void (*)(const void* block);
 
 // Words of one thread for who owns the hook; the shim keeps them and never looks at them. All 0 at first.

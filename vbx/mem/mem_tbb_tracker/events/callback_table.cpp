@@ -162,6 +162,7 @@ void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits) try {
 
 void mem_drop_tracking_after_fork() MEM_NO_THREAD_SAFETY_ANALYSIS {
     tbbk_set_mem_tracker_callback(nullptr);
+    tbbk_set_free_notice(nullptr);
     mem_tbb_granularity.store(0, std::memory_order_relaxed);
     current_table.store(&empty_table, std::memory_order_release);
     callback_lock.reset();

@@ -42,8 +42,8 @@ void report_timeline_index() {
     return mem_event_totals.pass(words, (mask & MEM_FEATURES) != 0 ? bytes : 0);
 }
 
-// A sample of the modules shows the event; the block counts in one of the bins either way, since it is
-// charged before and credited behind.
+// A sample of the modules shows the event, unless a reset comes in between: it is taken outside the gate. In
+// one of the bins the block counts either way, since it is charged before and credited behind.
 
 [[gnu::noinline]] void sample_modules(std::uint32_t mask) {
     if ((mask & MEM_GRANULARITY_PER_LIBRARY) != 0)

@@ -3,6 +3,7 @@
 // second time.
 
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
 #include "vbx/mem/mem_tbb_tracker/records/address_map.h"
@@ -10,14 +11,35 @@
 #include "vbx/mem/mem_tbb_tracker/records/site_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/tracker_use.h"
+#include "vbx/mem/out_of_memory/host_call.h"
 
 #include <vbx/mem/trackers.h>
 
-bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
+#include <new>
+#include <optional>
+
+namespace {
+// A reset may have removed the record that null asks for. Making it allocates under the site lock, which a
+// fork must not meet; from inside an event of its own, in a signal handler, a thread can't wait for a turn.
+class CATCH_ALL_MAKING {
+  public:
+    explicit CATCH_ALL_MAKING(const void* address) {
+        if (address == nullptr && mem_known_catch_all.load(std::memory_order_acquire) == nullptr &&
+            !mem_thread_is_inside_library())
+            m_operation.emplace();
+    }
+
+  private:
+    std::optional<MEM_LONG_OPERATION> m_operation;
+};
+} // namespace
+
+bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) try {
     MEM_CHECK(mem_tbb_tracker_is_inited());
     const MEM_TRACKER_USE use;
     if (!use)
         return false;
+    const CATCH_ALL_MAKING making(address);
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     if (address == nullptr) {
@@ -34,6 +56,8 @@ bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) {
         const MEM_SPIN_GUARD guard(*record.address_tracker_ptr);
         mem_copy_site(result, *record.address_tracker_ptr);
     });
+} catch (const std::bad_alloc&) {
+    mem_fail_host_call();
 }
 
 bool mem_get_module_tracker(const std::string& name, MEMORY_TRACKER_BASE& tracker) {

@@ -13,7 +13,7 @@
 // are spread over the slabs: those of a thread's own mostly stay with its processor.
 //
 // The memory is that of the ordinary heap, asked for inside an event, where the tracker's own requests are
-// turned away; it is given back at a clear and at the end only, since most heaps fill the same slabs again. A
+// turned away. That of the records is given back at a clear, that of the directories at the end only. A
 // block costs 16 to 32 bytes with a record of 16 where its slab is full. (oneTBB's concurrent map, which was
 // here before, took 250 instructions for an insert or an erase, five locked ones among them, and 70 bytes.)
 #pragma once

@@ -3,7 +3,6 @@
 #include "vbx/mem/base/fnv1a.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 std::size_t MEM_ADDRESS_HASH::operator()(std::uint64_t address) const {

@@ -9,8 +9,9 @@
 #include <vbx/mem/host.h>
 #include <vbx/mem/stats.h>
 
+#include <unistd.h>
+
 #include <algorithm>
-#include <fstream>
 #include <vector>
 
 namespace {
@@ -41,7 +42,8 @@ constexpr const char* FAST_REPORT_RULE = "===============================";
 
 // Stands once at the head of the file, however many processes add to it. False when there can be no file.
 bool write_head_of_new_fast_report(const std::string& name) {
-    if (std::ifstream(name))
+    // Not opened: it may be a pipe.
+    if (access(name.c_str(), R_OK) == 0)
         return true;
     MEM_REPORT_FILE stream = mem_open_report(name);
     stream << "For more detail, use INI mem_check_leaks=on\n\n";

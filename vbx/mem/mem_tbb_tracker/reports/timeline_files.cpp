@@ -13,6 +13,7 @@
 
 #include <boost/iostreams/device/null.hpp>
 #include <boost/iostreams/stream.hpp>
+#include <locale>
 
 namespace {
 
@@ -56,6 +57,8 @@ void write_bin_tag_timeline_and_statistics() {
     // The plain form has no file: a handful of tags is all that a process has.
     boost::iostreams::stream<boost::iostreams::basic_null_sink<char>> discarded{
         boost::iostreams::basic_null_sink<char>()};
+    // A host's own facets may be behind their end.
+    discarded.imbue(std::locale::classic());
     MEM_REPORT_FILE detailed = open_log("mem_tbb_pbin_tag_timeline_detailed.");
     MEM_REPORT_FILE tag_stats = open_log("mem_tbb_pbin_tag_stats.");
     MEM_REPORT_FILE tag_stats_mib = open_log("mem_tbb_pbin_tag_stats_mb.");

@@ -4,6 +4,7 @@
 
 #include <vbx/mem/host.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
@@ -11,7 +12,8 @@
 
 namespace {
 
-// The peak rules double a total and add a step to it; both have to stay inside a signed 64-bit number.
+// The peak rules double a total and add a step to it; both have to stay inside a signed 64-bit number. No
+// total comes near it, so a larger threshold means the same.
 constexpr std::uint64_t LARGEST_THRESHOLD = std::uint64_t{1} << 62;
 
 std::uint64_t parse_key(const std::string& value) {
@@ -50,8 +52,9 @@ void mem_read_settings() {
     mem_snapshot_period =
         read_setting("TARVANE_MEM_PROFILE_LIBRARY_SNAPSHOT_PERIOD", "mem_profile_library_snapshot_period",
                      MEM_DEFAULT_SNAPSHOT_PERIOD, UINT64_MAX);
-    mem_fileline_peak_threshold = static_cast<std::int64_t>(
+    const std::uint64_t threshold =
         read_setting("TARVANE_MEM_PROFILE_FILELINE_PEAK_SNAPSHOT_THRESHOLD",
                      "mem_profile_fileline_peak_snapshot_threshold",
-                     static_cast<std::uint64_t>(MEM_DEFAULT_FILELINE_PEAK_THRESHOLD), LARGEST_THRESHOLD));
+                     static_cast<std::uint64_t>(MEM_DEFAULT_FILELINE_PEAK_THRESHOLD), INT64_MAX);
+    mem_fileline_peak_threshold = static_cast<std::int64_t>(std::min(threshold, LARGEST_THRESHOLD));
 }
