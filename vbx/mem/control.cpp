@@ -1,12 +1,14 @@
 // The smaller controls of tracking.
 
 #include "vbx/mem/base/thread_state.h"
+#include "vbx/mem/host/messages.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 #include "vbx/mem/tracker.h"
 
 #include <vbx/mem/control.h>
 
 #include <cstdint>
+#include <new>
 
 void mem_set_tbb_track_alloc_dealloc(bool on) {
     if (on)
@@ -34,7 +36,12 @@ MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT::MEM_TBB_NO_TRACK_ALLOC_DEALLOC_
 }
 
 MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT::~MEM_TBB_NO_TRACK_ALLOC_DEALLOC_UNTIL_SCOPE_EXIT() {
-    mem_set_tbb_track_alloc_dealloc(m_was_on);
+    try {
+        mem_set_tbb_track_alloc_dealloc(m_was_on);
+    } catch (const std::bad_alloc&) {
+        // A destructor of the host's scope is no place to throw from.
+        mem_warn("tracking stays off: there is no memory to turn it on again");
+    }
 }
 
 namespace {

@@ -15,6 +15,7 @@ VBX_MEM_API MEM_BASE_STATS mem_enter_local_region();
 VBX_MEM_API MEM_BASE_STATS mem_exit_local_region(const MEM_BASE_STATS& saved);
 
 // Keeps the figures of the best threshold peak so far, if the stretch that ends here has beaten all before
-// it, and starts the search anew. Says so through the debug message slot. Needs a started tracker; takes time
-// in proportion to the number of sites. Throws std::bad_alloc, with the search as it was.
+// it, and starts the search anew. Says so through the debug message slot. Samples every timeline. Needs a
+// started tracker; takes time in proportion to the number of sites, and holds up events that charge one for
+// as long. Throws std::bad_alloc, with the search as it was.
 VBX_MEM_API void mem_tbb_tracking_flush_peak();

@@ -131,6 +131,8 @@ int main(int count, char** arguments) {
         ask_configuration(arguments[2]);
     } else if (action == "lock_output") {
         lock_output();
+    } else if (action == "remove_program") {
+        std::filesystem::remove(std::filesystem::read_symlink("/proc/self/exe"));
     } else if (action == "start_without_descriptors") {
         start_without_descriptors();
     } else if (action == "leak_initialiser") {

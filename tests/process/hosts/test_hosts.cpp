@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <regex>
 
 namespace {
@@ -19,7 +20,7 @@ const std::string REPORT = "mem_tbb_fileline.tvx.log";
 
 TEST_OUTCOME run_host(const TEST_DIRECTORY& directory, const TEST_ENVIRONMENT& environment,
                       LINES command = {HOST}) {
-    if (command[0] != HOST && command[0] != CONFIGURED_HOST)
+    if (!command[0].starts_with('/'))
         command.insert(command.begin(), HOST);
     const TEST_OUTCOME outcome = test_run_child({command, environment}, directory);
     EXPECT_EQ(outcome.end, "exit 9") << outcome.standard_error;
@@ -36,10 +37,14 @@ TEST(BadInput, NumericKeyWithoutANumberEndsTheLoad) {
 
 // No host's locale, closed descriptor or odd name shows in the row of its one leak.
 TEST(BadInput, HostsThatChangeTheirSurroundingsGetTheirReports) {
-    for (const LINES& action :
-         {LINES{"none"}, LINES{"close_output"}, LINES{"group_digits"}, LINES{"tag", "a b.%e"}}) {
+    for (LINES action : {LINES{"none"}, LINES{"close_output"}, LINES{"group_digits"}, LINES{"tag", "a b.%e"},
+                         LINES{"remove_program"}}) {
         SCOPED_TRACE(action[0]);
         const TEST_DIRECTORY directory;
+        if (action[0] == "remove_program") {
+            std::filesystem::copy_file(HOST, directory / "copy");
+            action.insert(action.begin(), directory / "copy");
+        }
         run_host(directory, PER_FILELINE, action);
         const auto rows = test_read_report(
             directory / (action[0] == "tag" ? "mem_tbb_fileline.a b.%e.log" : REPORT), "Fileline");

@@ -109,6 +109,7 @@ TEST_F(ATTRIBUTION_TEST, LooksAtEveryFrameAgainBehindAReset) {
     for (const std::string name : {"parse", "parse_again"}) {
         fake_define_symbol(PARSE, {name, "/src/parse.cpp", 10, "parser"});
         MEM_ADDRESS_TRACKER site;
+        EXPECT_TRUE(mem_get_address_tracker(nullptr, site)); // without a catch-all no frame is asked
         fake_captures().clear();
         for (int count = 0; count < 4; ++count)
             allocate(block += 16, 16, filtered_frames(3, {PARSE}));

@@ -34,7 +34,12 @@ bool is_readable_in(const std::vector<Elf64_Phdr>& headers, const Elf64_Phdr& pa
 std::string executable_path() {
     char path[PATH_MAX];
     const ssize_t size = readlink("/proc/self/exe", path, sizeof(path));
-    return size > 0 ? std::string(path, static_cast<std::size_t>(size)) : std::string();
+    std::string_view name(path, size > 0 ? static_cast<std::size_t>(size) : 0);
+    constexpr std::string_view REMOVED = " (deleted)"; // the kernel's remark
+    if (name.ends_with(REMOVED)) {
+        name.remove_suffix(REMOVED.size());
+    }
+    return std::string(name);
 }
 
 // Copies memory of the module without a fault where it can't be read.

@@ -10,7 +10,12 @@ SYM_MODULE_ENTRY::SYM_MODULE_ENTRY(SYM_LOADED_MODULE loaded)
       m_short_name(sym_short_module_name(m_path.empty() ? m_loaded.loader_name : m_path)) {}
 
 bool SYM_MODULE_ENTRY::open_file(SYM_ELF_FILE& file) const {
-    return !m_path.empty() && file.open(m_path.c_str()) && sym_is_file_of_image(file, m_loaded.identity);
+    const auto opens = [&](const char* path) {
+        return file.open(path) && sym_is_file_of_image(file, m_loaded.identity);
+    };
+    // An executable that was removed or replaced while it runs is still there under the kernel's name for it.
+    return !m_path.empty() &&
+           (opens(m_path.c_str()) || (m_loaded.loader_name.empty() && opens("/proc/self/exe")));
 }
 
 SYM_MODULE_ENTRY::STATE SYM_MODULE_ENTRY::state_behind(const SYM_ELF_FILE& file) {

@@ -11,16 +11,12 @@ std::uint64_t verdict_of(std::uint64_t address) {
 
 } // namespace
 
-MEM_KNOWN_SITE mem_find_known_site_by_walk(std::uint64_t generation) {
+MEM_KNOWN_SITE mem_find_known_site_by_walk(MEM_SITE& catch_all, std::uint64_t generation) {
     const std::uint64_t answer =
         mem_tbb_unwinder->ask_frames(verdict_of, MEM_CAPTURE_FRAMES + MEM_DEEP_CAPTURE_FRAMES);
     if (answer == ERR_NO_ANSWER)
         return {};
-    // Where the catch-all is missing, behind a reset, the length of a stack decides whether it is made: see
-    // the capture.
-    MEM_SITE* const site = answer != 0 ? reinterpret_cast<MEM_SITE*>(answer)
-                                       : mem_known_catch_all.load(std::memory_order_acquire);
-    return {site, generation};
+    return {answer != 0 ? reinterpret_cast<MEM_SITE*>(answer) : &catch_all, generation};
 }
 
 void mem_remember_frame(MEM_SITE& frame) {

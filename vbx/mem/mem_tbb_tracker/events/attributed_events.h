@@ -1,8 +1,9 @@
 // The attributed stretch of an event: from the stack to the site, the live-block map and the module record.
 //
-// The thread is inside the gate as a mouse for all of it, so the site that it holds a pointer to stays. When
-// the tracker itself runs out of memory the block goes unrecorded: it is charged to the catch-all record,
-// where its free, as that of an unknown block, is taken from again.
+// The thread is inside the gate as a mouse for all of it but the walks of the stack, so the site that it
+// holds a pointer to stays; what a walk has found is looked at again inside. When the tracker itself runs out
+// of memory the block goes unrecorded: it is charged to the catch-all record, where its free, as that of an
+// unknown block, is taken from again.
 //
 // What the usual event does stands here, for the event handler to be made of in one piece: the calls between
 // such short steps would be a third of it. What it does seldom is in the source file.

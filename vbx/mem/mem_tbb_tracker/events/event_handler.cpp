@@ -123,7 +123,7 @@ void mem_tbb_event_handler(void* block, std::uint64_t requested_size, std::uint6
         return;
     const MEM_IN_TRACKER_SCOPE in_tracker;
     const std::uint32_t mask = mem_current_mask();
-    // 0 in the last events before a host's enabling or behind its disabling, which count nothing.
+    // 0 in the last events before a host's enabling or behind its disabling, which are ticks and no more.
     if (mask != 0 && (mask & ~MEM_COUNTS_GLOBALLY) == 0)
         count_globally(allocated_size, is_allocation);
     else if (is_allocation)

@@ -85,7 +85,7 @@ class MEM_PB_STATS_TABLE {
 
     // Entries never move, so that shared users can index while another one grows the table.
     MEM_STABLE_ARRAY<MEM_PB_STATS> m_entries;
-    // Highest id ever charged plus one.
+    // Highest id charged since the last clear, plus one.
     std::atomic<std::size_t> m_size{0};
     MEM_SPIN_LOCK grow_lock{MEM_LOCK_RANK::innermost};
 };

@@ -8,7 +8,7 @@
 #include <string_view>
 
 // A timeline has a bin for each of its samples, so there are always as many as rows. If that should ever not
-// hold, rows without a bin are named "BinIterError" and standard error gets a line for each of them; the
+// hold, rows without a bin are named "BinIterError" and standard error gets a text for each of them; the
 // figures are written all the same.
 class MEM_BIN_ROW_LABELS final : public MEM_ROW_LABELS {
   public:

@@ -25,7 +25,8 @@ std::vector<const MEM_ADDRESS_TRACKER*> sites_by_peak() MEM_REQUIRES(mem_site_lo
     return sites;
 }
 
-// Sites that were never charged are left out, filtered frames first of all; the catch-all always stands.
+// Sites that were never charged are left out, filtered frames first of all; the catch-all stands once it has
+// been made.
 bool is_reported(const MEM_ADDRESS_TRACKER& site) {
     return site.cumulative_bytes != 0 || site.address == 0;
 }

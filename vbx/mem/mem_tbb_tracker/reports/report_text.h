@@ -1,7 +1,8 @@
 // The text of the reports: lines of tab-separated columns, and the footer that tells how long they took.
 //
-// Columns in, bytes out. Numbers are formatted here and not by the stream, so neither the host's locale nor
-// the flags of its stream show in a report.
+// Columns in, bytes out. The numbers of a line are formatted here and not by the stream, so neither the
+// host's locale nor the flags of its stream show in them. (Cells of timelines and the figures of bins and
+// tags are the stream's.)
 #pragma once
 
 #include <cstdint>

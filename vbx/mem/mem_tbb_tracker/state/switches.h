@@ -1,4 +1,4 @@
-// Which reports are asked for, and the two flags beside the mask. Plain bytes, read anywhere.
+// Which reports are asked for, and the two flags beside the mask, which are read anywhere.
 #pragma once
 
 #include <atomic>
