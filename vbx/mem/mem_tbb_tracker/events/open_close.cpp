@@ -5,6 +5,7 @@
 // something allocates.
 
 #include "vbx/mem/base/check.h"
+#include "vbx/mem/base/long_operation.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
@@ -67,8 +68,10 @@ void undo_region(MEM_PROFILE_BINS& bins, std::size_t labels_before) noexcept {
 // the teardown there are no statistics, and no events either.
 void open_with_room(MEM_PB_TABLE& names, MEM_PB_STATS_TABLE* stats, std::string_view name) {
     const std::uint32_t id = names.find_or_add(name);
-    if (const MEM_TRACKER_USE use; use)
+    if (const MEM_TRACKER_USE use; use && !stats->has_room_for(id)) {
+        const MEM_LONG_OPERATION operation; // allocates under the table's lock
         stats->make_room_for(id);
+    }
     names.push(id);
 }
 

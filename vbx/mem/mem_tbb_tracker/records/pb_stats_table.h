@@ -41,6 +41,7 @@ class MEM_PB_STATS_TABLE {
     MEM_PB_STATS_TABLE(const MEM_PB_STATS_TABLE&) = delete;
     MEM_PB_STATS_TABLE& operator=(const MEM_PB_STATS_TABLE&) = delete;
 
+    bool has_room_for(std::uint32_t id) const { return m_entries.has_room_for(id); }
     // Room for an id, which the size does not tell yet: from here on charging it never fails. The memory is
     // the tracker's own, on whatever thread. Throws std::bad_alloc.
     void make_room_for(std::uint32_t id);
