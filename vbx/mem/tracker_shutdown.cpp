@@ -40,6 +40,8 @@ namespace {
 // How long the end of the process waits for other threads' events. An event takes microseconds, or some
 // milliseconds when it opens a module's symbols; one that takes longer is stuck behind the host.
 constexpr unsigned EVENTS_TIMEOUT_MS = 2000;
+// And for their reports, which can be slow.
+constexpr unsigned OPERATION_TIMEOUT_MS = 10'000;
 
 // Set in the child of a fork: the reports are the parent's.
 constinit std::atomic<bool> is_abandoned{false};
@@ -98,13 +100,21 @@ bool thread_is_inside() {
 }
 
 bool reports_are_due() {
-    return mem_current_mask() != 0;
+    const MEM_REPORT_FLAGS& flags = mem_report_flags;
+    return mem_current_mask() != 0 || flags.fileline || flags.library || flags.bin_tag || flags.auxiliary;
 }
 
-// No event comes from here on. Waits for nothing that this thread may hold.
+// No event comes from here on.
 void stop_events() {
     mem_attempt_report("the end of the allocation log is",
                        [] { mem_close_allocation_log(events_in_flight_have_ended); });
+    clear_tracking_flags();
+    tbbk_set_mem_tracker_callback(nullptr);
+}
+
+// The same on a thread that may hold any lock. What else is in the callback table stays there.
+void stop_events_from_inside() {
+    mem_stop_allocation_log();
     clear_tracking_flags();
     tbbk_set_mem_tracker_callback(nullptr);
 }
@@ -127,8 +137,15 @@ bool is_blocked_by(const MEM_LONG_OPERATION& operation) {
     if (operation.may_begin())
         return false;
     if (reports_are_due())
-        mem_warn("no reports: an operation on another thread does not end");
+        mem_warn("no reports now: an operation on another thread does not end");
     return true;
+}
+
+// How long the shutdown waits for its turn.
+unsigned longest_wait_for_turn(bool is_inside) {
+    if (is_inside)
+        return 0;
+    return reports_are_due() ? OPERATION_TIMEOUT_MS : EVENTS_TIMEOUT_MS;
 }
 
 // Likewise.
@@ -137,7 +154,10 @@ bool shut_down(bool is_inside, const MEM_LONG_OPERATION& operation) {
     // Another thread that changes the callbacks puts a handler on the hook again. Events of this thread must
     // find it closed: they would wait at the gate for this thread itself.
     const MEM_BLOCK_SCOPE own_heap_use;
-    stop_events();
+    if (is_inside)
+        stop_events_from_inside();
+    else
+        stop_events();
     return can_go_on && write_reports_and_wait_for_events();
 }
 
@@ -176,7 +196,7 @@ void mem_shutdown_tbb_tracking() {
     if (!tracker_is_there())
         return;
     const bool is_inside = thread_is_inside();
-    const MEM_LONG_OPERATION operation(is_inside ? 0 : EVENTS_TIMEOUT_MS);
+    const MEM_LONG_OPERATION operation(longest_wait_for_turn(is_inside));
     shut_down(is_inside, operation);
 }
 
@@ -185,7 +205,7 @@ void mem_tbb_tracker_teardown() {
     if (!tracker_is_there())
         return;
     const bool is_inside = thread_is_inside();
-    const MEM_LONG_OPERATION operation(is_inside ? 0 : EVENTS_TIMEOUT_MS);
+    const MEM_LONG_OPERATION operation(longest_wait_for_turn(is_inside));
     if (!shut_down(is_inside, operation)) {
         // Somebody may be inside the objects for good. Leaking them at process end costs nothing.
         mem_end_tracker_use();

@@ -179,20 +179,30 @@ int exit_inside_report(char**) {
     return 8;
 }
 
-// Another thread never gets to the end of its report.
-int end_with_stuck_report(char**) {
-    static std::atomic<bool> is_stuck{false};
-    std::thread([] {
-        ODD_STREAM stream([] {
-            is_stuck = true;
-            for (;;)
-                pause();
-        });
+// Another thread is in the middle of a report: for good, or for longer than events take.
+std::atomic<bool> is_reporting{false};
+
+int end_while_reporting(void (*write)()) {
+    std::thread([write] {
+        ODD_STREAM stream(write);
         mem_dump_tbb_fileline_tracking(stream);
     }).detach();
-    while (!is_stuck)
+    while (!is_reporting)
         usleep(1000);
     return 9;
+}
+int end_with_stuck_report(char**) {
+    return end_while_reporting([] {
+        is_reporting = true;
+        for (;;)
+            pause();
+    });
+}
+int end_with_slow_report(char**) {
+    return end_while_reporting([] {
+        if (!is_reporting.exchange(true))
+            sleep(3);
+    });
 }
 
 } // namespace
@@ -207,6 +217,7 @@ int main(int, char** arguments) {
         {"exit_inside_query", exit_inside_query},
         {"exit_inside_report", exit_inside_report},
         {"end_with_stuck_report", end_with_stuck_report},
+        {"end_with_slow_report", end_with_slow_report},
     };
     return dangers.at(arguments[1])(arguments + 2);
 }

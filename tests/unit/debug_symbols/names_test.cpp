@@ -46,12 +46,24 @@ TEST(UNDECORATE, survives_hostile_names) {
     // As long as they are taken, and as deep as one can be.
     EXPECT_TRUE(
         undecorate("_ZNSt6vectorI4000" + std::string(4000, 'x') + "EC1Ev").starts_with("std::vector<xxx"));
-    for (const std::string unit : {"P", "1AI", "Dp", "A1_", "M1A", "PFv"}) {
+    for (const std::string unit : {"P", "1AI", "Dp", "A1_", "M1A", "PFv", "F"}) {
         std::string nested = "_Z1f";
         while (nested.size() + unit.size() < 4090)
             nested += unit;
         EXPECT_LE(undecorate(nested + "i").size(), SYM_MAX_NAME);
     }
+    // A copy of the templates for each reference: too many are left as they stand.
+    const auto with_copies = [](int templates, int references) {
+        std::string name = "_Z1fI";
+        for (int count = 0; count < templates; ++count)
+            name += "1AIiE";
+        name += "Ev";
+        for (int count = 0; count < references; ++count)
+            name += "RT_";
+        return undecorate(name);
+    };
+    EXPECT_TRUE(with_copies(400, 600).starts_with("_Z1fI1AIiE"));
+    EXPECT_TRUE(with_copies(400, 60).starts_with("f<A<int>, A<int>"));
     // Nesting too deep for the stack is left as it stands.
     const std::string deep = "_Z1f" + std::string(9996, 'P') + "i";
     EXPECT_EQ(undecorate(deep), deep.substr(0, SYM_MAX_NAME));

@@ -9,7 +9,8 @@
 class MEM_LONG_OPERATION {
   public:
     MEM_LONG_OPERATION();
-    // For who can't wait for ever: another one may be stuck, in the stream of a host for instance.
+    // For who can't wait for ever: another one may be stuck, in the stream of a host for instance. For 0 ms
+    // it is tried once.
     explicit MEM_LONG_OPERATION(unsigned timeout_ms);
     ~MEM_LONG_OPERATION();
     MEM_LONG_OPERATION(const MEM_LONG_OPERATION&) = delete;
@@ -20,6 +21,17 @@ class MEM_LONG_OPERATION {
 
   private:
     bool m_may_begin;
+};
+
+// Around a step that allocates once under a lock. It goes ahead when it isn't its turn in a moment: a fork
+// that meets it is slow then, and a host's other thread may not end its operation before this one has gone
+// on.
+class MEM_SHORT_OPERATION {
+  public:
+    MEM_SHORT_OPERATION();
+
+  private:
+    MEM_LONG_OPERATION m_operation;
 };
 
 // Around a fork. The wait is bounded: a fork that comes out of a report itself, or meets one that is stuck,

@@ -23,6 +23,7 @@ enum MEM_BLOCKED_BY : std::uint8_t {
     MEM_BLOCKED_BY_HOST = 1,
     MEM_BLOCKED_BY_OWN_WORK = 2,   // an operation of the library, which may hold locks
     MEM_BLOCKED_BY_FREE_CHECK = 4, // the double-free check
+    MEM_BLOCKED_BY_LAST_STEPS = 8, // the end of a process without memory; holds no lock
 };
 
 inline constinit __thread MEM_THREAD_STATE mem_thread_state{};

@@ -57,6 +57,10 @@ void mem_set_print_allocations_callback_enabled(bool on) try {
     mem_fail_host_call();
 }
 
+void mem_stop_allocation_log() {
+    allocation_log.stop();
+}
+
 void mem_close_allocation_log(bool (*events_have_ended)()) {
     if (!allocation_log.is_open())
         return;

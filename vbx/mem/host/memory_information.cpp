@@ -1,5 +1,6 @@
 // The figures of the operating system, with the peaks that it doesn't keep.
 
+#include "vbx/mem/host/host_slots.h"
 #include "vbx/mem/host/memory_source.h"
 #include "vbx/mem/host/messages.h"
 
@@ -140,16 +141,37 @@ std::uint64_t mem_raise_peak_address_space() {
     return raise_to(peaks.process_virtual, virtual_size());
 }
 
-std::uint64_t mem_info_get_process_peak_virtual_used() {
-    const std::uint64_t peak = mem_raise_peak_address_space();
-    // Asked at every call: hosts turn it on while they run.
-    if (!mem_cfg_is_on("mem_report_peak_virtual_memory_from_os", false))
-        return peak;
+namespace {
+
+// Asked at every call: hosts turn it on while they run.
+bool peak_is_overridden() {
+    return mem_cfg_is_on("mem_report_peak_virtual_memory_from_os", false);
+}
+
+std::uint64_t overriding_peak(std::uint64_t peak) {
     const std::uint64_t peak_page_file = mem_info_get_process_peak_page_file_used();
     mem_msg_debug(
         "Overriding old peak memory calculation (%lu bytes) with OS peak pagefile usage (%lu bytes)", peak,
         peak_page_file);
     return peak_page_file;
+}
+
+} // namespace
+
+std::uint64_t mem_info_get_process_peak_virtual_used() {
+    const std::uint64_t peak = mem_raise_peak_address_space();
+    return peak_is_overridden() ? overriding_peak(peak) : peak;
+}
+
+std::uint64_t mem_peak_virtual_used_at_end() {
+    const std::uint64_t peak = mem_raise_peak_address_space();
+    // With nothing held: a host's callback may wait for a thread that prints.
+    if (!peak_is_overridden())
+        return peak;
+    if (mem_load_slot(mem_host_slots.debug_message) != nullptr)
+        return overriding_peak(peak);
+    const MEM_STDOUT_AT_END standard_output;
+    return standard_output.can_be_used() ? overriding_peak(peak) : peak;
 }
 
 std::uint64_t mem_info_get_system_current_physical_in_use() {

@@ -36,3 +36,8 @@ int mem_query_process_memory(OS_PROCESS_MEMORY& memory);
 // Raises the stored peak of the address space to its present size and gives it, whatever the configuration
 // says, without a message.
 std::uint64_t mem_raise_peak_address_space();
+
+// The same with the say of the configuration, like mem_info_get_process_peak_virtual_used; but where the
+// message of that would have to wait for another thread that holds standard output, there is neither message
+// nor override. Throws what a host's configuration callback throws.
+std::uint64_t mem_peak_virtual_used_at_end();

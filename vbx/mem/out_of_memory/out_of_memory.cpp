@@ -41,22 +41,12 @@ void flush_if_free(std::FILE* stream) {
     funlockfile(stream);
 }
 
-// The query may print a message. Where the host takes none, another thread may hold standard output for good,
-// or until this one has done its last steps: then it is done without the configuration's say.
-std::uint64_t peak_bytes() {
-    if (mem_load_slot(mem_host_slots.debug_message) != nullptr)
-        return mem_info_get_process_peak_virtual_used();
-    const MEM_STDOUT_AT_END standard_output;
-    return standard_output.can_be_used() ? mem_info_get_process_peak_virtual_used()
-                                         : mem_raise_peak_address_space();
-}
-
 // A host's configuration callback is asked on the way and may need memory that is no longer there.
 int peak_megabytes() {
     constexpr std::uint64_t MEGABYTE = 1'000'000;
     try {
-        const MEM_BLOCK_SCOPE own_work;
-        return static_cast<int>(peak_bytes() / MEGABYTE);
+        const MEM_BLOCK_SCOPE last_steps(MEM_BLOCKED_BY_LAST_STEPS);
+        return static_cast<int>(mem_peak_virtual_used_at_end() / MEGABYTE);
     } catch (...) {
         return static_cast<int>(mem_raise_peak_address_space() / MEGABYTE);
     }

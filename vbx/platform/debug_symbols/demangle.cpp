@@ -1,19 +1,38 @@
 #include "vbx/platform/debug_symbols/demangle.h"
 
+#include "vbx/platform/debug_symbols/scratch_stack.h"
+
 #include <libiberty/demangle.h>
 
 #include <algorithm>
 #include <csetjmp>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
 // The demangler keeps its working set on the stack, about 64 bytes a character, and recurses with the depth
-// of the name. What the deepest name of this length takes has to fit the scratch stack: 0.7 of its 1 MB.
+// of the name: some 0.9 MB for the deepest name of this length.
 constexpr std::size_t longest_decorated_name = 4096;
 
-// The demangler's own limit goes by the length, and is 1024 characters: templates of templates have more.
+// For each reference to a template parameter it has room for a copy of the list of all templates: 16 bytes an
+// entry, where either may be counted twice.
+constexpr std::size_t most_template_copies = 32768;
+static_assert(most_template_copies * 4 * 16 + (1u << 20) <= SYM_SCRATCH_STACK_BYTES);
+
+// Its own limit goes by the length, and is 1024 characters: templates of templates have more.
 constexpr int options = DMGL_PARAMS | DMGL_ANSI | DMGL_RET_DROP | DMGL_NO_RECURSE_LIMIT;
+
+// Letters of identifiers are taken for more of both, never for less.
+bool fits_the_stack(std::string_view name) {
+    std::size_t templates = 0;
+    std::size_t references = 0;
+    for (std::size_t at = 0; at + 1 < name.size(); ++at) {
+        templates += name[at] == 'I' || name[at] == 'J';
+        references += (name[at] == 'R' || name[at] == 'O') && (name[at + 1] == 'T' || name[at + 1] == 'S');
+    }
+    return name.size() <= longest_decorated_name && templates * references <= most_template_copies;
+}
 
 struct DEMANGLE_SINK {
     char* out;
@@ -55,7 +74,7 @@ void sym_demangle(const char* name, char* out, std::size_t length) {
     }
     const std::size_t size = std::strlen(name);
     // Only the C++ prefix: the demangler would also take plain identifiers for types.
-    if (std::strncmp(name, "_Z", 2) == 0 && size <= longest_decorated_name) {
+    if (std::strncmp(name, "_Z", 2) == 0 && fits_the_stack({name, size})) {
         DEMANGLE_SINK sink{out, length - 1, 0, {}};
         if (print_demangled(name, sink)) {
             out[sink.used] = '\0';

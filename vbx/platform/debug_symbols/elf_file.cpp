@@ -54,8 +54,8 @@ bool SYM_ELF_FILE::open(const char* path) {
     close();
     // A FIFO or a device must not stop the thread that is inside malloc, nor become its terminal.
     m_descriptor = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    m_was_refused = m_descriptor < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM);
     if (m_descriptor < 0) {
+        m_was_refused |= errno == EMFILE || errno == ENFILE || errno == ENOMEM;
         return false;
     }
     m_path = path;

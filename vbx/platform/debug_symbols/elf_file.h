@@ -41,8 +41,8 @@ class SYM_ELF_FILE {
     bool open(const char* path);
     void close();
 
-    // Behind an open or a read that failed: whether the cause may pass. The process was out of descriptors or
-    // memory, or the host has closed ours.
+    // Behind opens or reads that failed: whether the cause may pass. For any of them the process was out of
+    // descriptors or memory, or the host has closed ours.
     bool may_succeed_later() const { return m_was_refused || (m_descriptor >= 0 && !is_intact()); }
 
     // Reads exactly `size` bytes at `offset`; false at the end of the file and on errors.

@@ -18,8 +18,9 @@ bool SYM_MODULE_ENTRY::open_file(SYM_ELF_FILE& file) const {
            (opens(m_path.c_str()) || (m_loaded.loader_name.empty() && opens("/proc/self/exe")));
 }
 
-SYM_MODULE_ENTRY::STATE SYM_MODULE_ENTRY::state_behind(const SYM_ELF_FILE& file) {
-    return file.may_succeed_later() ? STATE::unread : STATE::read;
+SYM_MODULE_ENTRY::STATE SYM_MODULE_ENTRY::state_behind(const SYM_ELF_FILE& file,
+                                                       const SYM_ELF_FILE& debug_file) {
+    return file.may_succeed_later() || debug_file.may_succeed_later() ? STATE::unread : STATE::read;
 }
 
 const SYM_FUNCTION_INDEX* SYM_MODULE_ENTRY::functions() {
@@ -38,7 +39,7 @@ const SYM_FUNCTION_INDEX* SYM_MODULE_ENTRY::functions() {
                 m_functions = std::move(index);
             }
         }
-        m_functions_state = state_behind(file);
+        m_functions_state = state_behind(file, debug_file);
     }
     return m_functions.get();
 }
@@ -55,7 +56,7 @@ SYM_LINE_INDEX* SYM_MODULE_ENTRY::lines() {
                 m_lines = std::move(index);
             }
         }
-        m_lines_state = state_behind(file);
+        m_lines_state = state_behind(file, debug_file);
     }
     return m_lines.get();
 }

@@ -27,7 +27,7 @@ class SYM_MODULE_ENTRY {
     enum class STATE { unread, read };
 
     bool open_file(SYM_ELF_FILE& file) const;
-    static STATE state_behind(const SYM_ELF_FILE& file);
+    static STATE state_behind(const SYM_ELF_FILE& file, const SYM_ELF_FILE& debug_file);
 
     SYM_LOADED_MODULE m_loaded;
     std::string m_path;

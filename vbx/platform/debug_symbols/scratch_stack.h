@@ -14,7 +14,7 @@
 
 #include <cstddef>
 
-constexpr std::size_t SYM_SCRATCH_STACK_BYTES = 1u << 20; // only what is touched takes memory
+constexpr std::size_t SYM_SCRATCH_STACK_BYTES = 4u << 20; // only what is touched takes memory
 
 // Runs work(argument) on the scratch stack, which is mapped at the first call and kept; gives back what the
 // work throws. Throws std::bad_alloc when it can't be mapped. Neither thread-safe nor reentrant: the lock

@@ -33,9 +33,12 @@ std::uint64_t read_kept_file() {
 } // namespace
 
 void os_keep_address_space_file() {
-    if (kept_file.is_kept())
-        return;
     const int callers_errno = errno;
+    kept_file.forget_if_closed();
+    if (kept_file.is_kept()) {
+        errno = callers_errno;
+        return;
+    }
     const OS_NO_CANCELLATION no_cancellation;
     if (const int descriptor = open("/proc/self/statm", O_RDONLY | O_CLOEXEC); descriptor >= 0) {
         owner.store(getpid(), std::memory_order_relaxed);

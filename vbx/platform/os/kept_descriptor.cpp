@@ -46,6 +46,12 @@ int OS_KEPT_DESCRIPTOR::usable() const {
     return is_ours(descriptor) ? descriptor : NONE;
 }
 
+void OS_KEPT_DESCRIPTOR::forget_if_closed() {
+    int descriptor = m_descriptor.load(std::memory_order_acquire);
+    if (descriptor != NONE && !is_ours(descriptor))
+        m_descriptor.compare_exchange_strong(descriptor, NONE);
+}
+
 void OS_KEPT_DESCRIPTOR::stop() {
     m_stopped = m_descriptor.exchange(NONE);
 }

@@ -21,6 +21,8 @@ class OS_KEPT_DESCRIPTOR {
 
     // The number while it is ours, else NONE. Any thread.
     int usable() const;
+    // Makes way for another one if the program has closed this one. Any thread.
+    void forget_if_closed();
 
     // From here on nothing is kept; whoever has the number already may still use it.
     void stop();

@@ -139,12 +139,16 @@ void change_mask(std::uint32_t old_mask, std::uint32_t new_mask) MEM_REQUIRES(me
 
 } // namespace
 
+// The scopes mark the thread for as long as it holds the lock: a signal handler on it may end the process.
+
 void mem_start_tracking(MEM_TRACKING_GRANULARITY mask) {
+    const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_SPIN_GUARD guard(mem_granularity_lock);
     change_mask(0, mask);
 }
 
 void mem_enable_tracking(MEM_TRACKING_GRANULARITY bits) try {
+    const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_SPIN_GUARD guard(mem_granularity_lock);
     const std::uint32_t old_mask = mem_current_mask();
     change_mask(old_mask, old_mask | bits);
@@ -153,6 +157,7 @@ void mem_enable_tracking(MEM_TRACKING_GRANULARITY bits) try {
 }
 
 void mem_disable_tracking(MEM_TRACKING_GRANULARITY bits) try {
+    const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_SPIN_GUARD guard(mem_granularity_lock);
     const std::uint32_t old_mask = mem_current_mask();
     change_mask(old_mask, old_mask & ~static_cast<std::uint32_t>(bits));

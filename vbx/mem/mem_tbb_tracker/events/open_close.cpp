@@ -69,7 +69,7 @@ void undo_region(MEM_PROFILE_BINS& bins, std::size_t labels_before) noexcept {
 void open_with_room(MEM_PB_TABLE& names, MEM_PB_STATS_TABLE* stats, std::string_view name) {
     const std::uint32_t id = names.find_or_add(name);
     if (const MEM_TRACKER_USE use; use && !stats->has_room_for(id)) {
-        const MEM_LONG_OPERATION operation; // allocates under the table's lock
+        const MEM_SHORT_OPERATION operation;
         stats->make_room_for(id);
     }
     names.push(id);

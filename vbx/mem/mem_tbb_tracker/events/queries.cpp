@@ -18,28 +18,15 @@
 #include <new>
 #include <optional>
 
-namespace {
-// A reset may have removed the record that null asks for. Making it allocates under the site lock, which a
-// fork must not meet; from inside an event of its own, in a signal handler, a thread can't wait for a turn.
-class CATCH_ALL_MAKING {
-  public:
-    explicit CATCH_ALL_MAKING(const void* address) {
-        if (address == nullptr && mem_known_catch_all.load(std::memory_order_acquire) == nullptr &&
-            !mem_thread_is_inside_library())
-            m_operation.emplace();
-    }
-
-  private:
-    std::optional<MEM_LONG_OPERATION> m_operation;
-};
-} // namespace
-
 bool mem_get_address_tracker(const void* address, MEM_ADDRESS_TRACKER& result) try {
     MEM_CHECK(mem_tbb_tracker_is_inited());
     const MEM_TRACKER_USE use;
     if (!use)
         return false;
-    const CATCH_ALL_MAKING making(address);
+    // A reset may have removed the record that null asks for. Making it allocates under the site lock.
+    std::optional<MEM_SHORT_OPERATION> operation;
+    if (address == nullptr && mem_known_catch_all.load(std::memory_order_acquire) == nullptr)
+        operation.emplace();
     const MEM_BLOCK_SCOPE own_heap_use;
     const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
     if (address == nullptr) {

@@ -9,6 +9,7 @@
 #include <vbx/mem/host.h>
 #include <vbx/mem/stats.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,7 +44,7 @@ constexpr const char* FAST_REPORT_RULE = "===============================";
 // Stands once at the head of the file, however many processes add to it. False when there can be no file.
 bool write_head_of_new_fast_report(const std::string& name) {
     // Not opened: it may be a pipe.
-    if (access(name.c_str(), R_OK) == 0)
+    if (faccessat(AT_FDCWD, name.c_str(), R_OK, AT_EACCESS) == 0)
         return true;
     MEM_REPORT_FILE stream = mem_open_report(name);
     stream << "For more detail, use INI mem_check_leaks=on\n\n";
