@@ -104,22 +104,45 @@ bool reports_are_due() {
     return mem_current_mask() != 0 || flags.fileline || flags.library || flags.bin_tag || flags.auxiliary;
 }
 
-// No event comes from here on.
-void stop_events() {
-    mem_attempt_report("the end of the allocation log is",
-                       [] { mem_close_allocation_log(events_in_flight_have_ended); });
+// The shutdown's turn among the long operations. A thread that is inside must not even wait for it: who has
+// it may wait for this thread. And another thread's report may go into a stream that blocks.
+class SHUTDOWN_TURN {
+  public:
+    bool is_inside() const { return m_is_inside; }
+
+    // Whether reports can be written and events waited for.
+    bool has_come() const {
+        if (m_is_inside)
+            return false;
+        if (!m_operation.may_begin() && reports_are_due())
+            mem_warn("no reports now: an operation on another thread does not end");
+        return m_operation.may_begin();
+    }
+
+  private:
+    static unsigned longest_wait(bool is_inside) {
+        if (is_inside)
+            return 0;
+        return reports_are_due() ? OPERATION_TIMEOUT_MS : EVENTS_TIMEOUT_MS;
+    }
+
+    const bool m_is_inside = thread_is_inside();
+    const MEM_LONG_OPERATION m_operation{longest_wait(m_is_inside)};
+};
+
+// No event comes from here on. On a thread that is inside, and may hold any lock, the log's handler stays in
+// the callback table.
+void stop_events(const SHUTDOWN_TURN& turn) {
+    if (turn.is_inside())
+        mem_stop_allocation_log();
+    else
+        mem_attempt_report("the end of the allocation log is",
+                           [] { mem_close_allocation_log(events_in_flight_have_ended); });
     clear_tracking_flags();
     tbbk_set_mem_tracker_callback(nullptr);
 }
 
-// The same on a thread that may hold any lock. What else is in the callback table stays there.
-void stop_events_from_inside() {
-    mem_stop_allocation_log();
-    clear_tracking_flags();
-    tbbk_set_mem_tracker_callback(nullptr);
-}
-
-// True when no event can be using the tracker's objects any more.
+// True when no event can be using the tracker's objects any more; so is the next.
 bool write_reports_and_wait_for_events() {
     const OS_NO_WRITE_SIGNALS no_signals;
     const bool ended = events_in_flight_have_ended();
@@ -132,32 +155,12 @@ bool write_reports_and_wait_for_events() {
     return ended;
 }
 
-// Another thread's report may go into a stream that blocks.
-bool is_blocked_by(const MEM_LONG_OPERATION& operation) {
-    if (operation.may_begin())
-        return false;
-    if (reports_are_due())
-        mem_warn("no reports now: an operation on another thread does not end");
-    return true;
-}
-
-// How long the shutdown waits for its turn.
-unsigned longest_wait_for_turn(bool is_inside) {
-    if (is_inside)
-        return 0;
-    return reports_are_due() ? OPERATION_TIMEOUT_MS : EVENTS_TIMEOUT_MS;
-}
-
-// Likewise.
-bool shut_down(bool is_inside, const MEM_LONG_OPERATION& operation) {
-    const bool can_go_on = !is_inside && !is_blocked_by(operation);
+bool shut_down(const SHUTDOWN_TURN& turn) {
+    const bool can_go_on = turn.has_come();
     // Another thread that changes the callbacks puts a handler on the hook again. Events of this thread must
     // find it closed: they would wait at the gate for this thread itself.
     const MEM_BLOCK_SCOPE own_heap_use;
-    if (is_inside)
-        stop_events_from_inside();
-    else
-        stop_events();
+    stop_events(turn);
     return can_go_on && write_reports_and_wait_for_events();
 }
 
@@ -189,24 +192,21 @@ void destroy_objects() {
 } // namespace
 
 // Writing files is where a pending cancellation strikes; a thread that ends its process must get to the end.
-// And a thread that is inside must not even wait for its turn: who has it may wait for this thread.
 
 void mem_shutdown_tbb_tracking() {
     const OS_NO_CANCELLATION no_cancellation;
     if (!tracker_is_there())
         return;
-    const bool is_inside = thread_is_inside();
-    const MEM_LONG_OPERATION operation(longest_wait_for_turn(is_inside));
-    shut_down(is_inside, operation);
+    const SHUTDOWN_TURN turn;
+    shut_down(turn);
 }
 
 void mem_tbb_tracker_teardown() {
     const OS_NO_CANCELLATION no_cancellation;
     if (!tracker_is_there())
         return;
-    const bool is_inside = thread_is_inside();
-    const MEM_LONG_OPERATION operation(longest_wait_for_turn(is_inside));
-    if (!shut_down(is_inside, operation)) {
+    const SHUTDOWN_TURN turn;
+    if (!shut_down(turn)) {
         // Somebody may be inside the objects for good. Leaking them at process end costs nothing.
         mem_end_tracker_use();
         return;

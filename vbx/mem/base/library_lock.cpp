@@ -33,12 +33,18 @@ void MEM_LIBRARY_LOCK::enter() MEM_NO_THREAD_SAFETY_ANALYSIS {
     depth.fetch_add(1, std::memory_order_relaxed);
 }
 
-void MEM_LIBRARY_LOCK::leave() MEM_NO_THREAD_SAFETY_ANALYSIS {
+namespace {
+void leave_level(bool has_section) {
     if (depth.load(std::memory_order_relaxed) == 0)
         return;
     depth.fetch_sub(1, std::memory_order_relaxed);
-    if (exists())
+    if (has_section)
         section.leave();
+}
+} // namespace
+
+void MEM_LIBRARY_LOCK::leave() MEM_NO_THREAD_SAFETY_ANALYSIS {
+    leave_level(exists());
 }
 
 void MEM_LIBRARY_LOCK::destroy() MEM_NO_THREAD_SAFETY_ANALYSIS {
@@ -46,12 +52,7 @@ void MEM_LIBRARY_LOCK::destroy() MEM_NO_THREAD_SAFETY_ANALYSIS {
         return;
     is_being_destroyed = true;
     // First of all: who gets the section from here on sees that it is gone. The object itself is never freed.
-    const bool existed = section_exists.exchange(false);
-    if (depth.load(std::memory_order_relaxed) != 0) {
-        depth.fetch_sub(1, std::memory_order_relaxed);
-        if (existed)
-            section.leave();
-    }
+    leave_level(section_exists.exchange(false));
     is_being_destroyed = false;
 }
 

@@ -8,7 +8,7 @@
 
 using MEM_COUNTER = KTL_RELAXED_ATOMIC<long long>;
 
-// For a process of one thread. Each of the first two gives the new value.
+// For a process of one thread.
 struct MEM_PLAIN_STEPS {
     static long long add(MEM_COUNTER& counter, long long delta) {
         const long long sum = counter.load() + delta;

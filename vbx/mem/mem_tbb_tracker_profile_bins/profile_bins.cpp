@@ -24,7 +24,7 @@ constinit CLAIM claim;
 MEM_PROFILE_BINS& MEM_PROFILE_BINS::make_instance() {
     OS_PATIENCE patience;
     for (;;) {
-        if (MEM_PROFILE_BINS* const instance = s_instance.load(std::memory_order_acquire)) [[likely]]
+        if (MEM_PROFILE_BINS* const instance = s_instance.load(std::memory_order_acquire))
             return *instance;
         if (claim.take())
             break;

@@ -25,13 +25,16 @@ constexpr int options = DMGL_PARAMS | DMGL_ANSI | DMGL_RET_DROP | DMGL_NO_RECURS
 
 // Letters of identifiers are taken for more of both, never for less.
 bool fits_the_stack(std::string_view name) {
+    if (name.size() > longest_decorated_name) {
+        return false;
+    }
     std::size_t templates = 0;
     std::size_t references = 0;
     for (std::size_t at = 0; at + 1 < name.size(); ++at) {
         templates += name[at] == 'I' || name[at] == 'J';
         references += (name[at] == 'R' || name[at] == 'O') && (name[at + 1] == 'T' || name[at + 1] == 'S');
     }
-    return name.size() <= longest_decorated_name && templates * references <= most_template_copies;
+    return templates * references <= most_template_copies;
 }
 
 struct DEMANGLE_SINK {

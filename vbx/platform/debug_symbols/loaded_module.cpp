@@ -1,5 +1,7 @@
 #include "vbx/platform/debug_symbols/loaded_module.h"
 
+#include "vbx/platform/os/process.h"
+
 #include <dlfcn.h>
 #include <limits.h>
 #include <sys/uio.h>
@@ -29,17 +31,6 @@ bool is_readable_in(const std::vector<Elf64_Phdr>& headers, const Elf64_Phdr& pa
         }
     }
     return false;
-}
-
-std::string executable_path() {
-    char path[PATH_MAX];
-    const ssize_t size = readlink("/proc/self/exe", path, sizeof(path));
-    std::string_view name(path, size > 0 ? static_cast<std::size_t>(size) : 0);
-    constexpr std::string_view REMOVED = " (deleted)"; // the kernel's remark
-    if (name.ends_with(REMOVED)) {
-        name.remove_suffix(REMOVED.size());
-    }
-    return std::string(name);
 }
 
 // Copies memory of the module without a fault where it can't be read.
@@ -135,7 +126,7 @@ bool sym_may_be_loaded(const SYM_LOADED_MODULE& module) {
 
 std::string sym_loaded_module_path(const SYM_LOADED_MODULE& module) {
     if (module.loader_name.empty()) {
-        return executable_path();
+        return os_executable_path();
     }
     if (module.loader_name.find('/') == std::string::npos) {
         return {}; // the kernel's vdso

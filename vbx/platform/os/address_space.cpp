@@ -30,20 +30,21 @@ std::uint64_t read_kept_file() {
     return pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
+void open_and_keep() {
+    const int descriptor = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        return;
+    owner.store(getpid(), std::memory_order_relaxed);
+    kept_file.keep(descriptor);
+}
+
 } // namespace
 
 void os_keep_address_space_file() {
     const int callers_errno = errno;
-    kept_file.forget_if_closed();
-    if (kept_file.is_kept()) {
-        errno = callers_errno;
-        return;
-    }
     const OS_NO_CANCELLATION no_cancellation;
-    if (const int descriptor = open("/proc/self/statm", O_RDONLY | O_CLOEXEC); descriptor >= 0) {
-        owner.store(getpid(), std::memory_order_relaxed);
-        kept_file.keep(descriptor);
-    }
+    if (kept_file.usable() == OS_KEPT_DESCRIPTOR::NONE)
+        open_and_keep();
     errno = callers_errno;
 }
 

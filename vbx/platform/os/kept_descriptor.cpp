@@ -22,6 +22,11 @@ int moved_up(int descriptor) {
 } // namespace
 
 void OS_KEPT_DESCRIPTOR::keep(int descriptor) {
+    int before = m_descriptor.load(std::memory_order_acquire);
+    if (is_ours(before)) {
+        close(descriptor);
+        return;
+    }
     descriptor = moved_up(descriptor);
     struct stat file {};
     fstat(descriptor, &file);
@@ -29,8 +34,7 @@ void OS_KEPT_DESCRIPTOR::keep(int descriptor) {
     m_inode.store(file.st_ino, std::memory_order_relaxed);
     // Without a lock, which a fork could copy: two threads that come at once have opened one and the same
     // file.
-    int none = NONE;
-    if (!m_descriptor.compare_exchange_strong(none, descriptor))
+    if (!m_descriptor.compare_exchange_strong(before, descriptor))
         close(descriptor);
 }
 
@@ -44,12 +48,6 @@ bool OS_KEPT_DESCRIPTOR::is_ours(int descriptor) const {
 int OS_KEPT_DESCRIPTOR::usable() const {
     const int descriptor = m_descriptor.load(std::memory_order_acquire);
     return is_ours(descriptor) ? descriptor : NONE;
-}
-
-void OS_KEPT_DESCRIPTOR::forget_if_closed() {
-    int descriptor = m_descriptor.load(std::memory_order_acquire);
-    if (descriptor != NONE && !is_ours(descriptor))
-        m_descriptor.compare_exchange_strong(descriptor, NONE);
 }
 
 void OS_KEPT_DESCRIPTOR::stop() {

@@ -15,14 +15,13 @@ class OS_KEPT_DESCRIPTOR {
     OS_KEPT_DESCRIPTOR& operator=(const OS_KEPT_DESCRIPTOR&) = delete;
 
     // Keeps an open descriptor, under a number that programs don't count on and that programs which are
-    // executed don't inherit. When one is kept already, this one is closed. Any thread.
+    // executed don't inherit. When one is kept already, and the program has not closed it, this one is
+    // closed. Any thread.
     void keep(int descriptor);
     bool is_kept() const { return m_descriptor.load(std::memory_order_acquire) != NONE; }
 
     // The number while it is ours, else NONE. Any thread.
     int usable() const;
-    // Makes way for another one if the program has closed this one. Any thread.
-    void forget_if_closed();
 
     // From here on nothing is kept; whoever has the number already may still use it.
     void stop();

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <string_view>
+
 namespace {
 
 constinit bool before_other_initialisers = false;
@@ -22,6 +24,7 @@ using INITIALISER = void(int, char**, char**);
 } // namespace
 
 std::string os_executable_path() {
+    constexpr std::string_view REMOVED = " (deleted)"; // the kernel's remark
     std::string path(256, '\0');
     for (;;) {
         const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
@@ -29,6 +32,8 @@ std::string os_executable_path() {
             return {};
         if (static_cast<std::size_t>(length) < path.size()) {
             path.resize(static_cast<std::size_t>(length));
+            if (path.ends_with(REMOVED))
+                path.resize(path.size() - REMOVED.size());
             return path;
         }
         path.resize(path.size() * 2);

@@ -3,7 +3,8 @@
 
 #include <string>
 
-// Path of the running executable; empty when the kernel doesn't tell.
+// Path of the running executable, or where it was when it has been removed; empty when the kernel doesn't
+// tell.
 std::string os_executable_path();
 
 // Whether the process is still before the first initialiser of any library but the one that asks. Other
