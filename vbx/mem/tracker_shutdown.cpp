@@ -100,8 +100,7 @@ bool thread_is_inside() {
 }
 
 bool reports_are_due() {
-    const MEM_REPORT_FLAGS& flags = mem_report_flags;
-    return mem_current_mask() != 0 || flags.fileline || flags.library || flags.bin_tag || flags.auxiliary;
+    return mem_current_mask() != 0 || mem_any_report_is_due();
 }
 
 // The shutdown's turn among the long operations. A thread that is inside must not even wait for it: who has

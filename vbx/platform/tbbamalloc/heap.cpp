@@ -40,11 +40,9 @@ void give_back_to_libc(void* block) {
 
 } // namespace
 
-constinit bool tbbk_heap_was_abandoned = false;
-
-constinit TBBK_HEAP tbbk_heap = {scalable_malloc, scalable_aligned_malloc, resize_either, give_back_either};
+constinit TBBK_HEAP tbbk_heap = {scalable_malloc, scalable_aligned_malloc, resize_either, give_back_either,
+                                 false};
 
 void tbbk_heap_abandon() noexcept {
-    tbbk_heap = {__libc_malloc, libc_obtain_aligned, resize_into_libc, give_back_to_libc};
-    tbbk_heap_was_abandoned = true;
+    tbbk_heap = {__libc_malloc, libc_obtain_aligned, resize_into_libc, give_back_to_libc, true};
 }

@@ -11,6 +11,7 @@ struct TBBK_HEAP {
     void* (*obtain_aligned)(std::size_t size, std::size_t alignment);
     void* (*resize)(void* block, std::size_t size); // block not null, size not 0
     void (*give_back)(void* block);                 // any block, foreign ones too
+    bool is_abandoned;                              // the C library's
 };
 
 extern TBBK_HEAP tbbk_heap __attribute__((visibility("hidden")));
@@ -18,9 +19,3 @@ extern TBBK_HEAP tbbk_heap __attribute__((visibility("hidden")));
 // In a forked child with a single thread: from now on all blocks come from the C library. Blocks of tbbmalloc
 // stay readable and are never given back. No events are reported any more.
 void tbbk_heap_abandon() noexcept;
-
-extern bool tbbk_heap_was_abandoned __attribute__((visibility("hidden")));
-
-inline bool tbbk_heap_is_abandoned() noexcept {
-    return tbbk_heap_was_abandoned;
-}

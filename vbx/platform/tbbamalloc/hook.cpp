@@ -29,17 +29,17 @@ void tbbk_report_aligned_allocation(tbbk_mem_tracker_callback hook, const void* 
 
 void tbbk_run_free_check(tbbk_free_check check, const void* frame, const void* block) noexcept {
     const int saved_errno = errno;
-    const void* const outer_frame = tbbk_frame;
-    tbbk_frame = frame;
-    check(block);
-    tbbk_frame = outer_frame;
+    {
+        const TBBK_FRAME_SCOPE scope(frame);
+        check(block);
+    }
     errno = saved_errno;
 }
 
 void tbbk_set_mem_tracker_callback(tbbk_mem_tracker_callback callback) noexcept {
     // With a hook the entry points ask tbbmalloc for the sizes of blocks, which would then be the C
     // library's.
-    tbbk_hook.exchange(tbbk_heap_is_abandoned() ? nullptr : callback);
+    tbbk_hook.exchange(tbbk_heap.is_abandoned ? nullptr : callback);
 }
 
 void tbbk_set_free_check(tbbk_free_check check) noexcept {

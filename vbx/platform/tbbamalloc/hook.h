@@ -30,12 +30,22 @@ struct TBBK_EVENT {
     bool is_allocation;
 };
 
+// What is called by the shim sees `frame` as the entry frame; then that of an entry further out comes back.
+class TBBK_FRAME_SCOPE {
+  public:
+    explicit TBBK_FRAME_SCOPE(const void* frame) noexcept { tbbk_frame = frame; }
+    ~TBBK_FRAME_SCOPE() { tbbk_frame = m_outer; }
+    TBBK_FRAME_SCOPE(const TBBK_FRAME_SCOPE&) = delete;
+    TBBK_FRAME_SCOPE& operator=(const TBBK_FRAME_SCOPE&) = delete;
+
+  private:
+    const void* const m_outer = tbbk_frame;
+};
+
 inline void tbbk_call_hook(tbbk_mem_tracker_callback hook, const void* frame,
                            const TBBK_EVENT& event) noexcept {
-    const void* const outer_frame = tbbk_frame;
-    tbbk_frame = frame;
+    const TBBK_FRAME_SCOPE scope(frame);
     hook(event.block, event.requested, event.allocated, event.is_allocation);
-    tbbk_frame = outer_frame;
 }
 
 // Calls the hook for an event with `frame` as the entry frame. Keeps errno, which belongs to the caller of

@@ -11,7 +11,7 @@ namespace {
 
 // A block of tbbmalloc's, behind a hook call: in which the process may have been forked.
 void give_back_own(void* block) noexcept {
-    if (!tbbk_heap_is_abandoned()) [[likely]]
+    if (!tbbk_heap.is_abandoned) [[likely]]
         scalable_free(block);
 }
 

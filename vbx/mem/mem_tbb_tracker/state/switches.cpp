@@ -6,10 +6,10 @@
 #include <vbx/mem/control.h>
 #include <vbx/mem/host.h>
 
+#include <algorithm>
 #include <boost/filesystem/path.hpp>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <string>
 
 namespace {
@@ -52,9 +52,12 @@ constexpr FEATURE_ROW AUXILIARY = {
     &MEM_REPORT_FLAGS::auxiliary,
 };
 
+constexpr std::atomic<bool> MEM_REPORT_FLAGS::*REPORT_FLAGS[] = {
+    &MEM_REPORT_FLAGS::fileline, &MEM_REPORT_FLAGS::library, &MEM_REPORT_FLAGS::bin_tag,
+    &MEM_REPORT_FLAGS::auxiliary};
+
 void set_all_report_flags(bool value) {
-    for (auto flag : {&MEM_REPORT_FLAGS::fileline, &MEM_REPORT_FLAGS::library, &MEM_REPORT_FLAGS::bin_tag,
-                      &MEM_REPORT_FLAGS::auxiliary})
+    for (const auto flag : REPORT_FLAGS)
         mem_report_flags.*flag = value;
 }
 
@@ -100,6 +103,10 @@ bool mem_environment_switch_is_on(const char* name) {
 
 void mem_clear_report_flags() {
     set_all_report_flags(false);
+}
+
+bool mem_any_report_is_due() {
+    return std::ranges::any_of(REPORT_FLAGS, [](auto flag) { return (mem_report_flags.*flag).load(); });
 }
 
 MEM_TRACKING_GRANULARITY mem_get_tracking_granularity_from_env() {

@@ -14,6 +14,7 @@ struct MEM_REPORT_FLAGS {
 // later brings no report.
 inline constinit MEM_REPORT_FLAGS mem_report_flags;
 void mem_clear_report_flags();
+bool mem_any_report_is_due();
 
 // Region measuring at the opening and closing of profile bins.
 inline constinit std::atomic<bool> mem_memory_tracking_flag{false};
