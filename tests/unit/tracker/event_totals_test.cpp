@@ -54,8 +54,8 @@ TEST_F(EVENT_TOTALS_TEST, APeakIsFoundToTheByte) {
     EXPECT_EQ(mem_event_totals.total(), 2 * PEAK);
 }
 
-// With a period that leaves room for borrowing, and one that doesn't. One thread has no words to borrow into;
-// all have ended when the figures are asked for.
+// With periods that leave room for borrowing, and one that doesn't; a power of two is compared without a
+// division. One thread has no words to borrow into; all have ended when the figures are asked for.
 class SAMPLE_COUNT_TEST : public TRACKER_TEST, public testing::WithParamInterface<std::uint64_t> {};
 
 TEST_P(SAMPLE_COUNT_TEST, TicksAndBytesAreExact) {

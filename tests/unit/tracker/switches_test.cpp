@@ -60,42 +60,39 @@ const struct {
 
 } // namespace
 
-class MASK_TEST : public testing::TestWithParam<std::size_t> {};
+class SWITCHES_TEST : public TRACKER_TEST {};
 
-TEST_P(MASK_TEST, IsWorkedOutFromTheSwitches) {
-    const auto& [switches, mask, expected_flags] = MASKS[GetParam()];
-    SCOPED_TRACE(switches);
-    set_all(switches);
-    EXPECT_EQ(mem_get_tracking_granularity_from_env(), mask);
-    std::string flags;
-    flags += mem_report_flags.fileline ? "f" : "";
-    flags += mem_report_flags.library ? "l" : "";
-    flags += mem_report_flags.bin_tag ? "b" : "";
-    flags += mem_report_flags.auxiliary ? "a" : "";
-    EXPECT_EQ(flags, expected_flags);
-    EXPECT_FALSE(mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN)); // worked out, not stored
+TEST_F(SWITCHES_TEST, MakeTheMask) {
+    for (const auto& [switches, mask, expected_flags] : MASKS) {
+        SCOPED_TRACE(switches);
+        clearenv();
+        mem_clear_report_flags();
+        set_all(switches);
+        EXPECT_EQ(mem_get_tracking_granularity_from_env(), mask);
+        std::string flags;
+        flags += mem_report_flags.fileline ? "f" : "";
+        flags += mem_report_flags.library ? "l" : "";
+        flags += mem_report_flags.bin_tag ? "b" : "";
+        flags += mem_report_flags.auxiliary ? "a" : "";
+        EXPECT_EQ(flags, expected_flags);
+        EXPECT_FALSE(mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN)); // worked out, not stored
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, MASK_TEST, testing::Range<std::size_t>(0, std::size(MASKS)));
-
-class SETTING_TEST : public testing::TestWithParam<std::size_t> {};
-
-TEST_P(SETTING_TEST, IsReadOrReplacedByTheDefault) {
-    const auto& [settings, period, threshold, lines] = SETTINGS[GetParam()];
-    SCOPED_TRACE(settings);
-    set_all(settings);
-    testing::internal::CaptureStderr();
-    mem_read_settings();
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(mem_snapshot_period, period);
-    EXPECT_EQ(mem_fileline_peak_threshold, threshold);
-    EXPECT_EQ(std::ranges::count(said, '\n'), lines) << said;
-    EXPECT_EQ(said.starts_with("MEM: "), !said.empty()) << said;
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, SETTING_TEST, testing::Range<std::size_t>(0, std::size(SETTINGS)));
-
-TEST(SETTINGS_TEST, AKeyWithoutANumberIsAnException) {
+TEST_F(SWITCHES_TEST, SettingsAreReadOrReplacedByTheDefault) {
+    for (const auto& [settings, period, threshold, lines] : SETTINGS) {
+        SCOPED_TRACE(settings);
+        clearenv();
+        set_all(settings);
+        testing::internal::CaptureStderr();
+        mem_read_settings();
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(mem_snapshot_period, period);
+        EXPECT_EQ(mem_fileline_peak_threshold, threshold);
+        EXPECT_EQ(std::ranges::count(said, '\n'), lines) << said;
+        EXPECT_EQ(said.starts_with("MEM: "), !said.empty()) << said;
+    }
+    // A key without a number is an exception.
     set_all(PERIOD_KEY + "99999999999999999999999");
     EXPECT_THROW(mem_read_settings(), std::out_of_range);
     set_all(PERIOD_KEY + "7" + THRESHOLD_KEY + "x");
@@ -104,7 +101,7 @@ TEST(SETTINGS_TEST, AKeyWithoutANumberIsAnException) {
 
 // ---- what a host may answer in place of the environment
 
-TEST(HOST_SLOT_TEST, ConfigurationIsThatOfTheHostOrOfTheEnvironment) {
+TEST_F(SWITCHES_TEST, ConfigurationIsThatOfTheHostOrOfTheEnvironment) {
     const auto answers = [] {
         return std::to_string(mem_cfg_is_on("k", false)) + std::to_string(mem_cfg_is_on("k", true)) + " " +
                mem_cfg_get_value("k") + " " + std::to_string(mem_cfg_get_int_value("k", 7));
@@ -120,7 +117,7 @@ TEST(HOST_SLOT_TEST, ConfigurationIsThatOfTheHostOrOfTheEnvironment) {
     EXPECT_EQ(answers(), "10 k 70");
 }
 
-TEST(HOST_SLOT_TEST, PathsAreEmptyWithoutAHost) {
+TEST_F(SWITCHES_TEST, PathsAreEmptyWithoutAHost) {
     const auto answers = [] {
         return mem_gen_get_tarvane_path() + mem_gen_get_db_dir_path_string() + mem_gen_get_module_filename() +
                mem_gen_get_project_output_directory() + (mem_gen_get_is_ui_process() ? " ui" : "");
@@ -144,7 +141,7 @@ bool inform(const char* format, ...) {
 }
 } // namespace
 
-TEST_F(TRACKER_TEST, MessagesGoToTheirSlotOrToStandardOutput) {
+TEST_F(SWITCHES_TEST, MessagesGoToTheirSlotOrToStandardOutput) {
     testing::internal::CaptureStdout();
     EXPECT_TRUE(inform("%s", "info")); // the slot of the debug messages is filled
     mem_set_msg_local_vdebug_callback(nullptr);

@@ -45,14 +45,6 @@ TEST_F(TIMELINES_TEST, TheFirstEventEveryPeriodthAndPeaksAreSamples) {
     EXPECT_EQ(mem_module_timeline->bytes_series.at("parser").runs.size(), 2U);
 }
 
-// A period that is a power of two is compared without a division.
-TEST_F(TIMELINES_TEST, EveryEighthTickIsASample) {
-    start(MEM_GRANULARITY_PER_LIBRARY, "8");
-    for (std::uint64_t tick = 0; tick < 24; ++tick)
-        allocate(0xA000 + 16 * tick, 1, {PARSE});
-    EXPECT_EQ(module_rows(), "\tOTHER\tparser\nOther\t0\t1\nOther\t0\t9\nOther\t0\t17\n");
-}
-
 TEST_F(TIMELINES_TEST, EventsThatAreOnlyCountedAreTicks) {
     start(MEM_GRANULARITY_CHECK_LEAKS_FAST, "8");
     for (std::uint64_t tick = 0; tick < 7; ++tick)
