@@ -17,15 +17,12 @@
 
 namespace {
 
-enum class ALLOCATIONS { of_events, all };
-thread_local ALLOCATIONS failing = ALLOCATIONS::of_events;
-// Those that still succeed; below 0, all do.
+// Of this thread, those that still succeed; below 0, all do.
 thread_local int allocations_left = -1;
 
 // With so many allocations of any kind left.
 template <class CALL>
 bool succeeds_with(int left, CALL call) {
-    failing = ALLOCATIONS::all;
     allocations_left = left;
     bool succeeds = true;
     try {
@@ -38,8 +35,7 @@ bool succeeds_with(int left, CALL call) {
 }
 
 bool next_allocation_fails() {
-    const bool is_counted = failing == ALLOCATIONS::all || mem_thread_state.in_tracker_byte != 0;
-    return is_counted && allocations_left >= 0 && (allocations_left == 0 || allocations_left-- == 0);
+    return allocations_left >= 0 && (allocations_left == 0 || allocations_left-- == 0);
 }
 
 } // namespace

@@ -101,34 +101,31 @@ TEST_F(SWITCHES_TEST, SettingsAreReadOrReplacedByTheDefault) {
 
 // ---- what a host may answer in place of the environment
 
-TEST_F(SWITCHES_TEST, ConfigurationIsThatOfTheHostOrOfTheEnvironment) {
-    const auto answers = [] {
+TEST_F(SWITCHES_TEST, AHostMayAnswerForTheEnvironment) {
+    const auto configuration = [] {
         return std::to_string(mem_cfg_is_on("k", false)) + std::to_string(mem_cfg_is_on("k", true)) + " " +
                mem_cfg_get_value("k") + " " + std::to_string(mem_cfg_get_int_value("k", 7));
     };
-    EXPECT_EQ(answers(), "01  0");
-    set_variable("k", "Off");
-    EXPECT_EQ(answers(), "00 Off 0");
-    set_variable("k", "12abc");
-    EXPECT_EQ(answers(), "01 12abc 12");
-    mem_set_cfg_is_on_callback([](const char*, bool default_value) { return !default_value; });
-    mem_set_cfg_get_value_callback([](const char* name, std::string* value) { *value += name; });
-    mem_set_cfg_get_int_value_callback([](const char*, int* value, int usual) { *value += 10 * usual; });
-    EXPECT_EQ(answers(), "10 k 70");
-}
-
-TEST_F(SWITCHES_TEST, PathsAreEmptyWithoutAHost) {
-    const auto answers = [] {
+    const auto paths = [] {
         return mem_gen_get_tarvane_path() + mem_gen_get_db_dir_path_string() + mem_gen_get_module_filename() +
                mem_gen_get_project_output_directory() + (mem_gen_get_is_ui_process() ? " ui" : "");
     };
-    EXPECT_EQ(answers(), "");
+    EXPECT_EQ(configuration(), "01  0");
+    EXPECT_EQ(paths(), "");
+    set_variable("k", "Off");
+    EXPECT_EQ(configuration(), "00 Off 0");
+    set_variable("k", "12abc");
+    EXPECT_EQ(configuration(), "01 12abc 12");
+    mem_set_cfg_is_on_callback([](const char*, bool default_value) { return !default_value; });
+    mem_set_cfg_get_value_callback([](const char* name, std::string* value) { *value += name; });
+    mem_set_cfg_get_int_value_callback([](const char*, int* value, int usual) { *value += 10 * usual; });
+    EXPECT_EQ(configuration(), "10 k 70");
     mem_set_gen_get_tarvane_path_callback([] { return std::string("suite "); });
     mem_set_gen_get_db_dir_path_string_callback([] { return std::string("db "); });
     mem_set_gen_get_module_filename_callback([] { return std::string("module "); });
     mem_set_gen_get_project_output_directory_callback([]() -> const char* { return "out"; });
     mem_set_gen_get_is_ui_process_callback([] { return true; });
-    EXPECT_EQ(answers(), "suite db module out ui");
+    EXPECT_EQ(paths(), "suite db module out ui");
 }
 
 namespace {

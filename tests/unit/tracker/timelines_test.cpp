@@ -68,9 +68,6 @@ TEST_F(TIMELINES_TEST, AHostsSampleCountsWhateverIsOn) {
     EXPECT_EQ(module_rows(), "\tOTHER\nidle\t0\nidle\t0\n");
     EXPECT_EQ(mem_event_totals.ticks(), 2U);
     mem_tbb_tracker_teardown();
-    mem_user_snapshot_tracking_data();
-    mem_set_timeline_label("late");
-    mem_reset_tracking_entries();
     EXPECT_FALSE(mem_dump_tbb_module_tracking(plain, detailed));
     EXPECT_TRUE(mem_dump_tbb_profile_bin_stats_tracking(plain));
 }

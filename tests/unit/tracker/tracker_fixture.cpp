@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -59,17 +58,6 @@ std::string TRACKER_TEST::take_messages() {
     return taken;
 }
 
-EMPTY_FOLDER::EMPTY_FOLDER() {
-    char folder[] = "/tmp/tracker_test_XXXXXX";
-    path = mkdtemp(folder);
-    std::filesystem::current_path(path);
-}
-
-std::string contents(const std::string& file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size) {
     fake_allocate(block, requested_size, size, std::move(stack));
 }
@@ -79,9 +67,9 @@ void release(std::uint64_t block, std::uint64_t size) {
 }
 
 std::string close_bin(const std::string& tag) {
-    std::uint64_t figures[3] = {9, 9, 9};
-    mem_close_profile_bin(tag, &figures[0], &figures[1], &figures[2]);
-    return std::to_string(figures[0]) + " " + std::to_string(figures[1]) + " " + std::to_string(figures[2]);
+    std::uint64_t open = 9, close = 9, peak = 9;
+    mem_close_profile_bin(tag, &open, &close, &peak);
+    return std::to_string(open) + " " + std::to_string(close) + " " + std::to_string(peak);
 }
 
 std::string rendered_sites() {
