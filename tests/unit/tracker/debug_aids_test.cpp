@@ -10,42 +10,34 @@
 #include <algorithm>
 #include <bitset>
 #include <cstring>
+#include <iterator>
 #include <optional>
-#include <vector>
 
 namespace {
 
 constexpr std::size_t SLAB = 16384;
 
-class DEBUG_AIDS_TEST : public TRACKER_TEST {
-  protected:
-    // Three slabs on their boundary, all zero; `at` counts from the middle one's beginning.
-    DEBUG_AIDS_TEST() : m_memory(4 * SLAB) {
-        void* begin = m_memory.data();
-        std::size_t room = m_memory.size();
-        m_middle = static_cast<unsigned char*>(std::align(SLAB, 3 * SLAB, begin, room)) + SLAB;
-    }
-    std::uint64_t address(std::ptrdiff_t at) const { return reinterpret_cast<std::uint64_t>(m_middle + at); }
+// Three slabs, all zero. Where patterns go is counted from the middle one's beginning.
+alignas(SLAB) unsigned char memory[3 * SLAB];
 
-    // What a pattern byte has been written to since the last call: "first..last", "none", or "holes".
-    std::string take_filled(int byte) {
-        const auto is_filled = [byte](unsigned char each) { return each == byte; };
-        const auto first = std::ranges::find_if(m_memory, is_filled);
-        const auto behind = std::find_if_not(first, m_memory.end(), is_filled);
-        const auto holes = std::find_if(behind, m_memory.end(), [](unsigned char each) { return each != 0; });
-        const std::ptrdiff_t begin = &*first - m_middle;
-        const std::string result = first == m_memory.end()   ? "none"
-                                   : holes != m_memory.end() ? "holes"
-                                                             : std::to_string(begin) + ".." +
-                                                                   std::to_string(begin + (behind - first));
-        std::ranges::fill(m_memory, 0);
-        return result;
-    }
+std::uint64_t address(std::ptrdiff_t at) {
+    return reinterpret_cast<std::uint64_t>(memory + SLAB + at);
+}
 
-  private:
-    std::vector<unsigned char> m_memory;
-    unsigned char* m_middle;
-};
+// What a pattern byte has been written to since the last call: "first..last", "none", or "holes".
+std::string take_filled(int byte) {
+    const auto first = std::ranges::find(memory, byte);
+    const auto behind = std::find_if(first, std::end(memory), [byte](int each) { return each != byte; });
+    const auto length = behind - first;
+    const bool is_one_stretch = std::ranges::count(memory, 0) + length == std::ssize(memory);
+    std::ranges::fill(memory, 0);
+    const auto begin = first - memory - std::ptrdiff_t{SLAB};
+    return length == 0       ? "none"
+           : !is_one_stretch ? "holes"
+                             : std::to_string(begin) + ".." + std::to_string(begin + length);
+}
+
+class DEBUG_AIDS_TEST : public TRACKER_TEST {};
 
 TEST_F(DEBUG_AIDS_TEST, PatternsAreWrittenFromTheBeginningOfTheSlot) {
     const struct {

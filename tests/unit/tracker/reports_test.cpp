@@ -1,5 +1,5 @@
-// The files that a process leaves behind: their exact text, which switch brings which, what becomes of those
-// that can't be written; and reports on streams of any kind, at the edges of their figures.
+// The files that a process leaves behind: their exact text and which switch brings which; and timelines on
+// streams of any kind, at the edges of their figures.
 
 #include "tests/unit/tracker/tracker_fixture.h"
 #include "vbx/mem/base/thread_state.h"

@@ -24,16 +24,6 @@ bool keep_message(const char* tag, const char* format, std::va_list args) {
     return true;
 }
 
-std::string rendered(const MEM_ADDRESS_TRACKER& site) {
-    std::ostringstream text;
-    text << (site.address == 0 ? "OTHER" : site.function_name) << " cur " << site.current_bytes << "/"
-         << site.current_blocks << " max " << site.max_bytes << "/" << site.max_blocks << " peak "
-         << site.peak_bytes << "/" << site.peak_blocks << " cum " << site.cumulative_bytes << "/"
-         << site.cumulative_blocks << " req " << site.cumulative_requested_bytes << " mis "
-         << site.cumulative_mismatched_bytes << "\n";
-    return text.str();
-}
-
 } // namespace
 
 TRACKER_TEST::TRACKER_TEST() {
@@ -73,16 +63,20 @@ std::string close_bin(const std::string& tag) {
 }
 
 std::string rendered_sites() {
-    std::map<std::uint64_t, std::string> lines;
+    std::map<std::uint64_t, const MEM_ADDRESS_TRACKER*> charged;
     const MEM_STILL_SITES still;
-    mem_tbb_site_table->for_each([&lines](const MEM_ADDRESS_TRACKER& site) {
+    mem_tbb_site_table->for_each([&charged](const MEM_ADDRESS_TRACKER& site) {
         if (site.cumulative_blocks != 0 || site.current_blocks != 0)
-            lines[site.address] = rendered(site);
+            charged[site.address] = &site;
     });
-    std::string text;
-    for (const auto& [address, line] : lines)
-        text += line;
-    return text;
+    std::ostringstream text;
+    for (const auto& [address, site] : charged)
+        text << (address == 0 ? "OTHER" : site->function_name) << " cur " << site->current_bytes << "/"
+             << site->current_blocks << " max " << site->max_bytes << "/" << site->max_blocks << " peak "
+             << site->peak_bytes << "/" << site->peak_blocks << " cum " << site->cumulative_bytes << "/"
+             << site->cumulative_blocks << " req " << site->cumulative_requested_bytes << " mis "
+             << site->cumulative_mismatched_bytes << "\n";
+    return text.str();
 }
 
 MEMORY_TRACKER_BASE module_record(const std::string& name) {
