@@ -102,25 +102,6 @@ TEST_F(ATTRIBUTION_TEST, LooksDeeperOnlyBehindAFullCapture) {
     }
 }
 
-// What is known of frames must not outlive the table.
-TEST_F(ATTRIBUTION_TEST, LooksAtEveryFrameAgainBehindAReset) {
-    start(MEM_GRANULARITY_PER_FILELINE | MEM_GRANULARITY_PER_LIBRARY);
-    std::uint64_t block = 0xA000;
-    for (const std::string name : {"parse", "parse_again"}) {
-        fake_define_symbol(PARSE, {name, "/src/parse.cpp", 10, "parser"});
-        MEM_ADDRESS_TRACKER site;
-        EXPECT_TRUE(mem_get_address_tracker(nullptr, site)); // without a catch-all no frame is asked
-        fake_captures().clear();
-        for (int count = 0; count < 4; ++count)
-            allocate(block += 16, 16, filtered_frames(3, {PARSE}));
-        EXPECT_EQ(fake_captures().size(), 1U);
-        EXPECT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(block), site));
-        EXPECT_EQ(site.function_name, name);
-        EXPECT_EQ(site.current_blocks, 4);
-        mem_reset_tracking_entries();
-    }
-}
-
 TEST_F(ATTRIBUTION_TEST, KeepsAndCutsWhatTheServiceSays) {
     fake_define_symbol(0x600, {std::string(2000, 'f'), std::string(257, 'p'), 7, std::string(65, 'm')});
     const MEM_ADDRESS_TRACKER record = resolved(0x600);

@@ -128,22 +128,13 @@ TEST_F(SWITCHES_TEST, AHostMayAnswerForTheEnvironment) {
     EXPECT_EQ(paths(), "suite db module out ui");
 }
 
-namespace {
-bool inform(const char* format, ...) {
-    std::va_list args;
-    va_start(args, format);
-    const bool result = mem_msg_local_vinfo("TAG", format, args);
-    va_end(args);
-    return result;
-}
-} // namespace
-
 TEST_F(SWITCHES_TEST, MessagesGoToTheirSlotOrToStandardOutput) {
+    std::va_list none{}; // no text asks for any
     testing::internal::CaptureStdout();
-    EXPECT_TRUE(inform("%s", "info")); // the slot of the debug messages is filled
+    EXPECT_TRUE(mem_msg_local_vinfo("TAG", "info", none)); // the slot of the debug messages is filled
     mem_set_msg_local_vdebug_callback(nullptr);
     mem_set_msg_local_vinfo_callback([](const char*, const char*, std::va_list) { return false; });
     EXPECT_TRUE(mem_msg_debug("x %d", 1));
-    EXPECT_FALSE(inform("nobody sees this"));
+    EXPECT_FALSE(mem_msg_local_vinfo("TAG", "nobody sees this", none));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "TAG: info\nMEM: x 1\n");
 }
