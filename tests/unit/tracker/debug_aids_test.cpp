@@ -54,7 +54,7 @@ TEST_F(DEBUG_AIDS_TEST, PatternsAreWrittenFromTheBeginningOfTheSlot) {
         {15384, 0, 3000, "13384..16384"},
         {0, 5000, 8128, "-8000..-3000"}, // 16384 below the end: 128 more than two slots
         {128, 8128, 8128, "128..8256"},
-        {SLAB - 1025, 1025, 1025, "15359..16384"},
+        {15459, 500, 1025, "15359..15859"},
     };
     mem_set_alloc_pattern(0x1AB);
     for (const auto& [at, requested, allocated, filled] : cases) {

@@ -17,24 +17,6 @@
 #include <random>
 #include <sstream>
 
-TEST(GATE_TEST, ACatThatWaitsKeepsNewMiceOut) {
-    MEM_TRACKER_GATE gate;
-    gate.enter(MEM_GATE_ROLE::mouse);
-    std::atomic<bool> cat_was_inside{false};
-    const auto cats = run_on_threads(1, [&](std::uint64_t) {
-        const MEM_GATE_CAT cat(gate);
-        cat_was_inside = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // it has announced itself by then
-    const auto mice = run_on_threads(1, [&](std::uint64_t) {
-        const MEM_GATE_MOUSE mouse(gate);
-        EXPECT_TRUE(cat_was_inside);
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(cat_was_inside);
-    gate.leave(MEM_GATE_ROLE::mouse);
-}
-
 // With the fence of all threads and where there is none. One of the mice has no words of its own. What
 // happens without a fence happens seldom: so they are counted, too.
 class GATE_FENCE_TEST : public testing::TestWithParam<bool> {};
