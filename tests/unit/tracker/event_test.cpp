@@ -145,18 +145,6 @@ TEST_F(ATTRIBUTION_TEST, HoldsNobodyUpWhileItDescribes) {
 
 class EVENT_TEST : public TRACKER_TEST {};
 
-// Who keeps no record of blocks has none fetched.
-TEST_F(EVENT_TEST, FreesAreNoticedWithTheFeaturesThatKeepBlocks) {
-    start(MEM_GRANULARITY_NONE);
-    for (unsigned mask = 1; mask <= 127; ++mask) {
-        const auto bits = static_cast<MEM_TRACKING_GRANULARITY>(mask);
-        mem_enable_tracking(bits);
-        EXPECT_EQ(fake_free_notice_is_installed(), (mask & (2 | 4 | 8 | 16)) != 0) << mask;
-        mem_disable_tracking(bits);
-        EXPECT_FALSE(fake_free_notice_is_installed()) << mask;
-    }
-}
-
 // Its free was never seen. The sites keep the second allocation.
 TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
     start(MEM_GRANULARITY_PER_FILELINE);
