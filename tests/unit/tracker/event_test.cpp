@@ -102,25 +102,6 @@ TEST_F(ATTRIBUTION_TEST, LooksDeeperOnlyBehindAFullCapture) {
     }
 }
 
-// What is known of frames must not outlive the table.
-TEST_F(ATTRIBUTION_TEST, LooksAtEveryFrameAgainBehindAReset) {
-    start(MEM_GRANULARITY_PER_FILELINE | MEM_GRANULARITY_PER_LIBRARY);
-    std::uint64_t block = 0xA000;
-    for (const std::string name : {"parse", "parse_again"}) {
-        fake_define_symbol(PARSE, {name, "/src/parse.cpp", 10, "parser"});
-        MEM_ADDRESS_TRACKER site;
-        EXPECT_TRUE(mem_get_address_tracker(nullptr, site)); // without a catch-all no frame is asked
-        fake_captures().clear();
-        for (int count = 0; count < 4; ++count)
-            allocate(block += 16, 16, filtered_frames(3, {PARSE}));
-        EXPECT_EQ(fake_captures().size(), 1U);
-        EXPECT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(block), site));
-        EXPECT_EQ(site.function_name, name);
-        EXPECT_EQ(site.current_blocks, 4);
-        mem_reset_tracking_entries();
-    }
-}
-
 TEST_F(ATTRIBUTION_TEST, KeepsAndCutsWhatTheServiceSays) {
     fake_define_symbol(0x600, {std::string(2000, 'f'), std::string(257, 'p'), 7, std::string(65, 'm')});
     const MEM_ADDRESS_TRACKER record = resolved(0x600);
@@ -164,18 +145,6 @@ TEST_F(ATTRIBUTION_TEST, HoldsNobodyUpWhileItDescribes) {
 
 class EVENT_TEST : public TRACKER_TEST {};
 
-// Who keeps no record of blocks has none fetched.
-TEST_F(EVENT_TEST, FreesAreNoticedWithTheFeaturesThatKeepBlocks) {
-    start(MEM_GRANULARITY_NONE);
-    for (unsigned mask = 1; mask <= 127; ++mask) {
-        const auto bits = static_cast<MEM_TRACKING_GRANULARITY>(mask);
-        mem_enable_tracking(bits);
-        EXPECT_EQ(fake_free_notice_is_installed(), (mask & (2 | 4 | 8 | 16)) != 0) << mask;
-        mem_disable_tracking(bits);
-        EXPECT_FALSE(fake_free_notice_is_installed()) << mask;
-    }
-}
-
 // Its free was never seen. The sites keep the second allocation.
 TEST_F(EVENT_TEST, ABlockAllocatedTwiceHasOneOwner) {
     start(MEM_GRANULARITY_PER_FILELINE);
@@ -196,31 +165,6 @@ TEST_F(EVENT_TEST, APeakHasNoBlockThatTheTablesLack) {
     release(0xC000, 16);
     EXPECT_EQ(mem_threshold_peak_bytes.load(), (1 << 20) + 16);
     EXPECT_NE(rendered_sites().find("query cur 1048576/1 max 1048576/1 peak 1048576/1"), std::string::npos);
-}
-
-TEST_F(EVENT_TEST, CountsBlockedThreadsAndItsOwnEventsApart) {
-    start(MEM_GRANULARITY_ALL);
-    EXPECT_EQ(mem_block_thread_tracking(), 0);
-    EXPECT_EQ(mem_block_thread_tracking(), 1);
-    allocate(0xA000, 64, {PARSE});
-    allocate(0xA040, 64, {PARSE}, 50);
-    release(0xA000, 64);
-    EXPECT_EQ(mem_unblock_thread_tracking(), 1);
-    EXPECT_EQ(mem_unblock_thread_tracking(), 0);
-    {
-        const MEM_IN_TRACKER_SCOPE own_event;
-        allocate(0xB000, 8, {PARSE});
-        release(0xA040, 64);
-    }
-    EXPECT_EQ(rendered_sites(), "");
-    EXPECT_EQ(mem_event_totals.ticks(), 0U);
-    const MEM_FALLBACK_COUNTERS& counters = mem_fallback_counters;
-    EXPECT_EQ(counters.allocations.load(), 3U);
-    EXPECT_EQ(counters.frees.load(), 2U);
-    EXPECT_EQ(counters.requested_total.load(), 50U);
-    EXPECT_EQ(counters.allocated_total.load(), 136U);
-    EXPECT_EQ(counters.requested_outstanding.load(), 50U);
-    EXPECT_EQ(counters.allocated_outstanding.load(), 8U);
 }
 
 TEST_F(EVENT_TEST, PrintsTheTimelineIndexOnEveryEighthSample) {
@@ -252,22 +196,18 @@ TEST_F(EVENT_TEST, ScopeGuardStopsTheGlobalStatisticsAlone) {
 
 namespace {
 
-std::string calls;
+thread_local std::string calls;
 std::atomic<long> counted_calls{0};
 
 template <char NAME>
 void callback(void*, std::uint64_t, std::uint64_t, bool) {
     calls += NAME;
-}
-template <int NUMBER>
-void counting_callback(void*, std::uint64_t, std::uint64_t, bool) {
     ++counted_calls;
 }
-template <int... NUMBERS>
-void add_counting_callbacks(std::integer_sequence<int, NUMBERS...>) {
-    (mem_add_callback_function(counting_callback<NUMBERS>), ...);
+template <char... NAMES>
+void add_callbacks() {
+    (mem_add_callback_function(callback<NAMES>), ...);
 }
-
 std::string calls_of_one_event() {
     calls.clear();
     allocate(0xA000, 16, {});
@@ -279,11 +219,9 @@ std::string calls_of_one_event() {
 class CALLBACK_TABLE_TEST : public TRACKER_TEST {};
 
 TEST_F(CALLBACK_TABLE_TEST, HoldsSixteenInOrderOfAdding) {
-    mem_add_callback_function(callback<'a'>);
-    mem_add_callback_function(callback<'a'>);
+    add_callbacks<'a', 'a'>();
     EXPECT_EQ(calls_of_one_event(), "a");
-    mem_add_callback_function(callback<'b'>);
-    mem_add_callback_function(callback<'c'>);
+    add_callbacks<'b', 'c'>();
     EXPECT_EQ(calls_of_one_event(), "abc");
     mem_remove_callback_function(callback<'b'>);
     mem_remove_callback_function(callback<'d'>);
@@ -298,26 +236,24 @@ TEST_F(CALLBACK_TABLE_TEST, HoldsSixteenInOrderOfAdding) {
     EXPECT_EQ(mem_get_current_bytes(), 16U);
     mem_remove_callback_function(callback<'c'>);
     EXPECT_FALSE(fake_hook_is_installed());
-    add_counting_callbacks(std::make_integer_sequence<int, 16>());
-    calls_of_one_event();
-    EXPECT_EQ(counted_calls, 16);
-    EXPECT_DEATH(mem_add_callback_function(callback<'a'>),
-                 "MEM: internal error: Change the size of callback_fns to increase the number of allowed "
-                 "callbacks");
+    add_callbacks<'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm', 'n', 'o', 'p'>();
+    EXPECT_EQ(calls_of_one_event(), "abcdefghijklmnop");
+    EXPECT_DEATH(add_callbacks<'q'>(), "MEM: internal error: Change the size of callback_fns to increase the "
+                                       "number of allowed callbacks");
 }
 
 // A change of the table is one step for an event: it calls the old entries or the new ones, none twice.
 TEST_F(CALLBACK_TABLE_TEST, ChangesUnderRunningEvents) {
-    add_counting_callbacks(std::make_integer_sequence<int, 2>());
+    add_callbacks<'a', 'b'>();
     std::atomic<bool> stop{false};
     std::atomic<long> events{0};
     auto threads = run_on_threads(2, [&](std::uint64_t) {
         for (; !stop; ++events)
-            allocate(0xA000, 16, {});
+            calls_of_one_event();
     });
     for (int change = 0; change < 2000; ++change) {
-        mem_remove_callback_function(counting_callback<0>);
-        mem_add_callback_function(counting_callback<0>);
+        mem_remove_callback_function(callback<'a'>);
+        add_callbacks<'a'>();
     }
     stop = true;
     threads.clear();

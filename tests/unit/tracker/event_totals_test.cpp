@@ -5,34 +5,24 @@
 
 #include <random>
 
-class EVENT_TOTALS_TEST : public TRACKER_TEST {
-  protected:
-    static constexpr std::int64_t MIB = 1 << 20;
-
-    // Keeps the process at two threads, and what it has borrowed.
-    std::atomic<bool> stop{false};
-    std::jthread other;
-
-    void borrow_on_another_thread(std::uint64_t block) {
-        std::atomic<bool> is_done{false};
-        other = std::jthread([&, block] {
-            for (std::uint64_t size : {1000, 3000, 500})
-                allocate(block + size, size, {PARSE});
-            release(block + 1000, 1000);
-            is_done = true;
-            while (!stop)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        });
-        while (!is_done)
-            std::this_thread::yield();
-    }
-    ~EVENT_TOTALS_TEST() override { stop = true; }
-};
+class EVENT_TOTALS_TEST : public TRACKER_TEST {};
 
 TEST_F(EVENT_TOTALS_TEST, APeakIsFoundToTheByte) {
+    constexpr std::int64_t MIB = 1 << 20;
     start(MEM_GRANULARITY_PER_FILELINE);
     allocate(0xA0000000, 20 * MIB, {PARSE});
-    borrow_on_another_thread(0xB0000000);
+    // Keeps the process at two threads, and what it has borrowed.
+    std::atomic<bool> has_borrowed{false}, stop{false};
+    auto other = run_on_threads(1, [&](std::uint64_t) {
+        for (std::uint64_t size : {1000, 3000, 500})
+            allocate(0xB0000000 + size, size, {PARSE});
+        release(0xB0000000 + 1000, 1000);
+        has_borrowed = true;
+        while (!stop)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    while (!has_borrowed)
+        std::this_thread::yield();
     constexpr std::int64_t PEAK = 20 * MIB + 4500; // of the other thread, before its free
     EXPECT_NE(take_messages().find("recording peak bytes at 20976020 bytes"), std::string::npos);
     auto up_to = [total = 20 * MIB + 3500, block = 0xC0000000](std::int64_t wanted) mutable {
@@ -52,10 +42,11 @@ TEST_F(EVENT_TOTALS_TEST, APeakIsFoundToTheByte) {
     release(0xF000, 0);
     EXPECT_NE(take_messages().find("recording peak bytes at 41952040 bytes"), std::string::npos);
     EXPECT_EQ(mem_event_totals.total(), 2 * PEAK);
+    stop = true;
 }
 
-// With a period that leaves room for borrowing, and one that doesn't. One thread has no words to borrow into;
-// all have ended when the figures are asked for.
+// With periods that leave room for borrowing, and one that doesn't; a power of two is compared without a
+// division. One thread has no words to borrow into; all have ended when the figures are asked for.
 class SAMPLE_COUNT_TEST : public TRACKER_TEST, public testing::WithParamInterface<std::uint64_t> {};
 
 TEST_P(SAMPLE_COUNT_TEST, TicksAndBytesAreExact) {

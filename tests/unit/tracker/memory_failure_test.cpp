@@ -17,14 +17,25 @@
 
 namespace {
 
-enum class ALLOCATIONS { of_events, all };
-thread_local ALLOCATIONS failing = ALLOCATIONS::of_events;
-// Those that still succeed; below 0, all do.
+// Of this thread, those that still succeed; below 0, all do.
 thread_local int allocations_left = -1;
 
+// With so many allocations of any kind left.
+template <class CALL>
+bool succeeds_with(int left, CALL call) {
+    allocations_left = left;
+    bool succeeds = true;
+    try {
+        call();
+    } catch (const std::bad_alloc&) {
+        succeeds = false;
+    }
+    allocations_left = -1;
+    return succeeds;
+}
+
 bool next_allocation_fails() {
-    const bool is_counted = failing == ALLOCATIONS::all || mem_thread_state.in_tracker_byte != 0;
-    return is_counted && allocations_left >= 0 && (allocations_left == 0 || allocations_left-- == 0);
+    return allocations_left >= 0 && (allocations_left == 0 || allocations_left-- == 0);
 }
 
 } // namespace
@@ -110,33 +121,6 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
     EXPECT_NE(pbin_stats->figures(late_id).cumulative_bytes, 0);
 }
 
-TEST_F(MEMORY_FAILURE_TEST, MapsThatCannotGrowLeaveNothingBehind) {
-    start(MEM_GRANULARITY_ALL);
-    const MEM_PROFILE_BIN_SCOPE bin("bin", "tag");
-    const auto expect_all_hold = [](std::int64_t bytes) {
-        EXPECT_EQ(module_record("parser").current_bytes + module_record("OTHER").current_bytes, bytes);
-        for (MEM_PB_STATS_TABLE* const table : {pbin_stats, ptag_stats})
-            EXPECT_EQ(table->figures(MEM_ROOT_ID).current_bytes + table->figures(1).current_bytes, bytes);
-    };
-    constexpr std::uint64_t BLOCKS = 40'000;
-    const auto block_at = [](std::uint64_t number) { return 0x1000 * (number + 1); };
-    for (std::uint64_t number = 0; number < BLOCKS; ++number) {
-        FAKE_STACK stack{PARSE};
-        fake_captures().clear();
-        allocations_left = number < 100 ? -1 : 0;
-        fake_allocate(block_at(number), 64, 64, std::move(stack));
-        allocations_left = -1;
-    }
-    expect_all_hold(64 * BLOCKS);
-    EXPECT_NE(catch_all().current_blocks, 0);
-    EXPECT_NE(ptag_stats->figures(MEM_ROOT_ID).current_bytes, 0);
-    for (std::uint64_t number = 0; number < BLOCKS; ++number)
-        release(block_at(number), 64);
-    expect_all_hold(0);
-    EXPECT_EQ(catch_all().current_blocks, 0);
-    EXPECT_EQ(ptag_stats->figures(MEM_ROOT_ID).current_bytes, 0);
-}
-
 TEST_F(MEMORY_FAILURE_TEST, AnOpenThatFailsLeavesNothingOpen) {
     start(MEM_GRANULARITY_ALL);
     MEM_PROFILE_BINS& bins = MEM_PROFILE_BINS::get_instance();
@@ -146,15 +130,7 @@ TEST_F(MEMORY_FAILURE_TEST, AnOpenThatFailsLeavesNothingOpen) {
         SCOPED_TRACE(left);
         // New and long names, so that every kind of allocation has its turn.
         const std::string name = "a name that is too long for a small string " + std::to_string(left);
-        bool is_open = true;
-        failing = ALLOCATIONS::all;
-        allocations_left = left;
-        try {
-            mem_open_profile_bin(name, name);
-        } catch (const std::bad_alloc&) {
-            is_open = false;
-        }
-        allocations_left = -1;
+        const bool is_open = succeeds_with(left, [&name] { mem_open_profile_bin(name, name); });
         failures += !is_open;
         EXPECT_EQ(bins.m_bins().get_curr_name(), is_open ? name + "::" + name : "Root::outer");
         EXPECT_EQ(bins.m_tags().get_curr_name(), is_open ? name : "Root");
@@ -167,37 +143,20 @@ TEST_F(MEMORY_FAILURE_TEST, AnOpenThatFailsLeavesNothingOpen) {
     EXPECT_LT(failures, 30);
 }
 
-TEST_F(MEMORY_FAILURE_TEST, AFlushFailsWithNothingKeptAndNothingLocked) {
+TEST_F(MEMORY_FAILURE_TEST, HostsCallsFailWithNothingKeptAndNothingLocked) {
     start(MEM_GRANULARITY_PER_FILELINE);
     allocate(0xA000, 4000, {PARSE});
     release(0xF000, 0);
     int failures = 0;
-    for (bool is_kept = false; !is_kept;) {
-        failing = ALLOCATIONS::all;
-        allocations_left = failures;
-        try {
-            mem_tbb_tracking_flush_peak();
-            is_kept = true;
-        } catch (const std::bad_alloc&) {
-            ++failures;
-        }
-        allocations_left = -1;
+    for (bool is_kept = false; !is_kept; failures += !is_kept) {
+        is_kept = succeeds_with(failures, mem_tbb_tracking_flush_peak);
         EXPECT_EQ(mem_flushed_peak_bytes, is_kept ? 4000 : 0);
         EXPECT_EQ(catch_all().current_blocks, -1);
     }
     EXPECT_GE(failures, 2);
-}
-
-// A reset has taken the catch-all record away.
-TEST_F(MEMORY_FAILURE_TEST, AQueryThatCannotMakeItsRecordThrows) {
-    start(MEM_GRANULARITY_PER_FILELINE);
-    mem_reset_tracking_entries();
-    MEM_ADDRESS_TRACKER record;
-    failing = ALLOCATIONS::all;
-    allocations_left = 0;
-    EXPECT_THROW(mem_get_address_tracker(nullptr, record), std::bad_alloc);
-    allocations_left = -1;
-    EXPECT_TRUE(mem_get_address_tracker(nullptr, record));
+    mem_reset_tracking_entries(); // takes the catch-all record away
+    EXPECT_FALSE(succeeds_with(0, catch_all));
+    EXPECT_EQ(catch_all().current_blocks, 0);
     EXPECT_EQ(mem_thread_state.block_byte, 0);
 }
 

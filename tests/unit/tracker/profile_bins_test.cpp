@@ -4,6 +4,7 @@
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
 #include "vbx/mem/mem_tbb_tracker/records/pb_stats_table.h"
+#include "vbx/mem/mem_tbb_tracker/state/settings.h"
 #include "vbx/mem/mem_tbb_tracker/state/switches.h"
 #include "vbx/mem/mem_tbb_tracker_profile_bins/profile_bins.h"
 #include "vbx/mem/tracker.h"
@@ -104,8 +105,10 @@ TEST_F(PROFILE_BINS_TEST, InAForkedChildEveryCallReturns) {
 
 class PEAK_TEST : public TRACKER_TEST {
   protected:
-    const std::string RECORDED = "MEM: Memory tracking: recording peak bytes at ";
-
+    static std::string recorded(std::int64_t total, std::int64_t next) {
+        return "MEM: Memory tracking: recording peak bytes at " + std::to_string(total) +
+               " bytes, next peak at >= " + std::to_string(next) + " bytes\n";
+    }
     // What is said by a free while so many bytes are live.
     static std::string free_at(std::int64_t total) {
         mem_event_totals.set_total(total);
@@ -114,26 +117,20 @@ class PEAK_TEST : public TRACKER_TEST {
     }
 };
 
-// A step that is a power of two is compared without a division.
-class PEAK_STEP_TEST : public PEAK_TEST, public testing::WithParamInterface<std::int64_t> {};
-
-TEST_P(PEAK_STEP_TEST, PeakIsRecordedAtDoublingsAndHigherSteps) {
-    const std::int64_t step = GetParam();
-    set_variable("mem_profile_fileline_peak_snapshot_threshold", std::to_string(step).c_str());
+TEST_F(PEAK_TEST, IsRecordedAtDoublingsAndHigherSteps) {
     start(MEM_GRANULARITY_PER_BIN_DETAILED);
-    const auto record = [this](std::int64_t total, std::int64_t next) {
-        return RECORDED + std::to_string(total) + " bytes, next peak at >= " + std::to_string(next) +
-               " bytes\n";
-    };
-    EXPECT_EQ(free_at(step - 1), "");
-    for (const std::int64_t level : {2, 3, 4, 7}) {
-        EXPECT_EQ(free_at(level * step), record(level * step, level * step));
-        EXPECT_EQ(free_at((level + 1) * step - 1), "");
-        EXPECT_EQ(free_at(level * step), "");
+    for (const std::int64_t step : {1000, 1024}) { // a power of two is compared without a division
+        mem_fileline_peak_threshold = step;
+        mem_tbb_tracking_flush_peak();
+        take_messages();
+        EXPECT_EQ(free_at(step - 1), "");
+        for (const std::int64_t level : {2, 3, 4, 7}) {
+            EXPECT_EQ(free_at(level * step), recorded(level * step, level * step));
+            EXPECT_EQ(free_at((level + 1) * step - 1), "");
+            EXPECT_EQ(free_at(level * step), "");
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Of, PEAK_STEP_TEST, testing::Values(1000, 1024));
 
 // Below the first step only doubling counts.
 TEST_F(PEAK_TEST, IsThatOfTheBetterStretch) {
@@ -142,10 +139,10 @@ TEST_F(PEAK_TEST, IsThatOfTheBetterStretch) {
     EXPECT_EQ(free_at(1023), "");
     allocate(0xA100, 3977, {PARSE});
     release(0xF000, 0); // a free of nothing records the peak
-    EXPECT_EQ(take_messages(), RECORDED + "5000 bytes, next peak at >= 10000 bytes\n");
+    EXPECT_EQ(take_messages(), recorded(5000, 10000));
+    release(0xA100, 3977);
     mem_tbb_tracking_flush_peak();
     EXPECT_EQ(take_messages(), "MEM: Memory tracking: memory threshold peak was reset from 5000\n");
-    release(0xA100, 3977);
     allocate(0xB000, 2000, {QUERY});
     release(0xF000, 0);
     mem_tbb_tracking_flush_peak(); // lower: can't replace the first

@@ -60,42 +60,39 @@ const struct {
 
 } // namespace
 
-class MASK_TEST : public testing::TestWithParam<std::size_t> {};
+class SWITCHES_TEST : public TRACKER_TEST {};
 
-TEST_P(MASK_TEST, IsWorkedOutFromTheSwitches) {
-    const auto& [switches, mask, expected_flags] = MASKS[GetParam()];
-    SCOPED_TRACE(switches);
-    set_all(switches);
-    EXPECT_EQ(mem_get_tracking_granularity_from_env(), mask);
-    std::string flags;
-    flags += mem_report_flags.fileline ? "f" : "";
-    flags += mem_report_flags.library ? "l" : "";
-    flags += mem_report_flags.bin_tag ? "b" : "";
-    flags += mem_report_flags.auxiliary ? "a" : "";
-    EXPECT_EQ(flags, expected_flags);
-    EXPECT_FALSE(mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN)); // worked out, not stored
+TEST_F(SWITCHES_TEST, MakeTheMask) {
+    for (const auto& [switches, mask, expected_flags] : MASKS) {
+        SCOPED_TRACE(switches);
+        clearenv();
+        mem_clear_report_flags();
+        set_all(switches);
+        EXPECT_EQ(mem_get_tracking_granularity_from_env(), mask);
+        std::string flags;
+        flags += mem_report_flags.fileline ? "f" : "";
+        flags += mem_report_flags.library ? "l" : "";
+        flags += mem_report_flags.bin_tag ? "b" : "";
+        flags += mem_report_flags.auxiliary ? "a" : "";
+        EXPECT_EQ(flags, expected_flags);
+        EXPECT_FALSE(mem_tracking_is_enabled(MEM_GRANULARITY_PER_BIN)); // worked out, not stored
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, MASK_TEST, testing::Range<std::size_t>(0, std::size(MASKS)));
-
-class SETTING_TEST : public testing::TestWithParam<std::size_t> {};
-
-TEST_P(SETTING_TEST, IsReadOrReplacedByTheDefault) {
-    const auto& [settings, period, threshold, lines] = SETTINGS[GetParam()];
-    SCOPED_TRACE(settings);
-    set_all(settings);
-    testing::internal::CaptureStderr();
-    mem_read_settings();
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(mem_snapshot_period, period);
-    EXPECT_EQ(mem_fileline_peak_threshold, threshold);
-    EXPECT_EQ(std::ranges::count(said, '\n'), lines) << said;
-    EXPECT_EQ(said.starts_with("MEM: "), !said.empty()) << said;
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, SETTING_TEST, testing::Range<std::size_t>(0, std::size(SETTINGS)));
-
-TEST(SETTINGS_TEST, AKeyWithoutANumberIsAnException) {
+TEST_F(SWITCHES_TEST, SettingsAreReadOrReplacedByTheDefault) {
+    for (const auto& [settings, period, threshold, lines] : SETTINGS) {
+        SCOPED_TRACE(settings);
+        clearenv();
+        set_all(settings);
+        testing::internal::CaptureStderr();
+        mem_read_settings();
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(mem_snapshot_period, period);
+        EXPECT_EQ(mem_fileline_peak_threshold, threshold);
+        EXPECT_EQ(std::ranges::count(said, '\n'), lines) << said;
+        EXPECT_EQ(said.starts_with("MEM: "), !said.empty()) << said;
+    }
+    // A key without a number is an exception.
     set_all(PERIOD_KEY + "99999999999999999999999");
     EXPECT_THROW(mem_read_settings(), std::out_of_range);
     set_all(PERIOD_KEY + "7" + THRESHOLD_KEY + "x");
@@ -104,52 +101,40 @@ TEST(SETTINGS_TEST, AKeyWithoutANumberIsAnException) {
 
 // ---- what a host may answer in place of the environment
 
-TEST(HOST_SLOT_TEST, ConfigurationIsThatOfTheHostOrOfTheEnvironment) {
-    const auto answers = [] {
+TEST_F(SWITCHES_TEST, AHostMayAnswerForTheEnvironment) {
+    const auto configuration = [] {
         return std::to_string(mem_cfg_is_on("k", false)) + std::to_string(mem_cfg_is_on("k", true)) + " " +
                mem_cfg_get_value("k") + " " + std::to_string(mem_cfg_get_int_value("k", 7));
     };
-    EXPECT_EQ(answers(), "01  0");
-    set_variable("k", "Off");
-    EXPECT_EQ(answers(), "00 Off 0");
-    set_variable("k", "12abc");
-    EXPECT_EQ(answers(), "01 12abc 12");
-    mem_set_cfg_is_on_callback([](const char*, bool default_value) { return !default_value; });
-    mem_set_cfg_get_value_callback([](const char* name, std::string* value) { *value += name; });
-    mem_set_cfg_get_int_value_callback([](const char*, int* value, int usual) { *value += 10 * usual; });
-    EXPECT_EQ(answers(), "10 k 70");
-}
-
-TEST(HOST_SLOT_TEST, PathsAreEmptyWithoutAHost) {
-    const auto answers = [] {
+    const auto paths = [] {
         return mem_gen_get_tarvane_path() + mem_gen_get_db_dir_path_string() + mem_gen_get_module_filename() +
                mem_gen_get_project_output_directory() + (mem_gen_get_is_ui_process() ? " ui" : "");
     };
-    EXPECT_EQ(answers(), "");
+    EXPECT_EQ(configuration(), "01  0");
+    EXPECT_EQ(paths(), "");
+    set_variable("k", "Off");
+    EXPECT_EQ(configuration(), "00 Off 0");
+    set_variable("k", "12abc");
+    EXPECT_EQ(configuration(), "01 12abc 12");
+    mem_set_cfg_is_on_callback([](const char*, bool default_value) { return !default_value; });
+    mem_set_cfg_get_value_callback([](const char* name, std::string* value) { *value += name; });
+    mem_set_cfg_get_int_value_callback([](const char*, int* value, int usual) { *value += 10 * usual; });
+    EXPECT_EQ(configuration(), "10 k 70");
     mem_set_gen_get_tarvane_path_callback([] { return std::string("suite "); });
     mem_set_gen_get_db_dir_path_string_callback([] { return std::string("db "); });
     mem_set_gen_get_module_filename_callback([] { return std::string("module "); });
     mem_set_gen_get_project_output_directory_callback([]() -> const char* { return "out"; });
     mem_set_gen_get_is_ui_process_callback([] { return true; });
-    EXPECT_EQ(answers(), "suite db module out ui");
+    EXPECT_EQ(paths(), "suite db module out ui");
 }
 
-namespace {
-bool inform(const char* format, ...) {
-    std::va_list args;
-    va_start(args, format);
-    const bool result = mem_msg_local_vinfo("TAG", format, args);
-    va_end(args);
-    return result;
-}
-} // namespace
-
-TEST_F(TRACKER_TEST, MessagesGoToTheirSlotOrToStandardOutput) {
+TEST_F(SWITCHES_TEST, MessagesGoToTheirSlotOrToStandardOutput) {
+    std::va_list none{}; // no text asks for any
     testing::internal::CaptureStdout();
-    EXPECT_TRUE(inform("%s", "info")); // the slot of the debug messages is filled
+    EXPECT_TRUE(mem_msg_local_vinfo("TAG", "info", none)); // the slot of the debug messages is filled
     mem_set_msg_local_vdebug_callback(nullptr);
     mem_set_msg_local_vinfo_callback([](const char*, const char*, std::va_list) { return false; });
     EXPECT_TRUE(mem_msg_debug("x %d", 1));
-    EXPECT_FALSE(inform("nobody sees this"));
+    EXPECT_FALSE(mem_msg_local_vinfo("TAG", "nobody sees this", none));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "TAG: info\nMEM: x 1\n");
 }

@@ -11,38 +11,11 @@
 #include "vbx/mem/tracker.h"
 
 #include <atomic>
-#include <map>
+#include <deque>
 #include <memory>
 #include <numeric>
 #include <random>
 #include <sstream>
-
-TEST(GATE_TEST, ACatIsInsideAloneAndKeepsNewMiceOutBefore) {
-    MEM_TRACKER_GATE gate;
-    gate.enter(MEM_GATE_ROLE::mouse);
-    std::atomic<int> order{0}, cat_place{0}, mouse_place{0};
-    auto threads = run_on_threads(2, [&](std::uint64_t thread) {
-        // The cat can't get in; it has time to announce itself before the mouse comes behind it.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100 * thread));
-        const MEM_GATE_ROLE role = thread == 0 ? MEM_GATE_ROLE::cat : MEM_GATE_ROLE::mouse;
-        gate.enter(role);
-        (thread == 0 ? cat_place : mouse_place) = ++order;
-        gate.leave(role);
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(order, 0);
-    gate.leave(MEM_GATE_ROLE::mouse);
-    threads.clear();
-    EXPECT_LT(cat_place, mouse_place);
-    gate.enter(MEM_GATE_ROLE::cat);
-    threads = run_on_threads(1, [&](std::uint64_t) {
-        const MEM_GATE_MOUSE inside(gate);
-        ++order;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(order, 2);
-    gate.leave(MEM_GATE_ROLE::cat);
-}
 
 // With the fence of all threads and where there is none. One of the mice has no words of its own. What
 // happens without a fence happens seldom: so they are counted, too.
@@ -67,6 +40,7 @@ TEST_P(GATE_FENCE_TEST, CatsSeeNoMouseAndMiceNoCat) {
     for (int round = 0; round < CATS; ++round) {
         const MEM_GATE_CAT cat(gate);
         ++first;
+        std::this_thread::yield();
         ++second;
     }
     stop = true;
@@ -80,6 +54,9 @@ TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
     run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); });
     EXPECT_FALSE(gate.enter_as_cat_within(0));
     run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); }); // no cat approaches now
+    MEM_TRACKER_GATE other;
+    const MEM_GATE_MOUSE mouse(other); // begins while the process has no other thread
+    run_on_threads(1, [&other](std::uint64_t) { EXPECT_FALSE(other.enter_as_cat_within(0)); });
 }
 
 // Threads that end while the last initialiser goes wait for it, and somebody may wait for them.
@@ -95,46 +72,10 @@ TEST(LIBRARY_LOCK_TEST, LetsAllThatWaitThroughWhenItGoes) {
     EXPECT_FALSE(lock.exists());
 }
 
-TEST(PB_STATS_TABLE_TEST, StandsStillForAnExclusiveUser) {
-    MEM_PB_STATS_TABLE table;
-    {
-        const MEM_GATE_MOUSE user(mem_pb_stats_gate);
-        table.add(2, 8);
-    }
-    std::atomic<bool> stop{false};
-    auto threads = run_on_threads(3, [&](std::uint64_t thread) {
-        while (!stop) {
-            const MEM_GATE_MOUSE user(mem_pb_stats_gate);
-            table.add(static_cast<std::uint32_t>(thread), 8);
-            table.subtract(static_cast<std::uint32_t>(thread), 8);
-        }
-    });
-    for (int copy = 0; copy < 300; ++copy) {
-        const MEM_PB_STATS_TABLE::STILL still(table);
-        const std::int64_t bytes[] = {still.current_bytes(0), still.current_bytes(1), still.current_bytes(2)};
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-        for (std::uint32_t id = 0; id < 3; ++id)
-            EXPECT_EQ(still.current_bytes(id), bytes[id]);
-    }
-    stop = true;
-}
-
-// It began while the process had no other thread.
-TEST(GATE_TEST, AMouseThatWasAloneKeepsCatsOut) {
-    MEM_TRACKER_GATE gate;
-    const MEM_GATE_MOUSE mouse(gate);
-    run_on_threads(1, [&gate](std::uint64_t) { EXPECT_FALSE(gate.enter_as_cat_within(0)); });
-}
-
 #if defined(VBX_RANK_CHECK)
 TEST(LOCK_RANK_TEST, LocksAreTakenInRisingRank) {
     MEM_SPIN_LOCK leaf{MEM_LOCK_RANK::leaf}, other_leaf{MEM_LOCK_RANK::leaf};
-    MEM_SPIN_LOCK mask{MEM_LOCK_RANK::granularity};
     MEM_TRACKER_GATE gate;
-    {
-        const MEM_GATE_CAT cat(gate);
-        const MEM_SPIN_GUARD guard(mask); // the shutdown's step
-    }
     const MEM_SPIN_GUARD guard(leaf);
     EXPECT_DEATH(const MEM_SPIN_GUARD two(other_leaf), "lock_order_is_kept");
     EXPECT_DEATH(const MEM_GATE_MOUSE mouse(gate), "lock_order_is_kept");
@@ -146,10 +87,12 @@ namespace {
 constexpr std::uint64_t MODULES = 30; // so that the plain output has a "Misc" with something in it
 constexpr std::uint64_t FIRST_SITE = 0x4000;
 constexpr std::uint64_t EVENTS = 20000;
+constexpr std::int64_t SIZE = 48; // of every block
+constexpr std::uint64_t KEPT_BLOCK = 0x10;
 
 // Allocates and frees in a stretch of addresses of its own, a few dozen blocks live at a time.
 struct EVENT_THREAD {
-    std::map<std::uint64_t, std::uint64_t> live;
+    std::deque<std::uint64_t> live;
 
     void run(std::uint64_t number) {
         std::mt19937_64 random(number);
@@ -158,15 +101,14 @@ struct EVENT_THREAD {
                 release_first();
                 continue;
             }
-            const std::uint64_t block = ((number + 1) << 24) + 16 * event;
-            live[block] = random() % 1000;
+            live.push_back(((number + 1) << 24) + 16 * event);
             // Modules turn up one by one over the run.
-            allocate(block, live[block], {FIRST_SITE + random() % (1 + event * MODULES / EVENTS)});
+            allocate(live.back(), SIZE, {FIRST_SITE + random() % (1 + event * MODULES / EVENTS)});
         }
     }
     void release_first() {
-        release(live.begin()->first, live.begin()->second);
-        live.erase(live.begin());
+        release(live.front(), SIZE);
+        live.pop_front();
     }
 };
 
@@ -208,12 +150,13 @@ ROW current_bytes(const MEM_PB_STATS_TABLE& table) {
 
 class THREADS_TEST : public TRACKER_TEST {
   protected:
-    EVENT_THREAD event_threads[3];
+    EVENT_THREAD event_threads[4]; // the last is the host's, which keeps one block
 
     THREADS_TEST() {
         for (std::uint64_t module = 0; module < MODULES; ++module)
             fake_define_symbol(FIRST_SITE + module, {"f", "/f.cpp", 1, "module" + std::to_string(module)});
         start(MEM_GRANULARITY_ALL, "70");
+        allocate(event_threads[3].live.emplace_back(KEPT_BLOCK), SIZE, {FIRST_SITE});
     }
     // Bins are opened and samples taken while events run, with a job on a thread of its own beside.
     void run_with(std::function<void(std::uint64_t)> job) {
@@ -236,11 +179,10 @@ class THREADS_TEST : public TRACKER_TEST {
         testing::internal::GetCapturedStdout();
     }
     std::int64_t live_bytes() const {
-        std::uint64_t sum = 0;
+        std::size_t blocks = 0;
         for (const EVENT_THREAD& thread : event_threads)
-            for (const auto& [block, size] : thread.live)
-                sum += size;
-        return static_cast<std::int64_t>(sum);
+            blocks += thread.live.size();
+        return static_cast<std::int64_t>(blocks) * SIZE;
     }
     void expect_all_credited_in_the_end() {
         for (EVENT_THREAD& thread : event_threads)
@@ -288,29 +230,22 @@ TEST_F(THREADS_TEST, ResetsComeInBetween) {
 
 // Copies and reports that are made while events run have every record as it was between two of them.
 TEST_F(THREADS_TEST, RecordsAreCopiedWhole) {
-    constexpr std::int64_t SIZE = 48;
-    allocate(0x10, SIZE, {PARSE});
-    std::atomic<int> running{3};
-    auto threads = run_on_threads(3, [&running](std::uint64_t thread) {
-        for (std::uint64_t event = 0; event < EVENTS; ++event) {
-            const std::uint64_t block = ((thread + 1) << 24) + 64 * (event % 100);
-            allocate(block, SIZE, {PARSE});
-            release(block, SIZE);
+    run_with([](std::uint64_t) {
+        for (int copy = 0; copy < 1000; ++copy) {
+            MEM_ADDRESS_TRACKER site;
+            ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(KEPT_BLOCK), site));
+            ASSERT_EQ(site.current_bytes, SIZE * site.current_blocks);
+            ASSERT_EQ(site.cumulative_bytes, SIZE * site.cumulative_blocks);
         }
-        --running;
-    });
-    testing::internal::CaptureStdout(); // the line of every eighth sample
-    while (running != 0) {
-        MEM_ADDRESS_TRACKER site;
-        ASSERT_TRUE(mem_get_address_tracker(reinterpret_cast<void*>(0x10), site));
-        EXPECT_EQ(site.current_bytes, SIZE * site.current_blocks);
-        EXPECT_EQ(site.cumulative_bytes, SIZE * site.cumulative_blocks);
         std::ostringstream report;
         mem_dump_tbb_fileline_tracking(report);
         for (const ROW& row : rows_of(report.str()))
             EXPECT_EQ(row.at(0), SIZE * row.at(6));
-    }
-    testing::internal::GetCapturedStdout();
+        const MEM_PB_STATS_TABLE::STILL still(*ptag_stats);
+        const ROW bytes = current_bytes(*ptag_stats);
+        std::this_thread::yield();
+        EXPECT_EQ(current_bytes(*ptag_stats), bytes);
+    });
 }
 
 // A host's threads that go on while the process ends find the tracker or nothing.
@@ -323,6 +258,7 @@ TEST_F(THREADS_TEST, TheTeardownWaitsForHosts) {
             MEMORY_TRACKER_BASE record;
             mem_set_timeline_label("label");
             mem_user_snapshot_tracking_data();
+            mem_reset_tracking_entries();
             mem_dump_tbb_module_tracking(plain, detailed);
             mem_get_module_tracker("OTHER", record);
         }

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -23,16 +22,6 @@ bool keep_message(const char* tag, const char* format, std::va_list args) {
     if (messages.size() + sizeof text + 20 < messages.capacity())
         messages.append(tag).append(": ").append(text).append("\n");
     return true;
-}
-
-std::string rendered(const MEM_ADDRESS_TRACKER& site) {
-    std::ostringstream text;
-    text << (site.address == 0 ? "OTHER" : site.function_name) << " cur " << site.current_bytes << "/"
-         << site.current_blocks << " max " << site.max_bytes << "/" << site.max_blocks << " peak "
-         << site.peak_bytes << "/" << site.peak_blocks << " cum " << site.cumulative_bytes << "/"
-         << site.cumulative_blocks << " req " << site.cumulative_requested_bytes << " mis "
-         << site.cumulative_mismatched_bytes << "\n";
-    return text.str();
 }
 
 } // namespace
@@ -59,17 +48,6 @@ std::string TRACKER_TEST::take_messages() {
     return taken;
 }
 
-EMPTY_FOLDER::EMPTY_FOLDER() {
-    char folder[] = "/tmp/tracker_test_XXXXXX";
-    path = mkdtemp(folder);
-    std::filesystem::current_path(path);
-}
-
-std::string contents(const std::string& file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size) {
     fake_allocate(block, requested_size, size, std::move(stack));
 }
@@ -79,22 +57,26 @@ void release(std::uint64_t block, std::uint64_t size) {
 }
 
 std::string close_bin(const std::string& tag) {
-    std::uint64_t figures[3] = {9, 9, 9};
-    mem_close_profile_bin(tag, &figures[0], &figures[1], &figures[2]);
-    return std::to_string(figures[0]) + " " + std::to_string(figures[1]) + " " + std::to_string(figures[2]);
+    std::uint64_t open = 9, close = 9, peak = 9;
+    mem_close_profile_bin(tag, &open, &close, &peak);
+    return std::to_string(open) + " " + std::to_string(close) + " " + std::to_string(peak);
 }
 
 std::string rendered_sites() {
-    std::map<std::uint64_t, std::string> lines;
+    std::map<std::uint64_t, const MEM_ADDRESS_TRACKER*> charged;
     const MEM_STILL_SITES still;
-    mem_tbb_site_table->for_each([&lines](const MEM_ADDRESS_TRACKER& site) {
+    mem_tbb_site_table->for_each([&charged](const MEM_ADDRESS_TRACKER& site) {
         if (site.cumulative_blocks != 0 || site.current_blocks != 0)
-            lines[site.address] = rendered(site);
+            charged[site.address] = &site;
     });
-    std::string text;
-    for (const auto& [address, line] : lines)
-        text += line;
-    return text;
+    std::ostringstream text;
+    for (const auto& [address, site] : charged)
+        text << (address == 0 ? "OTHER" : site->function_name) << " cur " << site->current_bytes << "/"
+             << site->current_blocks << " max " << site->max_bytes << "/" << site->max_blocks << " peak "
+             << site->peak_bytes << "/" << site->peak_blocks << " cum " << site->cumulative_bytes << "/"
+             << site->cumulative_blocks << " req " << site->cumulative_requested_bytes << " mis "
+             << site->cumulative_mismatched_bytes << "\n";
+    return text.str();
 }
 
 MEMORY_TRACKER_BASE module_record(const std::string& name) {

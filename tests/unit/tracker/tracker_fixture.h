@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tests/fakes/fakes.h"
+#include "tests/support/run_child.h"
 
 #include <vbx/mem.h>
 
@@ -30,14 +31,10 @@ class TRACKER_TEST : public testing::Test {
     static std::string take_messages();
 };
 
-// An empty folder, in which the process is for as long as this lives.
-struct EMPTY_FOLDER {
-    EMPTY_FOLDER();
-    ~EMPTY_FOLDER() { std::filesystem::remove_all(path); }
-    std::filesystem::path path;
+// An empty directory, in which the process is from now on.
+struct EMPTY_FOLDER : TEST_DIRECTORY {
+    EMPTY_FOLDER() { std::filesystem::current_path(path()); }
 };
-// Empty when there is no such file.
-std::string contents(const std::string& file);
 
 // One allocation, one free, seen from a stack.
 void allocate(std::uint64_t block, std::uint64_t size, FAKE_STACK stack, std::uint64_t requested_size = 0);
