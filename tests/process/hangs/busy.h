@@ -1,4 +1,5 @@
-// Threads that allocate and free blocks of 16 bytes to 20 MB until they are told to stop.
+// Threads that allocate and free blocks of 16 bytes to 20 MB until they are told to stop. Some of the blocks
+// are those of short threads, which the first one starts.
 #pragma once
 
 #include <atomic>
@@ -27,7 +28,10 @@ class BUSY_THREADS {
         for (unsigned index = 0; index < count; ++index)
             m_threads.emplace_back([this, index] {
                 while (!m_stop)
-                    allocate_and_free(index, 200);
+                    if (index == 0)
+                        std::thread(allocate_and_free, 1, 65).join();
+                    else
+                        allocate_and_free(index, 200);
             });
     }
     ~BUSY_THREADS() {
@@ -35,8 +39,6 @@ class BUSY_THREADS {
         for (std::thread& thread : m_threads)
             thread.join();
     }
-    BUSY_THREADS(const BUSY_THREADS&) = delete;
-    BUSY_THREADS& operator=(const BUSY_THREADS&) = delete;
 
   private:
     std::atomic<bool> m_stop{false};
