@@ -61,10 +61,10 @@ INSTANTIATE_TEST_SUITE_P(
                     DANGER{"exit_inside_query", {PROGRAM, "exit_inside_query"}, false},
                     DANGER{"exit_inside_report", {PROGRAM, "exit_inside_report"}, false},
                     DANGER{"stuck_report",
-                           {PROGRAM, "end_with_stuck_report"},
+                           {PROGRAM, "end_while_reporting", "for_good"},
                            false,
                            "MEM: no reports now: an operation on another thread does not end\n"},
-                    DANGER{"slow_report", {PROGRAM, "end_with_slow_report"}},
+                    DANGER{"slow_report", {PROGRAM, "end_while_reporting", "slow"}},
                     DANGER{"late_suite_library", {BUILT "late_suite_library", BUILT "libsuite_library.so"}}),
     [](const auto& danger) { return danger.param.name; });
 
