@@ -34,13 +34,9 @@ class BUSY_THREADS {
                         allocate_and_free(index, 200);
             });
     }
-    ~BUSY_THREADS() {
-        m_stop = true;
-        for (std::thread& thread : m_threads)
-            thread.join();
-    }
+    ~BUSY_THREADS() { m_stop = true; }
 
   private:
     std::atomic<bool> m_stop{false};
-    std::vector<std::thread> m_threads;
+    std::vector<std::jthread> m_threads;
 };

@@ -34,7 +34,7 @@ void load_and_unload(const char* library, int rounds, void (*use)(void* handle))
 // which holds the loader's lock, while other threads load and unload libraries.
 int load(char** libraries) {
     const BUSY_THREADS busy(2);
-    std::thread loader(load_and_unload, libraries[0], 300, [](void*) {});
+    const std::jthread loader(load_and_unload, libraries[0], 300, [](void*) {});
     load_and_unload(libraries[1], 60, [](void* handle) {
         const auto allocate_inside = [](dl_phdr_info*, std::size_t, void* opaque) {
             reinterpret_cast<void (*)()>(opaque)();
@@ -43,7 +43,6 @@ int load(char** libraries) {
         };
         dl_iterate_phdr(allocate_inside, dlsym(handle, "allocate_from_new_code"));
     });
-    loader.join();
     return 9;
 }
 
@@ -99,15 +98,13 @@ int end_threads(char**) {
         allocate_and_free(3, 20);
     });
     for (int round = 0; round < 20; ++round) {
-        std::thread cancelled([] {
+        std::jthread cancelled([] {
             for (use_thread_data();; usleep(1))
                 allocate_and_free(6, 5);
         });
-        std::thread ended(use_thread_data);
+        const std::jthread ended(use_thread_data);
         usleep(1000);
         pthread_cancel(cancelled.native_handle());
-        cancelled.join();
-        ended.join();
     }
     return 9;
 }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <latch>
 
 namespace {
 
@@ -39,11 +40,8 @@ TEST(Gate, QuietThreadIsAloneAndThreadsTakeTurns) {
     };
     {
         const BUSY_THREADS busy(3);
-        std::thread first(be_quiet_again_and_again);
-        std::thread second(be_quiet_again_and_again);
+        const std::jthread first(be_quiet_again_and_again), second(be_quiet_again_and_again);
         be_quiet_again_and_again();
-        first.join();
-        second.join();
     }
     tbbk_set_mem_tracker_callback(nullptr);
 }
@@ -70,14 +68,10 @@ class STUCK_THREADS {
             usleep(1000);
         tbbk_set_mem_tracker_callback(nullptr);
     }
-    ~STUCK_THREADS() {
-        may_leave = true;
-        for (std::thread& thread : threads)
-            thread.join();
-    }
+    ~STUCK_THREADS() { may_leave = true; }
 
   private:
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
 };
 
 // 300: more threads at once than there are slots without an mmap.
@@ -86,7 +80,7 @@ TEST(Gate, StuckCallbacksAreReportedAndNobodyElseGetsIn) {
         STUCK_THREADS stuck(count);
         std::atomic<bool> is_there = false;
         std::atomic<bool> did_get_in = false;
-        std::thread late([&] {
+        const std::jthread late([&] {
             while (!is_there)
                 usleep(100);
             std::free(std::malloc(10));
@@ -100,7 +94,6 @@ TEST(Gate, StuckCallbacksAreReportedAndNobodyElseGetsIn) {
         EXPECT_TRUE(tbbk_quiesce_begin(20'000)) << "the stuck threads have left";
         tbbk_quiesce_end();
         tbbk_quiesce_end();
-        late.join();
     }
 }
 
@@ -148,13 +141,13 @@ TEST(Gate, ForksPastAThreadThatNeverLeaves) {
 
 // As when two threads call exit() inside their events.
 TEST(Gate, TwoCallbacksMayAskForQuietAtOnce) {
-    waiting_callbacks = 0;
+    std::latch both(2);
+    static std::latch* both_are_inside;
+    both_are_inside = &both;
     tbbk_set_mem_tracker_callback([](void*, std::uint64_t requested, std::uint64_t, bool) {
         if (requested != 77)
             return;
-        waiting_callbacks.fetch_add(1);
-        while (waiting_callbacks < 2)
-            usleep(100);
+        both_are_inside->arrive_and_wait();
         EXPECT_TRUE(tbbk_quiesce_begin(20'000));
         std::free(std::malloc(10));
         tbbk_quiesce_end();
@@ -195,20 +188,17 @@ TEST(ThreadWords, AreAThreadsOwnAndOutliveIt) {
         return sum;
     };
     for (std::int64_t round = 1; round <= 2; ++round) {
-        std::atomic<std::int64_t> arrived = 0;
-        std::vector<std::thread> threads;
+        std::latch all_are_there(COUNT);
+        std::vector<std::jthread> threads;
         for (std::int64_t index = 0; index != COUNT; ++index)
-            threads.emplace_back([&arrived] {
+            threads.emplace_back([&all_are_there] {
                 TBBK_THREAD_WORDS* const words = tbbk_thread_words();
                 const std::int64_t before = words->amounts[1].exchange(-1'000'000);
-                ++arrived;
-                while (arrived != COUNT)
-                    usleep(1000);
+                all_are_there.arrive_and_wait();
                 EXPECT_EQ(words->amounts[1], -1'000'000); // nobody else's
                 words->amounts[1] = before + 1;
             });
-        for (std::thread& thread : threads)
-            thread.join();
+        threads.clear(); // waits for them
         EXPECT_EQ(sum_of_all(), round * COUNT);
     }
 }
