@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -90,30 +91,12 @@ bool tbbk_quiesce_begin(unsigned timeout_ms) noexcept {
 void tbbk_quiesce_end() noexcept {}
 
 namespace {
+// Of all threads that there ever were: words outlive their threads.
+constinit std::array<TBBK_THREAD_WORDS, 4096> all_words = {};
+constinit std::atomic<std::size_t> words_in_use{0};
 
-// Never freed: words outlive their threads.
-struct KEPT_WORDS {
-    TBBK_THREAD_WORDS words{};
-    KEPT_WORDS* next = nullptr;
-};
-constinit std::atomic<KEPT_WORDS*> all_words{nullptr};
-
-constinit thread_local KEPT_WORDS* own_words = nullptr;
+constinit thread_local TBBK_THREAD_WORDS* own_words = nullptr;
 constinit thread_local bool has_words = true;
-
-KEPT_WORDS* make_words() {
-    // Not by operator new, which tests let fail.
-    auto* const kept = static_cast<KEPT_WORDS*>(std::calloc(1, sizeof(KEPT_WORDS)));
-    kept->next = all_words;
-    while (!all_words.compare_exchange_weak(kept->next, kept)) {
-    }
-    return kept;
-}
-
-bool register_fences() {
-    return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
-}
-
 } // namespace
 
 void fake_live_without_words() {
@@ -121,20 +104,19 @@ void fake_live_without_words() {
 }
 
 constinit std::atomic<int> fake_fences{0};
-std::atomic<bool> tbbk_threads_need_fences{!register_fences()};
+std::atomic<bool> tbbk_threads_need_fences{
+    syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) != 0};
 
 TBBK_THREAD_WORDS* tbbk_thread_words() noexcept {
     if (!has_words)
         return nullptr;
     if (own_words == nullptr)
-        own_words = make_words();
-    return &own_words->words;
+        own_words = &all_words.at(words_in_use++);
+    return own_words;
 }
 TBBK_THREAD_WORDS* tbbk_next_thread_words(TBBK_THREAD_WORDS* previous) noexcept {
-    static_assert(offsetof(KEPT_WORDS, words) == 0);
-    KEPT_WORDS* const next =
-        previous != nullptr ? reinterpret_cast<KEPT_WORDS*>(previous)->next : all_words.load();
-    return next != nullptr ? &next->words : nullptr;
+    TBBK_THREAD_WORDS* const next = previous != nullptr ? previous + 1 : all_words.data();
+    return next != all_words.data() + words_in_use ? next : nullptr;
 }
 void tbbk_fence_all_threads() noexcept {
     ++fake_fences;

@@ -80,15 +80,6 @@ void fork_while_handling() {
     is_child_done = true;
 }
 
-struct EXHAUSTED_AT_END {
-    bool is_wanted = false;
-    ~EXHAUSTED_AT_END() {
-        if (is_wanted)
-            exhaust();
-    }
-};
-EXHAUSTED_AT_END at_end;
-
 } // namespace
 
 // The number of threads (0: the first one alone), the way, a block's size, the handler's name.
@@ -109,9 +100,8 @@ int main(int, char** arguments) {
                                                               : nullptr);
     if (way == "label")
         label.assign(block_size, 'x');
-    at_end.is_wanted = way == "at_end";
-    if (at_end.is_wanted)
-        return 0;
+    if (way == "at_end")
+        return std::atexit(exhaust);
     // Together: a thread that can't be started any more would be another end.
     std::latch all_are_there(count + 1);
     std::vector<std::thread> threads;

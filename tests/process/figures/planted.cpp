@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <new>
-#include <string>
 #include <vector>
 
 static MEM_INITIALIZER mem_initializer("planted");
@@ -54,23 +53,16 @@ template <class T>
     keep(&numbers);
 }
 
-[[gnu::noinline]] void fill_string(std::string& text) {
-    text.assign(1000, 'x'); // SITE 1 1024 planted::fill_string(
-    keep(&text);
-}
-
 } // namespace planted
 
 int main() {
     using namespace planted;
     std::vector<int> numbers;
-    std::string text;
     allocate_as_in_c();
     allocate_plainly();
     allocate_in_template<long>();
     call_inlined_function();
     grow_vector(numbers);
-    fill_string(text);
     const auto from_lambda = []() __attribute__((noinline)) {
         keep(new char[800]); // SITE 1 896 main::
         keep(nullptr);

@@ -1,4 +1,5 @@
-// Threads that allocate and free blocks of 16 bytes to 20 MB until they are told to stop.
+// Threads that allocate and free blocks of 16 bytes to 20 MB until they are told to stop. Some of the blocks
+// are those of short threads, which the first one starts.
 #pragma once
 
 #include <atomic>
@@ -27,18 +28,15 @@ class BUSY_THREADS {
         for (unsigned index = 0; index < count; ++index)
             m_threads.emplace_back([this, index] {
                 while (!m_stop)
-                    allocate_and_free(index, 200);
+                    if (index == 0)
+                        std::thread(allocate_and_free, 1, 65).join();
+                    else
+                        allocate_and_free(index, 200);
             });
     }
-    ~BUSY_THREADS() {
-        m_stop = true;
-        for (std::thread& thread : m_threads)
-            thread.join();
-    }
-    BUSY_THREADS(const BUSY_THREADS&) = delete;
-    BUSY_THREADS& operator=(const BUSY_THREADS&) = delete;
+    ~BUSY_THREADS() { m_stop = true; }
 
   private:
     std::atomic<bool> m_stop{false};
-    std::vector<std::thread> m_threads;
+    std::vector<std::jthread> m_threads;
 };

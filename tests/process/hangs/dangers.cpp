@@ -34,7 +34,7 @@ void load_and_unload(const char* library, int rounds, void (*use)(void* handle))
 // which holds the loader's lock, while other threads load and unload libraries.
 int load(char** libraries) {
     const BUSY_THREADS busy(2);
-    std::thread loader(load_and_unload, libraries[0], 300, [](void*) {});
+    const std::jthread loader(load_and_unload, libraries[0], 300, [](void*) {});
     load_and_unload(libraries[1], 60, [](void* handle) {
         const auto allocate_inside = [](dl_phdr_info*, std::size_t, void* opaque) {
             reinterpret_cast<void (*)()>(opaque)();
@@ -43,7 +43,6 @@ int load(char** libraries) {
         };
         dl_iterate_phdr(allocate_inside, dlsym(handle, "allocate_from_new_code"));
     });
-    loader.join();
     return 9;
 }
 
@@ -99,15 +98,13 @@ int end_threads(char**) {
         allocate_and_free(3, 20);
     });
     for (int round = 0; round < 20; ++round) {
-        std::thread cancelled([] {
+        std::jthread cancelled([] {
             for (use_thread_data();; usleep(1))
                 allocate_and_free(6, 5);
         });
-        std::thread ended(use_thread_data);
+        const std::jthread ended(use_thread_data);
         usleep(1000);
         pthread_cancel(cancelled.native_handle());
-        cancelled.join();
-        ended.join();
     }
     return 9;
 }
@@ -172,37 +169,32 @@ class ODD_STREAM : std::streambuf, public std::ostream {
     void (*m_deed)();
 };
 
-// The report holds the locks of the sites.
-int exit_inside_report(char**) {
-    ODD_STREAM stream([] { std::exit(9); });
+// It holds the locks of the sites.
+void report_to(void (*deed)()) {
+    ODD_STREAM stream(deed);
     mem_dump_tbb_fileline_tracking(stream);
+}
+
+int exit_inside_report(char**) {
+    report_to([] { std::exit(9); });
     return 8;
 }
 
 // Another thread is in the middle of a report: for good, or for longer than events take.
-std::atomic<bool> is_reporting{false};
-
-int end_while_reporting(void (*write)()) {
-    std::thread([write] {
-        ODD_STREAM stream(write);
-        mem_dump_tbb_fileline_tracking(stream);
-    }).detach();
+int end_while_reporting(char** way) {
+    static std::atomic<bool> is_reporting{false};
+    const auto take_long = [] {
+        if (!is_reporting.exchange(true))
+            sleep(3);
+    };
+    const auto stay = [] {
+        for (is_reporting = true;;)
+            pause();
+    };
+    std::thread(report_to, way[0] == std::string("slow") ? +take_long : +stay).detach();
     while (!is_reporting)
         usleep(1000);
     return 9;
-}
-int end_with_stuck_report(char**) {
-    return end_while_reporting([] {
-        is_reporting = true;
-        for (;;)
-            pause();
-    });
-}
-int end_with_slow_report(char**) {
-    return end_while_reporting([] {
-        if (!is_reporting.exchange(true))
-            sleep(3);
-    });
 }
 
 } // namespace
@@ -216,8 +208,7 @@ int main(int, char** arguments) {
         {"exit_inside_event", exit_inside_event},
         {"exit_inside_query", exit_inside_query},
         {"exit_inside_report", exit_inside_report},
-        {"end_with_stuck_report", end_with_stuck_report},
-        {"end_with_slow_report", end_with_slow_report},
+        {"end_while_reporting", end_while_reporting},
     };
     return dangers.at(arguments[1])(arguments + 2);
 }

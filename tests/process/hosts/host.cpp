@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <locale>
+#include <map>
 #include <string>
 #include <thread>
 #include <utility>
@@ -25,15 +26,29 @@ struct GROUPING : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
 };
 
-static void ask_configuration(const char* library) {
-    if (library != nullptr)
-        dlopen(library, RTLD_NOW);
+static void close_output(char**) {
+    close(STDOUT_FILENO);
+    close(STDERR_FILENO);
+}
+
+static void limit_files(char**) {
+    const rlimit bytes{500, 500};
+    setrlimit(RLIMIT_FSIZE, &bytes);
+}
+
+static void leak_initialiser(char**) {
+    [[maybe_unused]] static const auto* const leaked = new MEM_INITIALIZER("leaked");
+}
+
+static void ask_configuration(char** library) {
+    if (*library != nullptr)
+        dlopen(*library, RTLD_NOW);
     const bool is_on = mem_cfg_is_on("probe_on", false);
     const std::string value = mem_cfg_get_value("probe");
     std::printf("%d %s %d\n", is_on, value.c_str(), mem_cfg_get_int_value("probe", 3));
 }
 
-static void register_code_modules() {
+static void register_code_modules(char**) {
     const char* const none = nullptr;
     const std::pair<const char*, const char*> pairs[] = {
         {"router", "small"}, {"parser", "y"}, {"parser", "x"}, {"", ""},
@@ -47,7 +62,7 @@ static void register_code_modules() {
 }
 
 // The process ends while a thread has the stream for good.
-static void lock_output() {
+static void lock_output(char**) {
     static std::atomic<bool> is_locked{false};
     mem_register_dll_for_pgo("parser", "x");
     std::thread([] {
@@ -59,7 +74,7 @@ static void lock_output() {
     is_locked.wait(false);
 }
 
-static void start_without_descriptors() {
+static void start_without_descriptors(char**) {
     constexpr std::size_t GIGABYTE = 1 << 30;
     std::thread([] {}).join();
     rlimit descriptors{};
@@ -84,17 +99,14 @@ static void start_without_descriptors() {
     std::free(block);
 }
 
-static void free_twice(std::size_t size, const std::string& way) {
-    void* const block = make(size);
+static void free_twice(char** size_and_way) {
+    void* const block = make(std::stoul(size_and_way[0]));
     drop(block);
-    if (way != "realloc")
-        drop(block);
-    else if (std::realloc(block, 10) == nullptr)
-        std::_Exit(2);
+    drop(size_and_way[1] == std::string("free") ? block : std::realloc(block, 10));
 }
 
 // The program's own files take the numbers of all that were open.
-static void log_and_close_all() {
+static void log_and_close_all(char**) {
     drop(make(77));
     for (int descriptor = 3; descriptor < 1024; ++descriptor)
         close(descriptor);
@@ -104,7 +116,7 @@ static void log_and_close_all() {
     drop(make(78));
 }
 
-static void log_on_threads() {
+static void log_on_threads(char**) {
     std::vector<std::jthread> threads;
     for (int index = 0; index < 4; ++index)
         threads.emplace_back([] {
@@ -113,39 +125,29 @@ static void log_on_threads() {
         });
 }
 
-int main(int count, char** arguments) {
-    const std::string action = count > 1 ? arguments[1] : "";
-    if (action == "close_output") {
-        close(STDOUT_FILENO);
-        close(STDERR_FILENO);
-    } else if (action == "group_digits") {
-        std::locale::global(std::locale(std::locale::classic(), new GROUPING));
-    } else if (action == "tag") {
-        mem_set_tbb_exe_string(arguments[2]);
-    } else if (action == "remove_directory") {
-        std::filesystem::remove(std::filesystem::current_path());
-    } else if (action == "limit_files") {
-        const rlimit bytes{300, 300};
-        setrlimit(RLIMIT_FSIZE, &bytes);
-    } else if (action == "ask_configuration") {
-        ask_configuration(arguments[2]);
-    } else if (action == "lock_output") {
-        lock_output();
-    } else if (action == "remove_program") {
-        std::filesystem::remove(std::filesystem::read_symlink("/proc/self/exe"));
-    } else if (action == "start_without_descriptors") {
-        start_without_descriptors();
-    } else if (action == "leak_initialiser") {
-        [[maybe_unused]] static const auto* const leaked = new MEM_INITIALIZER("leaked");
-    } else if (action == "register_code_modules") {
-        register_code_modules();
-    } else if (action == "free_twice") {
-        free_twice(std::stoul(arguments[2]), arguments[3]);
-    } else if (action == "log_and_close_all") {
-        log_and_close_all();
-    } else if (action == "log_on_threads") {
-        log_on_threads();
-    }
+int main(int, char** arguments) {
+    const std::map<std::string, void (*)(char**)> actions = {
+        {"none", [](char**) {}},
+        {"close_output", close_output},
+        {"group_digits",
+         [](char**) {
+             std::locale::global({std::locale::classic(), new GROUPING});
+         }},
+        {"tag", [](char** tag) { mem_set_tbb_exe_string(*tag); }},
+        {"remove_directory", [](char**) { std::filesystem::remove(std::filesystem::current_path()); }},
+        {"limit_files", limit_files},
+        {"ask_configuration", ask_configuration},
+        {"lock_output", lock_output},
+        {"remove_program",
+         [](char**) { std::filesystem::remove(std::filesystem::read_symlink("/proc/self/exe")); }},
+        {"start_without_descriptors", start_without_descriptors},
+        {"leak_initialiser", leak_initialiser},
+        {"register_code_modules", register_code_modules},
+        {"free_twice", free_twice},
+        {"log_and_close_all", log_and_close_all},
+        {"log_on_threads", log_on_threads},
+    };
+    actions.at(arguments[1])(arguments + 2);
     void* volatile leaked = std::malloc(1'234'567);
     return leaked != nullptr ? 9 : 1;
 }

@@ -23,8 +23,6 @@ class RECORDED_EVENTS {
         tbbk_set_mem_tracker_callback(nullptr);
         current = nullptr;
     }
-    RECORDED_EVENTS(const RECORDED_EVENTS&) = delete;
-    RECORDED_EVENTS& operator=(const RECORDED_EVENTS&) = delete;
 
     std::array<EVENT, 16> events = {};
     std::size_t count = 0;

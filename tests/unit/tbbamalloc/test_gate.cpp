@@ -1,10 +1,15 @@
-// Who may be inside the shim while a thread has asked for quiet.
-#include "tests/unit/tbbamalloc/busy_threads.h"
+// Who may be inside the shim while a thread has asked for quiet, as every fork does. (Children of a process
+// that is busy: tests/process/hangs.)
+#include "tests/process/hangs/busy.h"
 #include "vbx/platform/tbbamalloc/tbbamalloc.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <cstring>
+#include <latch>
 
 namespace {
 
@@ -34,12 +39,9 @@ TEST(Gate, QuietThreadIsAloneAndThreadsTakeTurns) {
         }
     };
     {
-        BUSY_THREADS_AND_ENDS busy;
-        std::thread first(be_quiet_again_and_again);
-        std::thread second(be_quiet_again_and_again);
+        const BUSY_THREADS busy(3);
+        const std::jthread first(be_quiet_again_and_again), second(be_quiet_again_and_again);
         be_quiet_again_and_again();
-        first.join();
-        second.join();
     }
     tbbk_set_mem_tracker_callback(nullptr);
 }
@@ -47,36 +49,29 @@ TEST(Gate, QuietThreadIsAloneAndThreadsTakeTurns) {
 std::atomic<int> waiting_callbacks = 0;
 std::atomic<bool> may_leave = false;
 
-void wait_inside(void*, std::uint64_t, std::uint64_t, bool is_allocation) {
-    if (!is_allocation || pthread_self() == quiet_thread)
-        return;
-    waiting_callbacks.fetch_add(1);
-    while (!may_leave)
-        usleep(1000);
-}
-
 // Threads that stay inside the hook until they may leave.
 class STUCK_THREADS {
   public:
     explicit STUCK_THREADS(int count) {
         waiting_callbacks = 0;
         may_leave = false;
-        quiet_thread = pthread_self();
-        tbbk_set_mem_tracker_callback(wait_inside);
+        tbbk_set_mem_tracker_callback([](void*, std::uint64_t requested, std::uint64_t, bool) {
+            if (requested != 77)
+                return;
+            waiting_callbacks.fetch_add(1);
+            while (!may_leave)
+                usleep(1000);
+        });
         for (int index = 0; index != count; ++index)
-            threads.emplace_back([] { std::free(std::malloc(10)); });
+            threads.emplace_back([] { std::free(std::malloc(77)); });
         while (waiting_callbacks != count)
             usleep(1000);
         tbbk_set_mem_tracker_callback(nullptr);
     }
-    ~STUCK_THREADS() {
-        may_leave = true;
-        for (std::thread& thread : threads)
-            thread.join();
-    }
+    ~STUCK_THREADS() { may_leave = true; }
 
   private:
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
 };
 
 // 300: more threads at once than there are slots without an mmap.
@@ -85,7 +80,7 @@ TEST(Gate, StuckCallbacksAreReportedAndNobodyElseGetsIn) {
         STUCK_THREADS stuck(count);
         std::atomic<bool> is_there = false;
         std::atomic<bool> did_get_in = false;
-        std::thread late([&] {
+        const std::jthread late([&] {
             while (!is_there)
                 usleep(100);
             std::free(std::malloc(10));
@@ -99,7 +94,6 @@ TEST(Gate, StuckCallbacksAreReportedAndNobodyElseGetsIn) {
         EXPECT_TRUE(tbbk_quiesce_begin(20'000)) << "the stuck threads have left";
         tbbk_quiesce_end();
         tbbk_quiesce_end();
-        late.join();
     }
 }
 
@@ -121,15 +115,39 @@ TEST(Gate, DoesNotOutliveTheThreadThatRaisedIt) {
     tbbk_quiesce_end();
 }
 
+// The fork goes on without the thread that stays inside; its child leaves the old blocks alone and has no
+// events.
+TEST(Gate, ForksPastAThreadThatNeverLeaves) {
+    char* const old_block = static_cast<char*>(std::malloc(100'000));
+    std::memset(old_block, 7, 100'000);
+    const STUCK_THREADS stuck(1);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        tbbk_set_mem_tracker_callback([](void*, std::uint64_t, std::uint64_t, bool) { _exit(2); });
+        char* const block = static_cast<char*>(std::realloc(old_block, 200'000));
+        const bool is_kept = block[0] == 7 && block[99'999] == 7;
+        std::free(block);
+        std::free(std::aligned_alloc(4096, 100));
+        allocate_and_free(1, 100);
+        std::thread(allocate_and_free, 2, 100).join();
+        _exit(is_kept ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    std::free(old_block);
+}
+
 // As when two threads call exit() inside their events.
 TEST(Gate, TwoCallbacksMayAskForQuietAtOnce) {
-    waiting_callbacks = 0;
+    std::latch both(2);
+    static std::latch* both_are_inside;
+    both_are_inside = &both;
     tbbk_set_mem_tracker_callback([](void*, std::uint64_t requested, std::uint64_t, bool) {
         if (requested != 77)
             return;
-        waiting_callbacks.fetch_add(1);
-        while (waiting_callbacks < 2)
-            usleep(100);
+        both_are_inside->arrive_and_wait();
         EXPECT_TRUE(tbbk_quiesce_begin(20'000));
         std::free(std::malloc(10));
         tbbk_quiesce_end();
@@ -170,21 +188,17 @@ TEST(ThreadWords, AreAThreadsOwnAndOutliveIt) {
         return sum;
     };
     for (std::int64_t round = 1; round <= 2; ++round) {
-        std::atomic<std::int64_t> arrived = 0;
-        std::vector<std::thread> threads;
+        std::latch all_are_there(COUNT);
+        std::vector<std::jthread> threads;
         for (std::int64_t index = 0; index != COUNT; ++index)
-            threads.emplace_back([&arrived] {
+            threads.emplace_back([&all_are_there] {
                 TBBK_THREAD_WORDS* const words = tbbk_thread_words();
                 const std::int64_t before = words->amounts[1].exchange(-1'000'000);
-                ++arrived;
-                while (arrived != COUNT)
-                    usleep(1000);
+                all_are_there.arrive_and_wait();
                 EXPECT_EQ(words->amounts[1], -1'000'000); // nobody else's
-                EXPECT_EQ(tbbk_thread_words(), words);
                 words->amounts[1] = before + 1;
             });
-        for (std::thread& thread : threads)
-            thread.join();
+        threads.clear(); // waits for them
         EXPECT_EQ(sum_of_all(), round * COUNT);
     }
 }

@@ -1,6 +1,6 @@
 // In a sanitizer build the events come from the sanitizer's malloc: balanced, with equal sizes, on all
 // threads.
-#include "tests/unit/tbbamalloc/busy_threads.h"
+#include "tests/process/hangs/busy.h"
 #include "tests/unit/tbbamalloc/recorded_events.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ TEST(SanitizerFlavour, SizesOfManyThreadsAddUpToZero) {
     tbbk_set_mem_tracker_callback(sum_up);
     const std::int64_t before = live_bytes;
     {
-        BUSY_THREADS_AND_ENDS busy;
+        const BUSY_THREADS busy(3);
         for (int i = 0; i != 20; ++i) {
             ASSERT_TRUE(tbbk_quiesce_begin(20'000));
             bytes_outside_quiet = live_bytes;
