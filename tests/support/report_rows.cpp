@@ -2,6 +2,7 @@
 
 #include "tests/support/run_child.h"
 
+#include <cstdlib>
 #include <regex>
 #include <stdexcept>
 
