@@ -127,9 +127,8 @@ raise SystemExit(6)
 
 const std::string SHELL_SCRIPT = R"(
 words=$(for number in 1 2 3 4 5; do echo "word $number"; done | sort -r | tr a-z A-Z)
-echo "$words"
 cat <<TEXT | while read -r line; do echo "got $line"; done
-here $((6 * 7))
+here $words $((6 * 7))
 TEXT
 declare -A table
 for number in {1..2000}; do table[$number]=${number}x; done
@@ -167,9 +166,7 @@ INSTANTIATE_TEST_SUITE_P(System, Programs,
                                          PROGRAM{"bash", {"bash"}, SHELL_SCRIPT, "exit 9", "none", 3},
                                          PROGRAM{"git", {"sh"}, GIT_SCRIPT, "exit 0", "file", 10},
                                          PROGRAM{"static_runtime", {STRESS_STATIC, SMALL, LARGE}},
-                                         PROGRAM{"wide_output", {STREAMS, "wide"}},
-                                         PROGRAM{"closed_output", {STREAMS, "closed"}, "", "exit 0", "data"},
-                                         PROGRAM{"own_name", {STREAMS, "name"}}),
+                                         PROGRAM{"streams", {STREAMS}, "", "exit 0", "data"}),
                          name_of);
 
 // On foreign stacks the captures are libgcc's.
