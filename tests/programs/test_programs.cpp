@@ -24,7 +24,7 @@ struct PROGRAM {
     friend void PrintTo(const PROGRAM& one, std::ostream* stream) { *stream << one.name; }
 };
 
-// Without the lines that the library adds, which have their own beginnings.
+// Without the lines that the library adds.
 std::string without_our_lines(const std::string& text) {
     static const std::regex ours("^(Debug: )?MEM: [^\n]*\n", std::regex::ECMAScript | std::regex::multiline);
     return std::regex_replace(text, ours, "");
@@ -55,32 +55,35 @@ void expect_sound_process(const TEST_DIRECTORY& verdicts, const TEST_DIRECTORY& 
     EXPECT_EQ(subsystems.at("Current bytes"), at_end.at("Current bytes"));
 }
 
-class Programs : public testing::TestWithParam<PROGRAM> {};
+// Each runs alone first, and then with what is preloaded; nothing that can be seen of it may differ.
+class Programs : public testing::TestWithParam<PROGRAM> {
+  protected:
+    void SetUp() override {
+        alone = run({}, alone_directory);
+        if (alone.end == "exit 127")
+            GTEST_SKIP() << GetParam().arguments[0] << " is not installed";
+        ASSERT_EQ(alone.end, GetParam().end) << alone.standard_error;
+    }
+    static TEST_OUTCOME run(const TEST_ENVIRONMENT& environment, const TEST_DIRECTORY& directory) {
+        return test_run_child({GetParam().arguments, environment, GetParam().input}, directory);
+    }
+    void expect_same_behaviour(const TEST_ENVIRONMENT& environment) const {
+        const TEST_OUTCOME tracked = run(environment, directory);
+        const std::string result = GetParam().result;
+        EXPECT_EQ(tracked.end, alone.end);
+        EXPECT_EQ(tracked.standard_output, alone.standard_output);
+        EXPECT_EQ(without_our_lines(tracked.standard_error), alone.standard_error);
+        EXPECT_EQ(test_read_file(directory / result), test_read_file(alone_directory / result));
+    }
 
-// Runs the program alone and with the library; nothing that can be seen of it may differ.
-void expect_same_behaviour(const PROGRAM& program, const TEST_ENVIRONMENT& environment,
-                           const TEST_DIRECTORY& directory) {
-    const TEST_DIRECTORY plain_directory;
-    const TEST_OUTCOME plain = test_run_child({program.arguments, {}, program.input}, plain_directory);
-    if (plain.end == "exit 127")
-        GTEST_SKIP() << program.arguments[0] << " is not installed";
-    ASSERT_EQ(plain.end, program.end) << plain.standard_error;
-    const TEST_OUTCOME tracked = test_run_child({program.arguments, environment, program.input}, directory);
-    EXPECT_EQ(tracked.end, plain.end);
-    EXPECT_EQ(tracked.standard_output, plain.standard_output);
-    EXPECT_EQ(without_our_lines(tracked.standard_error), plain.standard_error);
-    EXPECT_EQ(test_read_file(directory / program.result), test_read_file(plain_directory / program.result));
-}
+    TEST_DIRECTORY alone_directory, directory;
+    TEST_OUTCOME alone;
+};
 
 TEST_P(Programs, BehaveAsWithoutUsAndAreCountedExactly) {
-    const TEST_DIRECTORY directory;
     const TEST_DIRECTORY verdicts;
-    expect_same_behaviour(GetParam(),
-                          test_preload(EVENT_CHECKER) + test_all_switches() +
-                              TEST_ENVIRONMENT{{"VBX_TEST_VERDICTS", verdicts.path()}},
-                          directory);
-    if (IsSkipped())
-        return;
+    expect_same_behaviour(test_preload(EVENT_CHECKER) + test_all_switches() +
+                          TEST_ENVIRONMENT{{"VBX_TEST_VERDICTS", verdicts.path()}});
     const std::vector<std::string> given = verdicts.files("verdict.");
     EXPECT_GE(given.size(), GetParam().processes);
     for (const std::string& file : given)
@@ -88,25 +91,17 @@ TEST_P(Programs, BehaveAsWithoutUsAndAreCountedExactly) {
 }
 
 TEST_P(Programs, BehaveAsWithoutUsWithEveryDebugAid) {
-    const TEST_DIRECTORY directory;
-    expect_same_behaviour(GetParam(), test_preload() + test_all_switches() + test_all_debug_aids(),
-                          directory);
-    if (IsSkipped())
-        return;
+    expect_same_behaviour(test_preload() + test_all_switches() + test_all_debug_aids());
     EXPECT_NE(test_read_file(directory / "mem_allocations.log"), "");
 }
 
 using Unwinder = Programs;
 
 TEST_P(Unwinder, SeesWhatLibgccSees) {
-    const TEST_DIRECTORY directory;
-    const TEST_OUTCOME outcome =
-        test_run_child({GetParam().arguments, {{"LD_PRELOAD", UNWIND_CHECKER}}, GetParam().input}, directory);
-    if (outcome.end == "exit 127")
-        GTEST_SKIP() << GetParam().arguments[0] << " is not installed";
-    EXPECT_EQ(outcome.end, GetParam().end) << outcome.standard_error;
-    EXPECT_TRUE(std::regex_search(outcome.standard_error, std::regex(GetParam().captures)))
-        << outcome.standard_error;
+    const TEST_OUTCOME compared = run({{"LD_PRELOAD", UNWIND_CHECKER}}, directory);
+    EXPECT_EQ(compared.end, alone.end) << compared.standard_error;
+    EXPECT_TRUE(std::regex_search(compared.standard_error, std::regex(GetParam().captures)))
+        << compared.standard_error;
 }
 
 // Frames of the C library stand between those of Python, and frames of code that is made at run time.
