@@ -1,54 +1,48 @@
 #include "tests/support/report_rows.h"
 
-#include <fstream>
+#include "tests/support/run_child.h"
+
+#include <cstdlib>
 #include <regex>
 #include <stdexcept>
 
 namespace {
 
-std::vector<std::string> lines_of(const std::string& path, const std::string& title) {
-    std::ifstream stream(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    if (lines.size() < 4 || lines[0] != title || !lines[1].empty())
-        throw std::runtime_error(path + " is missing or has another title");
-    return lines;
-}
-
-std::smatch parts_of(const std::string& line, const char* shape) {
-    std::smatch parts;
-    if (!std::regex_match(line, parts, std::regex(shape)))
-        throw std::runtime_error("unexpected line '" + line + "'");
-    return parts;
-}
-
-std::vector<std::string> split_at_tabs(const std::string& line) {
-    std::vector<std::string> fields{""};
-    for (const char character : line)
-        if (character == '\t')
-            fields.emplace_back();
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts{""};
+    for (const char character : text)
+        if (character == separator)
+            parts.emplace_back();
         else
-            fields.back() += character;
-    return fields;
+            parts.back() += character;
+    return parts;
 }
 
 } // namespace
 
 // Title, empty line, column names, rows, footer.
 std::vector<TEST_ROW> test_read_report(const std::string& path, const std::string& kind) {
-    const auto lines = lines_of(path, "MEM: TBB " + kind + " Tracking Memory Snapshot.");
-    parts_of(lines.back(), "Time spent dumping:\t[0-9.e+]+ clicks\\.\t[0-9.e+-]+ seconds\\.");
-    const auto columns = split_at_tabs(lines[2]);
+    const auto lines = split(test_read_file(path), '\n');
+    const auto expect = [&path](bool has_right_shape, const std::string& line) {
+        if (!has_right_shape)
+            throw std::runtime_error(path + ": unexpected line '" + line + "'");
+    };
+    expect(lines[0] == "MEM: TBB " + kind + " Tracking Memory Snapshot.", lines[0]);
+    expect(lines.size() >= 5 && lines[1].empty() && lines.back().empty(), lines.back());
+    const std::size_t footer = lines.size() - 2;
+    static const std::regex duration("Time spent dumping:\t[0-9.e+]+ clicks\\.\t[0-9.e+-]+ seconds\\.");
+    expect(std::regex_match(lines[footer], duration), lines[footer]);
+    const auto columns = split(lines[2], '\t');
     std::vector<TEST_ROW> rows;
-    for (std::size_t index = 3; index + 1 < lines.size(); ++index) {
-        const auto fields = split_at_tabs(lines[index]);
-        if (fields.size() != columns.size())
-            throw std::runtime_error("unexpected line '" + lines[index] + "'");
+    for (std::size_t index = 3; index < footer; ++index) {
+        const auto fields = split(lines[index], '\t');
+        expect(fields.size() == columns.size(), lines[index]);
         TEST_ROW& row = rows.emplace_back(TEST_ROW{fields[0], {}, "", ""});
         for (std::size_t column = 0; column < fields.size(); ++column)
-            if (columns[column].ends_with("bytes") || columns[column].ends_with("blocks"))
-                row.figures[columns[column]] = std::stoll(parts_of(fields[column], "-?\\d+")[0]);
+            if (columns[column].ends_with("bytes") || columns[column].ends_with("blocks")) {
+                row.figures[columns[column]] = std::atoll(fields[column].c_str());
+                expect(std::to_string(row.figures[columns[column]]) == fields[column], lines[index]);
+            }
         if (fields.size() == 15) {
             row.place = fields[12] + ":" + fields[13];
             row.function = fields[14];

@@ -44,7 +44,11 @@ TEST(OUTPUT_TEST, PrintsWhatIsItsOwn) {
         {output("%s|%.2s|%S|%Z|%Z", no_text, no_text, no_text, no_text, &empty),
          "(null)|(n|(null)|(null)|(null)"},
         {output("%.1Z|%8wZ|%3Z|", &counted, &wide, &negative), "abcdef|     abc|   |"},
-        {output("%05s|%5B|%B%d", "ab", 1), "000ab||1"},
+        {output("%.e|%.lG|%LG|%g", 2.5, 2.25, 1., .5), "2.|2.2|1.000000|0.500000"},
+        {output("%05s|%5B|%.B|%lB|%d", "ab", 1), "000ab||||1"},
+        {output("%p|%#.3p|%018p", 0xABCL, 0xABCL, 0L),
+         "0000000000000ABC|0X0000000000000ABC|  0000000000000000"},
+        {output("%y %#% %a %-A %+I32d %lI. %.2h.5f %5.%%d", 7), "y % a A I32d I. .5f %7"},
         {output("%.600d|%#.600o", 1, 8), std::string(499, '0') + "1|" + std::string(498, '0') + "10"},
         {output("%.99999999999s|%.*d|%p", "text", INT_MIN, 0, nullptr), "text|0|0000000000000000"},
         // More of either kind than registers hold, in turns, and a wrong kind would show.
@@ -54,8 +58,23 @@ TEST(OUTPUT_TEST, PrintsWhatIsItsOwn) {
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(text, expected);
+    for (const char* const unfinished : {"%", "%5", "%-", "%0.", "%#7.2", "%h", "%l", "%.3I64"})
+        EXPECT_EQ(output(unfinished), "");
+    const std::vector<char> endless = {'a', 'b', 'c'}; // for the sanitizer
+    EXPECT_EQ(output("%.3s|%.2hS", endless.data(), endless.data()), "abc|ab");
     EXPECT_EQ(output(nullptr), "");
     EXPECT_EQ(stl_output(nullptr, "x", nullptr), 0);
+}
+
+TEST(OUTPUT_TEST, StoresCountsOfIntSizeAtMost) {
+    const std::pair<const char*, int> cases[] = {
+        {"ab%n", 2}, {"ab%ln", 2}, {"%600dab%I64n", 602}, {"ab%hln", 2}, {"ab%hn", -65534}};
+    for (const auto& [format, expected] : cases) {
+        int stored[] = {-1, -1, -1};
+        output(format, &stored[1], &stored[1]);
+        EXPECT_EQ(stored[1], expected) << format;
+        EXPECT_EQ(stored[0] & stored[2], -1) << format;
+    }
 }
 
 // Wide characters are those of the locale; a width counts them and not their bytes.
