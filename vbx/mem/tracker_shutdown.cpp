@@ -84,9 +84,8 @@ void write_reports() MEM_REQUIRES(*mem_tbb_gate) {
         mem_attempt_report("the site reports are", write_site_reports);
     mem_write_timeline_reports();
     mem_attempt_report("the leak report is", write_leak_report);
-    // What is in the table beside the handler goes back on the hook, and has not seen what came meanwhile.
-    mem_void_free_marks();
-    // Without memory for the shorter callback table the handler stays in it, and finds nothing to do.
+    // What is in the table beside the handler goes back on the hook. Without memory for the shorter table the
+    // handler stays in it, and finds nothing to do.
     mem_attempt_report("the removal of the event handler is",
                        [] { mem_disable_tracking(MEM_GRANULARITY_ALL); });
     mem_clear_report_flags();
@@ -138,6 +137,7 @@ void stop_events(const SHUTDOWN_TURN& turn) {
         mem_attempt_report("the end of the allocation log is",
                            [] { mem_close_allocation_log(events_in_flight_have_ended); });
     clear_tracking_flags();
+    mem_pause_double_free_check();
     tbbk_set_mem_tracker_callback(nullptr);
 }
 
@@ -197,7 +197,8 @@ void mem_shutdown_tbb_tracking() {
     if (!tracker_is_there())
         return;
     const SHUTDOWN_TURN turn;
-    shut_down(turn);
+    if (shut_down(turn))
+        mem_resume_double_free_check(events_in_flight_have_ended);
 }
 
 void mem_tbb_tracker_teardown() {

@@ -109,16 +109,19 @@ TEST_F(DEBUG_AIDS_TEST, KeysSetPatternsAndTheHexadecimalOneWins) {
 constexpr std::uint64_t BLOCK = 0xA0000;
 
 // Frees and allocations of one block: + and -; b is a free on a thread that the host has blocked, w an
-// allocation by an operation of the library; S a shutdown by the host, during which nothing is seen.
+// allocation by an operation of the library; S a shutdown by the host, during which nothing is seen, e one
+// that an exit() inside an event has cut short; h a host's callback, which brings the hook back.
 void play(const std::string& events) {
     for (const char event : events) {
         std::optional<MEM_BLOCK_SCOPE> own_work;
-        if (event == 'w')
+        if (event == 'w' || event == 'e')
             own_work.emplace();
         if (event == 'b')
             mem_block_thread_tracking();
-        if (event == 'S')
+        if (event == 'S' || event == 'e')
             mem_shutdown_tbb_tracking();
+        else if (event == 'h')
+            mem_add_callback_function([](void*, std::uint64_t, std::uint64_t, bool) {});
         else if (event == '-' || event == 'b')
             fake_free(BLOCK, 112);
         else
@@ -149,6 +152,7 @@ TEST_F(DEBUG_AIDS_TEST, OnlyASecondFreeEndsTheProcess) {
         {8, "-S-", ""}, // may have been allocated meanwhile
         {8, "-S--", "^" + fault + "|" + fault},
         {8, "+-S+--", "^" + fault}, // what was known is of another block
+        {8, "-e+h-", ""},           // the host turns events on again in the middle of it
     };
     for (const auto& [mask, events, message] : cases) {
         SCOPED_TRACE(events);

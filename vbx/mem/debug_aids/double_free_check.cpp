@@ -22,12 +22,12 @@ using FREE_MARK = std::pair<const void* const, EPOCH>;
 using FREE_MARKS =
     tbb::concurrent_hash_map<const void*, EPOCH, MEM_BLOCK_ADDRESS_COMPARE, std::allocator<FREE_MARK>>;
 
-// From the start of the check to the teardown; the second only with a feature that finds sites. Events that
-// find no marks any more leave at once.
+// From the start of the check to the teardown, but for its pauses. Events that find no marks leave at once.
 constinit std::atomic<FREE_MARKS*> free_marks{nullptr};
+// Where they are meanwhile.
+constinit std::atomic<FREE_MARKS*> paused_marks{nullptr};
+// Only with a feature that finds sites.
 constinit MEM_BLOCK_HISTORIES* histories = nullptr;
-
-constinit FREE_MARKS* stopped_marks = nullptr;
 
 bool is_mark_of_now(EPOCH mark) {
     return mark == current_epoch.load(std::memory_order_acquire);
@@ -142,13 +142,22 @@ void mem_start_double_free_check() {
     tbbk_set_free_check(check_before_free);
 }
 
-void mem_void_free_marks() {
-    current_epoch.fetch_add(1, std::memory_order_acq_rel);
+void mem_pause_double_free_check() {
+    if (FREE_MARKS* const marks = free_marks.exchange(nullptr))
+        paused_marks.store(marks);
+}
+
+void mem_resume_double_free_check(bool (*events_have_ended)()) {
+    // An allocation that is still under way found the hook off; a free that is may still set an old mark.
+    if (paused_marks.load() == nullptr || !events_have_ended())
+        return;
+    current_epoch.fetch_add(1);
+    free_marks.store(paused_marks.exchange(nullptr));
 }
 
 void mem_stop_double_free_check() {
-    stopped_marks = free_marks.exchange(nullptr);
-    if (stopped_marks == nullptr)
+    mem_pause_double_free_check();
+    if (paused_marks.load() == nullptr)
         return;
     tbbk_set_free_check(nullptr);
     try {
@@ -159,9 +168,8 @@ void mem_stop_double_free_check() {
 }
 
 void mem_destroy_free_marks() {
-    delete stopped_marks;
+    delete paused_marks.exchange(nullptr);
     delete histories;
-    stopped_marks = nullptr;
     histories = nullptr;
 }
 

@@ -6,7 +6,9 @@
 //     free A           "Double free detected"
 //
 // A mark for every address that was ever freed; none is removed. Marks count from the time when the check
-// last began to see every event: what happens while the hook is off at the shutdown leaves none.
+// last began to see every event. While the hook is off at the shutdown it does not: the check pauses then,
+// and would otherwise take a block for freed that was allocated unseen, once a host has put the hook on
+// again.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +21,11 @@ void mem_double_free_handler(void* block, std::uint64_t requested_size, std::uin
 // Begins to check, at start. Throws std::bad_alloc.
 void mem_start_double_free_check();
 
-// When the hook was off: forgets all marks, before it is on again.
-void mem_void_free_marks();
+// Around a stretch in which the hook is off. The second is for the one thread whose turn the shutdown is,
+// once the hook may be on again; it forgets all marks, and the check stays off if the events under way don't
+// end. Outside the gate, since they may wait for it.
+void mem_pause_double_free_check();
+void mem_resume_double_free_check(bool (*events_have_ended)());
 
 // At the teardown. The first takes the handler off the table and leaves the hook to the callbacks that are on
 // it; the second frees the marks, once no event is under way any more.

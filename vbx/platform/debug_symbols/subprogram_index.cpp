@@ -33,24 +33,6 @@ bool is_code_scope(int tag) {
     }
 }
 
-// Calls visit(die) for the children of parent until it answers false. A sibling always lies behind the child
-// before it; a file in which it does not would have us go round for ever.
-template <class VISIT>
-void for_each_child(Dwarf_Die parent, VISIT visit) {
-    Dwarf_Die child;
-    if (dwarf_child(&parent, &child) != 0) {
-        return;
-    }
-    Dwarf_Off last = dwarf_dieoffset(&parent);
-    do {
-        const Dwarf_Off here = dwarf_dieoffset(&child);
-        if (here <= last || !visit(child)) {
-            return;
-        }
-        last = here;
-    } while (dwarf_siblingof(&child, &child) == 0);
-}
-
 bool read_number(Dwarf_Die& die, unsigned attribute, Dwarf_Word& value) {
     Dwarf_Attribute buffer;
     return dwarf_formudata(dwarf_attr(&die, attribute, &buffer), &value) == 0;
@@ -72,13 +54,13 @@ bool has_address(Dwarf_Die& die, std::uint64_t address, std::uint64_t list_base)
 
 enum class SEARCH { not_here, found };
 
-SEARCH find_call(const Dwarf_Die& scope, std::uint64_t address, std::uint64_t list_base, int level,
-                 SYM_CALL_SITE& site) {
+SEARCH find_call(SYM_DIE_WALK& walk, const Dwarf_Die& scope, std::uint64_t address, std::uint64_t list_base,
+                 int level, SYM_CALL_SITE& site) {
     SEARCH result = SEARCH::not_here;
     if (level > deepest_level) {
         return result;
     }
-    for_each_child(scope, [&](Dwarf_Die& child) {
+    walk.for_each_child(scope, [&](Dwarf_Die& child) {
         const int tag = dwarf_tag(&child);
         if (tag == DW_TAG_inlined_subroutine) {
             if (has_address(child, address, list_base)) {
@@ -93,7 +75,7 @@ SEARCH find_call(const Dwarf_Die& scope, std::uint64_t address, std::uint64_t li
             const bool has_addresses =
                 has_attribute(child, DW_AT_low_pc) || has_attribute(child, DW_AT_ranges);
             if (!has_addresses || has_address(child, address, list_base)) {
-                result = find_call(child, address, list_base, level + 1, site);
+                result = find_call(walk, child, address, list_base, level + 1, site);
                 return result == SEARCH::not_here && !has_addresses;
             }
         }
@@ -114,21 +96,22 @@ void SYM_SUBPROGRAM_INDEX::collect(DEPTH depth) {
     m_depth = depth;
     m_subprograms.clear();
     m_ranges = {};
-    collect_children(m_unit, depth, 0);
+    SYM_DIE_WALK walk(m_unit);
+    collect_children(walk, m_unit, depth, 0);
     m_ranges.seal();
 }
 
-void SYM_SUBPROGRAM_INDEX::collect_children(Dwarf_Die parent, DEPTH depth, int level) {
+void SYM_SUBPROGRAM_INDEX::collect_children(SYM_DIE_WALK& walk, Dwarf_Die parent, DEPTH depth, int level) {
     if (level > deepest_level) {
         return;
     }
-    for_each_child(parent, [&](Dwarf_Die& child) {
+    walk.for_each_child(parent, [&](Dwarf_Die& child) {
         const int tag = dwarf_tag(&child);
         if (tag == DW_TAG_subprogram) {
             add(child);
         }
         if (is_outer_scope(tag) || (depth == DEPTH::everywhere && is_code_scope(tag))) {
-            collect_children(child, depth, level + 1);
+            collect_children(walk, child, depth, level + 1);
         }
         return true;
     });
@@ -165,5 +148,9 @@ const Dwarf_Die* SYM_SUBPROGRAM_INDEX::find(std::uint64_t address) {
 
 bool SYM_SUBPROGRAM_INDEX::find_outermost_call(std::uint64_t address, SYM_CALL_SITE& site) {
     const Dwarf_Die* subprogram = find(address);
-    return subprogram != nullptr && find_call(*subprogram, address, m_list_base, 0, site) == SEARCH::found;
+    if (subprogram == nullptr) {
+        return false;
+    }
+    SYM_DIE_WALK walk(*subprogram);
+    return find_call(walk, *subprogram, address, m_list_base, 0, site) == SEARCH::found;
 }

@@ -1,6 +1,7 @@
 // The functions of one compilation unit in its debug information, and the inlined calls inside each.
 #pragma once
 
+#include "vbx/platform/debug_symbols/die_walk.h"
 #include "vbx/platform/debug_symbols/interval_index.h"
 
 #include <elfutils/libdw.h>
@@ -30,7 +31,7 @@ class SYM_SUBPROGRAM_INDEX {
     enum class DEPTH { outer_scopes, everywhere };
 
     void collect(DEPTH depth);
-    void collect_children(Dwarf_Die parent, DEPTH depth, int level);
+    void collect_children(SYM_DIE_WALK& walk, Dwarf_Die parent, DEPTH depth, int level);
     void add(Dwarf_Die& subprogram);
 
     Dwarf_Die m_unit{};
