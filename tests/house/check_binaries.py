@@ -30,6 +30,7 @@ def check_exports(library, list_file):
 
 def check_elf(library, flags, needed):
     dynamic = output_of("readelf", "-dW", library)
+    segments = output_of("readelf", "-lW", library)
     own_flags = set(re.search(r"\(FLAGS_1\)\s+Flags: (.*)", dynamic).group(1).split())
     own_needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)
     # Versions are those of the packages; what counts is which libraries come into every process.
@@ -38,6 +39,10 @@ def check_elf(library, flags, needed):
         yield f"flags are {sorted(own_flags)}, not {sorted(flags.split(','))}"
     if sorted(own_needed) != sorted(needed.split(",")):
         yield f"needs {sorted(own_needed)}, not {sorted(needed.split(','))}"
+    if "TEXTREL" in dynamic:
+        yield "has relocations in its code"
+    if re.search(r"GNU_STACK.*RWE", segments):
+        yield "asks for an executable stack"
 
 
 if __name__ == "__main__":

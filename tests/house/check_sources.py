@@ -25,11 +25,12 @@ MACHINE_PATH = re.compile(r"(?<![\w$}.])/(?:work|home|root|tmp/wt-[\w-]*|tmp/bri
 
 def files_of(root, suffixes):
     """(path below the root, lines) of all files but those of builds and of version control."""
-    for path in sorted(root.rglob("*")):
-        inside = path.relative_to(root)
-        if path.is_file() and path.suffix in suffixes and inside.parts[0] != ".git" \
-                and not inside.parts[0].startswith("build"):
-            yield inside.as_posix(), path.read_text(errors="replace")
+    paths = [path for path in sorted(root.rglob("*")) if path.is_file() and path.suffix in suffixes]
+    inside = [path.relative_to(root) for path in paths]
+    ours = [path for path in inside if path.parts[0] != ".git" and not path.parts[0].startswith("build")]
+    if not ours:
+        sys.exit(f"no files below {root}: the check would look at nothing")
+    return [(path.as_posix(), (root / path).read_text(errors="replace")) for path in ours]
 
 
 def layer_of(path, layers):
@@ -53,6 +54,8 @@ def check_layers(root):
     layers = [PUBLIC] + [line.split()[0] for line in block.splitlines() if line.strip()]
     graph = {path: list(includes_of(root, path, text)) for path, text in files_of(root, SOURCES)
              if path.startswith(("vbx/", PUBLIC + "/"))}
+    if not any(graph.values()):
+        yield "no includes found: the check has looked at nothing"
     for path, targets in graph.items():
         own = layer_of(path, layers)
         if own is None:

@@ -46,7 +46,8 @@ using LIVE_BLOCKS =
 
 constinit long long allocations = 0, frees = 0;
 constinit long long live_bytes = 0; // allocated less freed since the attach: below 0 when more was freed
-constinit long long senseless = 0;  // events: a block that is there already, a free with another size
+// Events: a block that is there already, a free with another size or of a block that nobody knows.
+constinit long long senseless = 0;
 constinit LIVE_BLOCKS* live_blocks = nullptr; // never destroyed
 constinit std::mutex lock;
 constinit std::atomic<bool> is_attached{false};
@@ -56,25 +57,32 @@ constinit char verdict_file[512] = {};
 [[gnu::tls_model("initial-exec")]] constinit __thread unsigned depth = 0;
 
 void check_allocation(std::uintptr_t block, long long size) {
+    const std::lock_guard guard(lock);
     ++allocations;
     live_bytes += size;
     senseless += !live_blocks->insert_or_assign(block, size).second;
 }
 
-// A block from before the attach is not in the map; one that the tracker doesn't know either spoils the sums.
 void check_free(std::uintptr_t block, long long size) {
+    std::unique_lock guard(lock);
     ++frees;
     live_bytes -= size;
     if (const auto found = live_blocks->find(block); found != live_blocks->end()) {
         senseless += found->second != size;
         live_blocks->erase(found);
+        return;
     }
+    // A block from before the attach the tracker still has: it learns of this free behind us.
+    guard.unlock();
+    MEM_ADDRESS_TRACKER site;
+    const bool is_known = mem_get_address_tracker(reinterpret_cast<void*>(block), site);
+    guard.lock();
+    senseless += !is_known;
 }
 
 void before(void* block, std::uint64_t, std::uint64_t allocated_size, bool is_allocation) {
     if (!is_attached.load(std::memory_order_relaxed) || depth++ != 0)
         return;
-    const std::lock_guard guard(lock);
     (is_allocation ? check_allocation : check_free)(reinterpret_cast<std::uintptr_t>(block),
                                                     static_cast<long long>(allocated_size));
 }

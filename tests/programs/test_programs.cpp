@@ -18,9 +18,9 @@ struct PROGRAM {
     std::vector<std::string> arguments;
     std::string input = {};
     std::string end = "exit 0";
-    std::string result = "none"; // a file it leaves, compared byte for byte
-    std::size_t processes = 1;   // that must at least have given a verdict
-    const char* captures = "[0-9]{4,} captures, [0-9]{1,2} by libgcc"; // with more, comparing says nothing
+    std::string result = "none";     // a file it leaves, compared byte for byte
+    std::size_t processes = 1;       // that must at least have given a verdict
+    bool has_foreign_stacks = false; // whose captures are libgcc's, so that comparing says nothing
     friend void PrintTo(const PROGRAM& one, std::ostream* stream) { *stream << one.name; }
 };
 
@@ -100,8 +100,18 @@ using Unwinder = Programs;
 TEST_P(Unwinder, SeesWhatLibgccSees) {
     const TEST_OUTCOME compared = run({{"LD_PRELOAD", UNWIND_CHECKER}}, directory);
     EXPECT_EQ(compared.end, alone.end) << compared.standard_error;
-    EXPECT_TRUE(std::regex_search(compared.standard_error, std::regex(GetParam().captures)))
-        << compared.standard_error;
+    int compared_processes = 0;
+    const std::regex totals("([0-9]+) captures, ([0-9]+) by libgcc");
+    for (std::sregex_iterator line(compared.standard_error.begin(), compared.standard_error.end(), totals),
+         end;
+         line != end; ++line) {
+        const int captures = std::stoi((*line)[1]);
+        if (captures >= 1000 && !GetParam().has_foreign_stacks) {
+            EXPECT_LT(std::stoi((*line)[2]), 100) << line->str();
+        }
+        compared_processes += captures >= 1000;
+    }
+    EXPECT_GT(compared_processes, 0) << compared.standard_error;
 }
 
 // Frames of the C library stand between those of Python, and frames of code that is made at run time.
@@ -111,7 +121,9 @@ results = []
 def work(number):
     compare = lambda left, right: len(json.dumps([[number]] * 50)) * 0
     callback = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p)(compare)
-    results.append((number, ctypes.CDLL(None).qsort((ctypes.c_int * 999)(), 999, 4, callback) is None))
+    numbers = (ctypes.c_int * 999)()
+    ctypes.CDLL(None).qsort(numbers, 999, 4, callback)
+    results.append((number, sum(numbers)))
 threads = [threading.Thread(target=work, args=(number,)) for number in range(4)]
 [thread.start() for thread in threads]
 [thread.join() for thread in threads]
@@ -164,13 +176,12 @@ INSTANTIATE_TEST_SUITE_P(System, Programs,
                                          PROGRAM{"streams", {STREAMS}, "", "exit 0", "data"}),
                          name_of);
 
-// On foreign stacks the captures are libgcc's.
 INSTANTIATE_TEST_SUITE_P(
     System, Unwinder,
     testing::Values(
         PYTHON, GXX, CLANG, CROWD,
         PROGRAM{"sqlite", {"sqlite3"}, "select count(distinct value || 'x') from generate_series(1, 30000);"},
-        PROGRAM{"foreign_stacks", {STRESS}, "", "exit 0", "none", 1, "captures"}),
+        PROGRAM{"foreign_stacks", {STRESS}, "", "exit 0", "none", 1, true}),
     name_of);
 
 } // namespace

@@ -46,8 +46,7 @@ void leave_tracking_to_the_parent() {
 } // namespace
 
 void mem_install_fork_policy() {
-    // Before our own handlers: the gate goes up behind our prepare handler and is still up when the child's
-    // runs.
+    // Before our own handlers, so that the gate goes up behind our prepare handler.
     tbbk_guard_forks();
     pthread_atfork(mem_hold_long_operations, mem_release_long_operations, leave_tracking_to_the_parent);
 }

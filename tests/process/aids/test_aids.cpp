@@ -30,6 +30,13 @@ TEST(DoubleFree, EndsTheProcessWithTheSitesOfTheBlockInFront) {
         }
 }
 
+TEST(DoubleFree, IsNoneWhereACallbackKeepsBlocksOfItsOwn) {
+    const TEST_DIRECTORY directory;
+    const TEST_OUTCOME outcome =
+        test_run_child({{HOST, "keep_events"}, {{"mem_check_double_free", "on"}}}, directory);
+    EXPECT_EQ(outcome.end, "exit 9") << outcome.standard_error;
+}
+
 TEST(Log, HasWholeLinesOfAllThreadsAndIsTheProcesssOwn) {
     const TEST_DIRECTORY directory;
     for (int run = 0; run < 2; ++run) // the second empties the file

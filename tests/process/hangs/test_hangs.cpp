@@ -13,6 +13,7 @@ struct DANGER {
     // The locks that the reports need may be held for good: then there is a warning, or nothing at all.
     bool has_reports = true;
     std::string warning = {};
+    int times = 1;
     friend void PrintTo(const DANGER& one, std::ostream* stream) { *stream << one.name; }
 };
 
@@ -32,18 +33,24 @@ void expect_sound_report(const TEST_DIRECTORY& directory) {
 }
 
 TEST_P(Dangers, DontKeepProcessesFromTheirEnds) {
-    for (const TEST_ENVIRONMENT& aids : {TEST_ENVIRONMENT(), test_all_debug_aids()})
-        for (const TEST_ENVIRONMENT& switches : {TEST_ENVIRONMENT(), test_all_switches()}) {
-            const TEST_DIRECTORY directory;
-            const TEST_OUTCOME outcome = test_run_child({GetParam().arguments, switches + aids}, directory);
-            EXPECT_EQ(outcome.end, "exit 9") << outcome.standard_error;
-            if (switches.empty())
-                EXPECT_EQ(directory.files("").size(), aids.empty() ? 0U : 1U); // the allocation log
-            else if (GetParam().has_reports)
-                expect_sound_report(directory);
-            else
-                EXPECT_EQ(outcome.standard_error, GetParam().warning);
-        }
+    for (int time = 0; time < GetParam().times; ++time)
+        for (const TEST_ENVIRONMENT& aids : {TEST_ENVIRONMENT(), test_all_debug_aids()})
+            for (const TEST_ENVIRONMENT& switches : {TEST_ENVIRONMENT(), test_all_switches()}) {
+                SCOPED_TRACE(testing::Message()
+                             << aids.size() << " debug aids, " << switches.size() << " switches");
+                const TEST_DIRECTORY directory;
+                const TEST_OUTCOME outcome =
+                    test_run_child({GetParam().arguments, switches + aids}, directory);
+                EXPECT_EQ(outcome.end, "exit 9") << outcome.standard_error;
+                if (switches.empty()) {
+                    EXPECT_EQ(directory.files("").size(), aids.empty() ? 0U : 1U); // the allocation log
+                }
+                if (!GetParam().has_reports) {
+                    EXPECT_EQ(outcome.standard_error, switches.empty() ? "" : GetParam().warning);
+                } else if (!switches.empty()) {
+                    expect_sound_report(directory);
+                }
+            }
 }
 
 const std::string PROGRAM = BUILT "dangers";
@@ -58,7 +65,8 @@ INSTANTIATE_TEST_SUITE_P(
                     DANGER{"exit_from_last_but_main", {PROGRAM, "end_with_threads", "leave_main"}},
                     DANGER{"exit_inside_callback", {PROGRAM, "exit_inside_event", "callback"}},
                     DANGER{"exit_inside_new_handler", {PROGRAM, "exit_inside_event", "new_handler"}},
-                    DANGER{"exit_inside_query", {PROGRAM, "exit_inside_query"}, false},
+                    // The signal meets the locks of a query in every other run.
+                    DANGER{"exit_inside_query", {PROGRAM, "exit_inside_query"}, false, "", 3},
                     DANGER{"exit_inside_report", {PROGRAM, "exit_inside_report"}, false},
                     DANGER{"stuck_report",
                            {PROGRAM, "end_while_reporting", "for_good"},

@@ -105,6 +105,23 @@ static void free_twice(char** size_and_way) {
     drop(size_and_way[1] == std::string("free") ? block : std::realloc(block, 10));
 }
 
+// A callback that keeps what it sees, in blocks that it gives back now and then. Its own events it passes
+// over, as the library asks of it; those of the library's work in the middle of an event it sees.
+static void keep_events(char**) {
+    static std::vector<void*> kept;
+    static bool is_inside = false;
+    mem_add_callback_function([](void* block, std::uint64_t, std::uint64_t, bool) {
+        if (std::exchange(is_inside, true))
+            return;
+        kept.push_back(block);
+        if (kept.size() % 64 == 0)
+            kept = {};
+        is_inside = false;
+    });
+    for (std::size_t round = 0; round < 20'000; ++round)
+        drop(make(8 + round % 600));
+}
+
 // The program's own files take the numbers of all that were open.
 static void log_and_close_all(char**) {
     drop(make(77));
@@ -144,6 +161,7 @@ int main(int, char** arguments) {
         {"leak_initialiser", leak_initialiser},
         {"register_code_modules", register_code_modules},
         {"free_twice", free_twice},
+        {"keep_events", keep_events},
         {"log_and_close_all", log_and_close_all},
         {"log_on_threads", log_on_threads},
     };

@@ -122,7 +122,8 @@ TEST(LargeCalloc, ReadsZeroAndStaysAwayFromMemoryUntilItIsTouched) {
         std::free(block);
     }
     tbbk_set_mem_tracker_callback(nullptr);
-    ASSERT_EQ(mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT), 0); // locked pages can't be dropped
+    if (mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0) // locked pages can't be dropped
+        GTEST_SKIP() << "this user may not lock so much memory";
     for (int round = 0; round != 3; ++round) {
         char* const block = static_cast<char*>(std::calloc(1, 1'000'000));
         EXPECT_EQ(std::count(block, block + 500'000, 0), 500'000); // the rest stays away

@@ -151,8 +151,8 @@ TEST_F(DEBUG_AIDS_TEST, OnlyASecondFreeEndsTheProcess) {
         {8, "-w-", ""},
         {8, "-S-", ""}, // may have been allocated meanwhile
         {8, "-S--", "^" + fault + "|" + fault},
-        {8, "+-S+--", "^" + fault}, // what was known is of another block
-        {8, "-e+h-", ""},           // the host turns events on again in the middle of it
+        {8, "+-S--", "^" + fault}, // what was known may be of another block
+        {8, "-e+h-", ""},          // the host turns events on again in the middle of it
     };
     for (const auto& [mask, events, message] : cases) {
         SCOPED_TRACE(events);

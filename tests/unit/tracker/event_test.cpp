@@ -2,11 +2,9 @@
 // about; and the table of event callbacks.
 
 #include "tests/unit/tracker/tracker_fixture.h"
-#include "vbx/mem/base/thread_state.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/frame_filter.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
 #include "vbx/mem/mem_tbb_tracker/events/threshold_peak.h"
-#include "vbx/mem/mem_tbb_tracker/state/counters.h"
 
 #include <atomic>
 #include <cstring>

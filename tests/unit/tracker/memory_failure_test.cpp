@@ -72,17 +72,20 @@ bool next_allocation_fails() {
 
 class MEMORY_FAILURE_TEST : public TRACKER_TEST {
   protected:
-    // A new site and module each time, so that every kind of allocation has its turn. Gives the block.
-    static std::uint64_t allocate_with(int left, std::uint64_t number) {
-        fake_define_symbol(0x5000 + number, {"f", "/src/f.cpp", 1, "m" + std::to_string(number)});
-        FAKE_STACK stack{0x5000 + number};
+    // Places of the block map that nobody was in before. Gives the block.
+    static std::uint64_t allocate_with(int left, std::uint64_t number, FAKE_STACK stack) {
         fake_captures().reserve(fake_captures().size() + 2);
-        const std::uint64_t block = 0xA0000 + 0x1001 * number;
+        const std::uint64_t block = 0x2000000 * (number + 1);
         allocations_left = left;
         fake_allocate(block, 64, 64, std::move(stack));
         allocations_left = -1;
         EXPECT_EQ(mem_thread_state.in_tracker_byte, 0);
         return block;
+    }
+    // A new site and module each time, so that every kind of allocation has its turn.
+    static FAKE_STACK new_site(std::uint64_t number) {
+        fake_define_symbol(0x5000 + number, {"f", "/src/f.cpp", 1, "m" + std::to_string(number)});
+        return {0x5000 + number};
     }
 };
 
@@ -98,9 +101,13 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
             EXPECT_EQ(table->figures(MEM_ROOT_ID).current_bytes + table->figures(late_id).current_bytes,
                       bytes);
     };
-    for (int left = 0; left < 20; ++left) {
-        SCOPED_TRACE(left);
-        const std::uint64_t block = allocate_with(left, static_cast<std::uint64_t>(left));
+    allocate(0xB0, 64, {PARSE}); // a site that is known by then, as those of most blocks are
+    release(0xB0, 64);
+    for (std::uint64_t number = 0; number < 40; ++number) {
+        SCOPED_TRACE(number);
+        const std::string module = number < 20 ? "m" + std::to_string(number) : "parser";
+        const std::uint64_t block = allocate_with(static_cast<int>(number % 20), number,
+                                                  number < 20 ? new_site(number) : FAKE_STACK{PARSE});
         expect_bins_hold(64);
         MEM_ADDRESS_TRACKER site;
         const bool is_known = mem_get_address_tracker(reinterpret_cast<void*>(block), site);
@@ -110,7 +117,7 @@ TEST_F(MEMORY_FAILURE_TEST, BlocksGoUnrecordedAndCountersStayBalanced) {
         EXPECT_EQ(rendered_sites().find(" cur 64/"), std::string::npos);
         EXPECT_EQ(catch_all().current_blocks, 0);
         EXPECT_EQ(module_record("OTHER").current_bytes, 0);
-        if (MEMORY_TRACKER_BASE record; mem_get_module_tracker("m" + std::to_string(left), record)) {
+        if (MEMORY_TRACKER_BASE record; mem_get_module_tracker(module, record)) {
             EXPECT_EQ(record.current_bytes, 0);
         }
     }
@@ -165,7 +172,7 @@ TEST_F(MEMORY_FAILURE_TEST, SamplesAreTakenWholeOrNotAtAll) {
     start(MEM_GRANULARITY_PER_LIBRARY | MEM_GRANULARITY_PER_BIN_DETAILED, "1");
     testing::internal::CaptureStdout();
     for (std::uint64_t block = 0; block < 40; ++block)
-        allocate_with(static_cast<int>(block % 20), block);
+        allocate_with(static_cast<int>(block % 20), block, new_site(block));
     testing::internal::GetCapturedStdout();
     mem_user_snapshot_tracking_data();
     // A module's record can be missing for want of memory, but one that is sampled holds one block.

@@ -219,6 +219,11 @@ class RANDOM_RUN_TEST : public TRACKER_TEST, public testing::WithParamInterface<
                      stats.current.blocks.load(), stats.peak.blocks.load()},
                     model.global, "globally");
         EXPECT_EQ(mem_event_totals.total(), model.total.current);
+        for (const auto& [address, block] : model.live) {
+            MEM_ADDRESS_TRACKER site;
+            ASSERT_EQ(mem_get_address_tracker(reinterpret_cast<void*>(address), site), block.site != 0);
+            EXPECT_EQ(site.address, key_of(block.site));
+        }
     }
 };
 

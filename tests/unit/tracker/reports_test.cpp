@@ -60,14 +60,21 @@ TEST_F(REPORT_FILES_TEST, TellOfOneProcessInExactWordsThatTheManualKnows) {
     release(0xF000, 64);
     EXPECT_EQ(mem_unblock_thread_tracking(), 1);
     EXPECT_EQ(mem_unblock_thread_tracking(), 0);
-    for (const MEM_IN_TRACKER_SCOPE own_event; const std::uint64_t block : {0xF100, 0xF200})
-        release(block, 8);
+    {
+        const MEM_IN_TRACKER_SCOPE own_event;
+        release(0xF100, 8);
+        release(0xF200, 8);
+    }
     mem_tbb_tracker_teardown();
     EXPECT_EQ(mem_manager.current_total_memory(), 1296U); // is told as before
     EXPECT_EQ(MEM_MANAGER::peak_total_memory(), 124480U);
+    const auto block = std::make_unique<char[]>(100);
+    EXPECT_GE(MEM_MANAGER::msize(block.get()), 100U);
+    EXPECT_EQ(MEM_MANAGER::get_default_segment()->get_id(), 1);
+    EXPECT_TRUE(mem_is_allocated(block.get()));
 
     std::string text, manual;
-    for (const std::string& name : m_folder.files("mem_tbb_"))
+    for (const std::string& name : m_folder.files(""))
         text += "---- " + name.substr(8, name.find('.') - 8) + "\n" + test_read_file(name);
     EXPECT_EQ(text, test_read_file(VBX_SOURCES "/tests/unit/tracker/reports.golden"));
     for (const auto& page : std::filesystem::directory_iterator(VBX_SOURCES "/docs"))

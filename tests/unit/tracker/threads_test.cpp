@@ -1,4 +1,4 @@
-// The gate and the tables of bins under real threads, and the order of locks; then events on many threads
+// The gate under real threads and the order of locks; then events on many threads
 // while the host opens and closes bins, sets labels, takes samples and writes reports, resets the tables or
 // ends.
 
@@ -50,13 +50,14 @@ INSTANTIATE_TEST_SUITE_P(, GATE_FENCE_TEST, testing::Bool());
 
 TEST(GATE_TEST, GivesUpWaitingForAMouseThatStaysAndTellsOfBrokenUse) {
     MEM_TRACKER_GATE gate;
+    {
+        const MEM_GATE_MOUSE mouse(gate); // begins while the process has no other thread
+        run_on_threads(1, [&gate](std::uint64_t) { EXPECT_FALSE(gate.enter_as_cat_within(0)); });
+    }
     EXPECT_DEATH(gate.leave(MEM_GATE_ROLE::mouse), "MEM: internal error: mice >= 0 ");
     run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); });
     EXPECT_FALSE(gate.enter_as_cat_within(0));
     run_on_threads(1, [&gate](std::uint64_t) { gate.enter(MEM_GATE_ROLE::mouse); }); // no cat approaches now
-    MEM_TRACKER_GATE other;
-    const MEM_GATE_MOUSE mouse(other); // begins while the process has no other thread
-    run_on_threads(1, [&other](std::uint64_t) { EXPECT_FALSE(other.enter_as_cat_within(0)); });
 }
 
 // Threads that end while the last initialiser goes wait for it, and somebody may wait for them.

@@ -6,7 +6,6 @@
 #include "vbx/mem/mem_tbb_tracker/attribution/known_frames.h"
 #include "vbx/mem/mem_tbb_tracker/attribution/resolve.h"
 #include "vbx/mem/mem_tbb_tracker/events/gate.h"
-#include "vbx/mem/mem_tbb_tracker/records/address_map.h"
 #include "vbx/mem/mem_tbb_tracker/state/granularity.h"
 
 #include <cstdio>
@@ -48,19 +47,7 @@ SITE_TEXT described(std::uint64_t address) {
 
 } // namespace
 
-std::uint64_t mem_site_of_live_block(const void* block) noexcept {
-    if (!tracker_finds_sites())
-        return 0;
-    const MEM_IN_TRACKER_SCOPE in_tracker;
-    const MEM_GATE_MOUSE mouse(*mem_tbb_gate);
-    std::uint64_t address = 0;
-    mem_tbb_address_map->visit(block, [&address](const MEM_BLOCK_RECORD& record) {
-        address = record.address_tracker_ptr->address; // never changes
-    });
-    return address;
-}
-
-std::uint64_t mem_site_of_this_free() noexcept {
+std::uint64_t mem_site_of_this_event() noexcept {
     if (!tracker_finds_sites())
         return 0;
     const MEM_IN_TRACKER_SCOPE in_tracker;

@@ -7,10 +7,11 @@
 // addresses and not sites, because a reset of the tracker forgets those.
 #pragma once
 
+#include "vbx/mem/debug_aids/quiet_allocator.h"
+
 #include <tbb/concurrent_hash_map.h>
 
 #include <cstdint>
-#include <memory>
 #include <utility>
 
 // The heap's slots begin at multiples of 16, in slabs of 2^14 bytes. Neighbours of a slab stay near each
@@ -29,11 +30,11 @@ struct MEM_BLOCK_HISTORY {
     std::uint64_t freed_at = 0;
 };
 
-// The code address of the site for the event of a block that a host's thread makes; 0 when it isn't known.
-// The first is for behind the tracker's own handler of an allocation. The second describes code that is new,
-// for which it may allocate, like any event of the tracker's: not for where such events are turned away.
-std::uint64_t mem_site_of_live_block(const void* block) noexcept;
-std::uint64_t mem_site_of_this_free() noexcept;
+// The code address of the site of the event that a host's thread is in; 0 when it isn't known. By the stack,
+// since frees have nothing else, and since a host can bring the tracker's own handler of allocations behind
+// the check's. It describes code that is new, for which it may allocate, like any event of the tracker's: not
+// for where such events are turned away.
+std::uint64_t mem_site_of_this_event() noexcept;
 
 class MEM_BLOCK_HISTORIES {
   public:
@@ -41,12 +42,15 @@ class MEM_BLOCK_HISTORIES {
     void note_allocation(const void* block, std::uint64_t site);
     void note_free(const void* block, std::uint64_t site);
 
+    // While no other call is under way.
+    void forget_all() { m_entries.clear(); }
+
     // One line "MEM: ..." on standard error, unless nothing is known of the block.
     void tell(const void* block);
 
   private:
     using ENTRY = std::pair<const void* const, MEM_BLOCK_HISTORY>;
     using ENTRIES = tbb::concurrent_hash_map<const void*, MEM_BLOCK_HISTORY, MEM_BLOCK_ADDRESS_COMPARE,
-                                             std::allocator<ENTRY>>;
+                                             MEM_QUIET_ALLOCATOR<ENTRY>>;
     ENTRIES m_entries;
 };

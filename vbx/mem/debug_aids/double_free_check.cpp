@@ -17,10 +17,9 @@ using EPOCH = std::uint32_t;
 constexpr EPOCH IN_USE = 0;
 constinit std::atomic<EPOCH> current_epoch{1};
 
-// The ordinary heap: its events come back into the handler and are turned away there.
 using FREE_MARK = std::pair<const void* const, EPOCH>;
 using FREE_MARKS =
-    tbb::concurrent_hash_map<const void*, EPOCH, MEM_BLOCK_ADDRESS_COMPARE, std::allocator<FREE_MARK>>;
+    tbb::concurrent_hash_map<const void*, EPOCH, MEM_BLOCK_ADDRESS_COMPARE, MEM_QUIET_ALLOCATOR<FREE_MARK>>;
 
 // From the start of the check to the teardown, but for its pauses. Events that find no marks leave at once.
 constinit std::atomic<FREE_MARKS*> free_marks{nullptr};
@@ -39,8 +38,8 @@ bool is_mark_of_now(EPOCH mark) {
     err_report_internal_error("Double free detected", "MEM", __FILE__, __LINE__);
 }
 
-// A host's blocked thread is not checked. Nor is the check's own heap use, made with an entry locked; what it
-// allocates it frees inside of itself, or never while it checks.
+// A host's blocked thread is not checked. Nor is the check's own heap use: of that only an exception has
+// events, which it frees inside of itself.
 bool is_turned_away() {
     return (mem_thread_state.block_byte & (MEM_BLOCKED_BY_HOST | MEM_BLOCKED_BY_FREE_CHECK)) != 0;
 }
@@ -82,9 +81,12 @@ bool has_history() {
     return histories != nullptr && mem_thread_state.in_tracker_byte == 0 && !is_in_own_work();
 }
 
+// Both ask for the site before their own scope: what the tracker allocates for a new one it frees where the
+// check looks.
+
 void on_allocation(FREE_MARKS& marks, const void* block) {
     const bool is_noted = has_history();
-    const std::uint64_t site = is_noted ? mem_site_of_live_block(block) : 0;
+    const std::uint64_t site = is_noted ? mem_site_of_this_event() : 0;
     const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
     take_mark_away(marks, block);
     if (is_noted)
@@ -93,8 +95,7 @@ void on_allocation(FREE_MARKS& marks, const void* block) {
 
 void on_free(FREE_MARKS& marks, const void* block) {
     const bool is_noted = has_history();
-    // Here and not below: what the tracker allocates for a new site it frees where the check looks.
-    const std::uint64_t site = is_noted ? mem_site_of_this_free() : 0;
+    const std::uint64_t site = is_noted ? mem_site_of_this_event() : 0;
     const MEM_BLOCK_SCOPE own_work(MEM_BLOCKED_BY_FREE_CHECK);
     unless_memory_fails([=, &marks] {
         if (set_mark(marks, block))
@@ -152,6 +153,10 @@ void mem_resume_double_free_check(bool (*events_have_ended)()) {
     if (paused_marks.load() == nullptr || !events_have_ended())
         return;
     current_epoch.fetch_add(1);
+    // What is known is of blocks before those that were allocated meanwhile. Nobody is inside: events that
+    // come now find no marks.
+    if (histories != nullptr)
+        histories->forget_all();
     free_marks.store(paused_marks.exchange(nullptr));
 }
 
@@ -174,5 +179,7 @@ void mem_destroy_free_marks() {
 }
 
 void mem_forget_double_free_check_after_fork() {
+    // An event that the fork happened in goes on with the callbacks that it began with.
+    free_marks.store(nullptr);
     tbbk_set_free_check(nullptr);
 }

@@ -4,10 +4,18 @@
 
 #include <dwarf.h>
 
+#include <algorithm>
+
 namespace {
 
-// Far above what real programs have. Broken files can make thousands of units share one long list.
-constexpr std::size_t most_range_entries = std::size_t{1} << 22;
+// How many entries the range lists of a file can have, each read once: these are their shortest forms. In a
+// broken file thousands of units can share one long list.
+std::size_t most_range_entries(const SYM_DWARF_IMAGE& image) {
+    constexpr std::size_t ranges_entry = 16;
+    constexpr std::size_t rnglists_entry = 3;
+    return image.section(".debug_ranges").size() / ranges_entry +
+           image.section(".debug_rnglists").size() / rnglists_entry;
+}
 
 // Names in the debug information may be relative to the folder the compiler ran in.
 void set_file_name(Dwarf_Die& unit, const char* name, std::string& out) {
@@ -43,24 +51,25 @@ void SYM_LINE_INDEX::collect_units() {
         std::uint32_t unit;
     };
     std::vector<RANGE> ranges;
-    std::size_t entries = 0;
+    std::size_t entries_left = most_range_entries(m_image);
     // The units are found by walking them: compilers need not write an address table.
     Dwarf_CU* unit = nullptr;
     Dwarf_Die die;
-    while (entries < most_range_entries &&
-           dwarf_get_units(m_image.dwarf(), unit, &unit, nullptr, nullptr, &die, nullptr) == 0) {
+    while (dwarf_get_units(m_image.dwarf(), unit, &unit, nullptr, nullptr, &die, nullptr) == 0) {
         const std::size_t before = ranges.size();
         Dwarf_Addr base = 0;
         Dwarf_Addr start = 0;
         Dwarf_Addr end = 0;
+        std::size_t unit_entries_left = entries_left + 1; // a unit of one piece has no list
         for (ptrdiff_t at = 0;
-             entries < most_range_entries && (at = dwarf_ranges(&die, at, &base, &start, &end)) > 0;
-             ++entries) {
+             unit_entries_left > 0 && (at = dwarf_ranges(&die, at, &base, &start, &end)) > 0;
+             --unit_entries_left) {
             // Code that the linker threw away is left at address 0.
             if (start != 0 && start < end) {
                 ranges.push_back({start, end, static_cast<std::uint32_t>(m_units.size())});
             }
         }
+        entries_left = std::min(entries_left, unit_entries_left);
         if (ranges.size() > before) {
             m_units.push_back({die, nullptr, nullptr});
         }

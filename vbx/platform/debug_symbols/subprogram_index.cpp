@@ -7,6 +7,9 @@ namespace {
 // Far deeper than any compiler nests; broken files must not use up the host's stack.
 constexpr int deepest_level = 96;
 
+// Far more than the functions of a unit have. In broken files thousands of them can share one long list.
+constexpr std::size_t most_range_entries = std::size_t{1} << 22;
+
 bool is_outer_scope(int tag) {
     switch (tag) {
     case DW_TAG_namespace:
@@ -95,6 +98,7 @@ void SYM_SUBPROGRAM_INDEX::load(const Dwarf_Die& unit, std::uint64_t list_base) 
 void SYM_SUBPROGRAM_INDEX::collect(DEPTH depth) {
     m_depth = depth;
     m_subprograms.clear();
+    m_range_entries = 0;
     m_ranges = {};
     SYM_DIE_WALK walk(m_unit);
     collect_children(walk, m_unit, depth, 0);
@@ -124,7 +128,9 @@ void SYM_SUBPROGRAM_INDEX::add(Dwarf_Die& subprogram) {
     Dwarf_Addr base = 0;
     Dwarf_Addr start = 0;
     Dwarf_Addr end = 0;
-    for (ptrdiff_t at = 0; (at = dwarf_ranges(&subprogram, at, &base, &start, &end)) > 0;) {
+    for (ptrdiff_t at = 0; m_range_entries < most_range_entries &&
+                           (at = dwarf_ranges(&subprogram, at, &base, &start, &end)) > 0;
+         ++m_range_entries) {
         // Code that the linker threw away is left at address 0.
         if (start + shift != 0 && start < end) {
             m_ranges.add(start + shift, end + shift, index);

@@ -38,5 +38,6 @@ class SYM_SUBPROGRAM_INDEX {
     std::uint64_t m_list_base = 0;
     std::vector<Dwarf_Die> m_subprograms;
     SYM_INTERVAL_INDEX m_ranges; // payload: index of the subprogram
+    std::size_t m_range_entries = 0;
     DEPTH m_depth = DEPTH::outer_scopes;
 };
