@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -108,18 +109,21 @@ static void free_twice(char** size_and_way) {
 // A callback that keeps what it sees, in blocks that it gives back now and then. Its own events it passes
 // over, as the library asks of it; those of the library's work in the middle of an event it sees.
 static void keep_events(char**) {
-    static std::vector<void*> kept;
+    static auto& kept = *new std::vector<void*>; // for as long as there are events
     static bool is_inside = false;
     mem_add_callback_function([](void* block, std::uint64_t, std::uint64_t, bool) {
         if (std::exchange(is_inside, true))
             return;
         kept.push_back(block);
         if (kept.size() % 64 == 0)
-            kept = {};
+            std::vector<void*>().swap(kept);
         is_inside = false;
     });
+    // The first free of an address is what the check needs memory for.
+    std::vector<void*> blocks;
     for (std::size_t round = 0; round < 20'000; ++round)
-        drop(make(8 + round % 600));
+        blocks.push_back(make(8 + round % 600));
+    std::for_each(blocks.rbegin(), blocks.rend(), drop);
 }
 
 // The program's own files take the numbers of all that were open.
